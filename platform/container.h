@@ -1,0 +1,35 @@
+// The simulated device and the running process's sandbox container.
+//
+//   <device>/keychain.db                    every keychain item of the device
+//   <device>/notifications/<bundle id>.db   categories each app has registered
+//   <device>/containers/<bundle id>/        Documents/, Library/, tmp/ of each app
+//
+// The device directory is named by the host (pnx --device, $PNX_DEVICE, else
+// $XDG_DATA_HOME/pnx/device or ~/.local/share/pnx/device). The container belongs to the
+// main bundle's identifier ("unknown.bundle" when there is none). Directories are
+// created on demand, private to the user (0700).
+#pragma once
+
+#include <string>
+
+namespace pnx {
+
+class Device {
+ public:
+  static std::string directory();
+  // Names the device directory for this process. Call during set-up.
+  static void setDirectory(const std::string& path);
+  // The default when the host names none: $PNX_DEVICE, else the user's data directory.
+  static std::string defaultDirectory();
+};
+
+class Container {
+ public:
+  // <device>/containers/<bundle id>, created on demand.
+  static std::string root();
+  static std::string documentsDirectory();
+  static std::string libraryDirectory();
+  static std::string temporaryDirectory();
+};
+
+}  // namespace pnx
