@@ -140,11 +140,16 @@ class Value {
 
  private:
   friend struct ValueDescriber;
+  bool sharesStorageWith(const Value& other) const;
   std::variant<std::monostate, bool, std::int64_t, double, std::shared_ptr<const std::string>,
                pnx::Date, std::shared_ptr<const pnx::Data>, std::shared_ptr<const pnx::Array>,
                std::shared_ptr<const pnx::Dictionary>, std::shared_ptr<const pnx::Set>, ObjectPtr>
       v_;
 };
+
+// The platform's text for a real: shortest round-trip digits, integral values without a
+// fraction ("5", "0.1", "1e+300"), "nan" and "inf"/"-inf" for the special values.
+std::string formatReal(double d);
 
 inline bool ValueLess::operator()(const Value& a, const Value& b) const {
   return a.compare(b) < 0;
