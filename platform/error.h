@@ -84,6 +84,8 @@ class Exception final : public Object, public std::exception {
   std::string className() const override { return "NSException"; }
   std::string description() const override { return reason_; }
   bool isEqual(const Object& other) const override;
+  // Agrees with isEqual: by name and reason.
+  std::size_t hash() const override;
 
  private:
   std::string name_;
