@@ -32,7 +32,9 @@ class DispatchQueue {
 
   const std::string& label() const { return label_; }
   void async(Block block);
-  // Runs block on the queue and waits for it. Must not be called from the queue itself.
+  // Runs block on the queue and waits for it; an exception from the block reaches the
+  // caller. Called from the queue itself (or, for the main queue, from the thread that runs
+  // its RunLoop), waiting would deadlock, so the block runs inline instead.
   void sync(const Block& block);
   // Waits until every block queued before this call has run.
   void drain() {
