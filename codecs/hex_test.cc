@@ -1,0 +1,58 @@
+#include "codecs/hex.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using std::string_literals::operator""s;
+
+TEST(HexTest, EncodesEveryByteAsTwoLowerCaseDigits) {
+  EXPECT_EQ(hexadecimalString({0x00, 0xAB, 0xFF}), "00abff");
+  EXPECT_EQ(hexadecimalString({}), "");
+  pnx::Data all(256);
+  for (int i = 0; i < 256; ++i) all[i] = static_cast<std::uint8_t>(i);
+  const std::string hex = hexadecimalString(all);
+  ASSERT_EQ(hex.size(), 512u);
+  EXPECT_EQ(hex.substr(0x7F * 2, 6), "7f8081");
+}
+
+TEST(HexTest, DecodesPairsInEitherCaseAndIgnoresAnOddLastDigit) {
+  EXPECT_EQ(stringFromHex("48656c6c6f"), "Hello");
+  EXPECT_EQ(stringFromHex("48656C6C6F"), "Hello");
+  EXPECT_EQ(stringFromHex("48656"), "He");
+  EXPECT_EQ(stringFromHex(""), "");
+  EXPECT_EQ(stringFromHex("4"), "");
+  const std::string text = "Grüße, 世界 😀";
+  EXPECT_EQ(stringFromHex(hexadecimalString(pnx::Data(text.begin(), text.end()))), text);
+}
+
+TEST(HexTest, RefusesBytesThatAreNotUTF8) {
+  EXPECT_EQ(stringFromHex("c3"), std::nullopt);  // a lone lead byte
+  EXPECT_EQ(stringFromHex("c3a9"), "é");
+  EXPECT_EQ(stringFromHex("c080"), std::nullopt);  // an overlong NUL
+  EXPECT_EQ(stringFromHex("-1"), std::nullopt);    // 0xFF after truncation
+}
+
+TEST(HexTest, ParsesMalformedPairsAsStrtolDoes) {
+  EXPECT_EQ(stringFromHex(" f"), "\x0f");
+  EXPECT_EQ(stringFromHex("+7"), "\x07");
+  EXPECT_EQ(stringFromHex("1g"), "\x01");
+  EXPECT_EQ(stringFromHex("zz"), "\0"s);
+  EXPECT_EQ(stringFromHex("g1"), "\0"s);
+  EXPECT_EQ(stringFromHex("0x41"), "\0A"s);  // "0x" alone has no digits after the prefix
+}
+
+TEST(HexTest, CountsAndReducesNonASCIICharactersAsUTF16CodeUnits) {
+  // U+0141 reduces to 0x41 'A': "c3" then the pair "A1" gives 0xC3 0xA1, "á".
+  EXPECT_EQ(stringFromHex("c3\u01411"), "á");
+  // A character beyond U+FFFF is two code units (a surrogate pair), so one whole pair.
+  EXPECT_EQ(stringFromHex("😀"), "\0"s);
+  EXPECT_EQ(stringFromHex("😀41"), "\0A"s);
+  // Bytes that are not UTF-8 count one unit each and never crash the reader.
+  EXPECT_EQ(stringFromHex("\xff"
+                          "1"
+                          "41"),
+            "\0A"s);
+}
+
+}  // namespace
