@@ -1,0 +1,80 @@
+// NSError_PNX: the error factories of the SDK's one error domain, "pnx.campaign.mobile"
+// (errorDomain). Every error the SDK hands to a caller is made here, with its fixed code
+// (100 to 123) and text, and with the description of the call site that asked for it under
+// NSDebugDescriptionErrorKey (a PNXErrorCaller record). In call stack lines the class
+// shows as "NSError(PNX)", which is how the caller record recognises and skips its frames.
+//
+// Thread-safety: stateless; every factory may be called from any thread at the same time.
+// The call-site record is taken on the calling thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "diagnostics/constants.h"
+#include "platform/date.h"
+#include "platform/error.h"
+#include "platform/http_response.h"
+#include "platform/object.h"
+#include "platform/value.h"
+
+// userInfo keys of a code-105 error (read back by the delivery manager) and of code 118.
+inline constexpr const char* PNXRetryAfterKey = "retryAfter";
+inline constexpr const char* PNXStatusMessageKey = "statusMessage";
+inline constexpr const char* PNXStatusCodeKey = "statusCode";
+inline constexpr const char* PNXSqliteCodeKey = "sqliteCode";
+
+class NSError_PNX {
+ public:
+  // The builder. userInfo starts as { NSLocalizedDescriptionKey: description }; the
+  // entries of extraUserInfo (a dictionary, or null) are copied over it, then a non-null
+  // underlyingError is set under NSUnderlyingErrorKey, then the call site is added.
+  static pnx::ErrorPtr errorWithCode(std::intptr_t code, const std::string& description);
+  static pnx::ErrorPtr errorWithCode(std::intptr_t code, const std::string& description,
+                                     const pnx::Value& underlyingError);
+  static pnx::ErrorPtr errorWithCode(std::intptr_t code, const std::string& description,
+                                     const pnx::Value& underlyingError, const pnx::Value& userInfo);
+  // userInfo with NSDebugDescriptionErrorKey set to the record's debugDescription; when the
+  // record is null or not a PNXErrorCaller, logs that and returns userInfo unchanged.
+  static pnx::Value addCaller(const pnx::ObjectPtr& caller, const pnx::Value& userInfo);
+
+  static pnx::ErrorPtr appKeyMissing();                                    // 100
+  static pnx::ErrorPtr pnxRegistrationIncomplete();                        // 101
+  static pnx::ErrorPtr apsRegistrationIncomplete();                        // 102
+  static pnx::ErrorPtr invalidJsonFromServer(const pnx::ErrorPtr& error);  // 103
+  static pnx::ErrorPtr keychainUnarchiveFailed(const std::optional<std::string>& name,
+                                               std::shared_ptr<const pnx::Exception> exception);
+  // 105: "statusCode", "retryAfter" (from a numeric or textual Retry-After header: its
+  // leading integer, 0 for an HTTP date), "statusMessage" (the body, when it is UTF-8),
+  // and the response's URL under NSURLErrorKey.
+  static pnx::ErrorPtr httpResponseError(const pnx::HTTPURLResponse& response,
+                                         const std::optional<pnx::Data>& data);
+  static pnx::ErrorPtr responseNotHttpError();                    // 106
+  static pnx::ErrorPtr inboxSyncTooFrequent(pnx::Date lastSync);  // 107
+  static pnx::ErrorPtr invalidInboxMessageId();                   // 108
+  static pnx::ErrorPtr inboxMessageDecodeFromPayloadFailed();     // 109
+  static pnx::ErrorPtr duplicateUserAttribute(const pnx::Value& name, const pnx::Value& value);
+  static pnx::ErrorPtr duplicateChannelAttribute(const pnx::Value& name, const pnx::Value& value);
+  static pnx::ErrorPtr multipleDeleteUserAttribute(const pnx::Value& name);     // 112
+  static pnx::ErrorPtr multipleDeleteChannelAttribute(const pnx::Value& name);  // 113
+  static pnx::ErrorPtr verificationUserAttribute(const pnx::Value& name,
+                                                 const pnx::Value& value);  // 114
+  static pnx::ErrorPtr verificationChannelAttribute(const pnx::Value& name,
+                                                    const pnx::Value& value);       // 115
+  static pnx::ErrorPtr verificationDeleteUserAttribute(const pnx::Value& name);     // 116
+  static pnx::ErrorPtr verificationDeleteChannelAttribute(const pnx::Value& name);  // 117
+  // 118, with the description as given and "sqliteCode" = code.
+  static pnx::ErrorPtr genericDatabaseErrorCode(std::intptr_t code, const std::string& description);
+  static pnx::ErrorPtr installIdNotAvailable();                           // 119
+  static pnx::ErrorPtr httpRequestMissingURL();                           // 120
+  static pnx::ErrorPtr valueIsNotJsonComplient(const pnx::Value& value);  // 121
+  static pnx::ErrorPtr keychainNotAvailable();                            // 122
+  // 123; the event is any object answering name() and type().
+  template <class Event>
+  static pnx::ErrorPtr duplicateEvent(const Event& event) {
+    return duplicateEventNamed(event.name(), event.type());
+  }
+  static pnx::ErrorPtr duplicateEventNamed(const pnx::Value& name, const pnx::Value& type);
+};
