@@ -17,7 +17,8 @@ namespace pnx {
 class Device {
  public:
   static std::string directory();
-  // Names the device directory for this process. Call during set-up.
+  // Names the device directory for this process (empty: back to the default). Call
+  // during set-up.
   static void setDirectory(const std::string& path);
   // The default when the host names none: $PNX_DEVICE, else the user's data directory.
   static std::string defaultDirectory();

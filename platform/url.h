@@ -4,7 +4,12 @@
 // percent escapes, a malformed authority). Absolute URLs are checked with curl's URL API.
 // Path operations follow the platform: lastPathComponent of "https://h" is "", of
 // "https://h/" is "/", of "https://h/a/b/" is "b"; deletingLastPathComponent of
-// "https://h/a/b" is "https://h/a/".
+// "https://h/a/b" is "https://h/a/", of "https://h/a/" is "https://h/", and where nothing is
+// left to delete ("https://h/", "https://h") it climbs: "https://h/../".
+// scheme() is lower-cased; path() is percent-decoded without a trailing slash ("/" stays);
+// lastPathComponent() is percent-decoded except "%2F", so that it is always one file name.
+// appendingPathComponent() percent-encodes what a path can't hold ("?", "#", spaces) but
+// keeps "/" as a separator. Query and fragment survive the path operations.
 #pragma once
 
 #include <memory>
