@@ -1,0 +1,125 @@
+#include "tools/pnx/command.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <iostream>
+#include <utility>
+
+#include "platform/bundle.h"
+#include "platform/container.h"
+#include "platform/json.h"
+
+namespace {
+
+// Function-local so that registrations from other files' static initialisers find it
+// constructed, whatever the order in which the files are initialised.
+std::vector<RegisteredCommand>& registry() {
+  static std::vector<RegisteredCommand> commands;
+  return commands;
+}
+
+std::string base64(const pnx::Data& bytes) {
+  static constexpr char kAlphabet[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string text;
+  text.reserve((bytes.size() + 2) / 3 * 4);
+  for (std::size_t i = 0; i < bytes.size(); i += 3) {
+    const std::size_t remaining = bytes.size() - i;
+    std::uint32_t group = std::uint32_t{bytes[i]} << 16;
+    if (remaining > 1) group |= std::uint32_t{bytes[i + 1]} << 8;
+    if (remaining > 2) group |= bytes[i + 2];
+    text += kAlphabet[(group >> 18) & 0x3f];
+    text += kAlphabet[(group >> 12) & 0x3f];
+    text += remaining > 1 ? kAlphabet[(group >> 6) & 0x3f] : '=';
+    text += remaining > 2 ? kAlphabet[group & 0x3f] : '=';
+  }
+  return text;
+}
+
+// A copy of `value` that the JSON serialiser accepts.
+pnx::Value jsonSafe(const pnx::Value& value) {
+  using Type = pnx::Value::Type;
+  switch (value.type()) {
+    case Type::Real:
+      return std::isfinite(value.doubleValue()) ? value : pnx::Value();
+    case Type::Date:
+      return value.asDate()->iso8601();
+    case Type::Data:
+      return base64(*value.asData());
+    case Type::Object:
+      return value.description();
+    case Type::Array: {
+      pnx::Array items;
+      for (const auto& item : *value.asArray()) items.push_back(jsonSafe(item));
+      return items;
+    }
+    case Type::Set: {
+      pnx::Array items;
+      for (const auto& item : *value.asSet()) items.push_back(jsonSafe(item));
+      return items;
+    }
+    case Type::Dictionary: {
+      pnx::Dictionary entries;
+      for (const auto& [key, item] : *value.asDictionary()) {
+        pnx::Value name = key.isString() ? key : pnx::Value(key.description());
+        entries.insert_or_assign(std::move(name), jsonSafe(item));
+      }
+      return entries;
+    }
+    default:
+      return value;
+  }
+}
+
+// Messages are one line each, so that scripts can rely on it.
+std::string oneLine(std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  std::replace(text.begin(), text.end(), '\r', ' ');
+  while (!text.empty() && text.back() == ' ') text.pop_back();
+  return text;
+}
+
+}  // namespace
+
+CommandRegistration::CommandRegistration(const char* name, const char* help, CommandSetup setup) {
+  registry().push_back({name, help, std::move(setup)});
+}
+
+std::vector<RegisteredCommand> registeredCommands() {
+  std::vector<RegisteredCommand> commands = registry();
+  std::sort(commands.begin(), commands.end(),
+            [](const auto& a, const auto& b) { return a.name < b.name; });
+  return commands;
+}
+
+void pnxPrepare(const PnxGlobals& globals) {
+  pnx::Device::setDirectory(globals.device);
+  pnx::Bundle::setMain(globals.bundle);
+}
+
+std::string pnxJSONText(const pnx::Value& value) {
+  // Wrapped in an array because the serialiser only writes arrays and objects at the top;
+  // the brackets are cut off again.
+  auto text = pnx::JSON::serialize(pnx::Value::array({jsonSafe(value)}));
+  if (!text || text->size() < 2) return "null";  // not reached for a jsonSafe value
+  return text->substr(1, text->size() - 2);
+}
+
+void pnxPrintJSON(const pnx::Value& value) {
+  std::cout << pnxJSONText(value) << '\n' << std::flush;
+}
+
+int pnxFail(const std::string& message) {
+  std::cerr << "pnx: " << oneLine(message) << '\n' << std::flush;
+  return 1;
+}
+
+int pnxUsage(const std::string& message) {
+  std::cerr << "pnx: " << oneLine(message) << "; see pnx --help\n" << std::flush;
+  return 2;
+}
+
+void pnxProgress(const std::string& message) {
+  std::cerr << "pnx: " << oneLine(message) << '\n' << std::flush;
+}

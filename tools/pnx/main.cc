@@ -1,0 +1,118 @@
+// pnx: the host program. Parses the global options, builds one subcommand per registered
+// command (see command.h) and runs the chosen one. Exit codes: 0 success, 1 failure,
+// 2 usage error; every message on stderr is one line.
+
+#include <cctype>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "platform/container.h"
+#include "platform/error.h"
+#include "tools/pnx/command.h"
+
+#ifndef PNX_VERSION
+#error "PNX_VERSION must be defined by the build"
+#endif
+
+namespace {
+
+struct ChosenCommand {
+  CLI::App* sub;
+  PnxCommandRun run;
+};
+
+std::string inQuotes(const std::string& text) {
+  return "'" + text + "'";
+}
+
+// A parse error as one short sentence. CLI11's own wording is kept except for stray
+// arguments, where naming the unknown command or option helps more.
+std::string describeParseError(const CLI::ParseError& error, const CLI::App& app,
+                               bool commandChosen) {
+  if (dynamic_cast<const CLI::ExtrasError*>(&error)) {
+    const std::vector<std::string> extras = app.remaining();
+    if (!extras.empty()) {
+      const std::string& first = extras.front();
+      if (first.size() > 1 && first[0] == '-') return "unknown option " + inQuotes(first);
+      if (!commandChosen) return "unknown command " + inQuotes(first);
+      return "unexpected argument " + inQuotes(first);
+    }
+  }
+  std::string message = error.what();
+  if (!message.empty()) message[0] = static_cast<char>(std::tolower(message[0]));
+  return message;
+}
+
+bool anyChosen(const std::vector<ChosenCommand>& commands) {
+  for (const auto& command : commands) {
+    if (command.sub->parsed()) return true;
+  }
+  return false;
+}
+
+int runPnx(int argc, char** argv) {
+  CLI::App app{"Runs and inspects the push notification service on a simulated device.", "pnx"};
+  app.fallthrough();  // global options may also follow the command
+  app.require_subcommand(0, 1);
+  app.footer(
+      "Results are JSON on stdout; progress goes to stderr. Exit codes: 0 ok, 1 failure, "
+      "2 usage error.");
+
+  PnxGlobals globals;
+  bool showVersion = false;
+  app.add_option("--device", globals.device, "Simulated device directory")
+      ->envname("PNX_DEVICE")
+      ->type_name("DIR");
+  app.add_option("--bundle", globals.bundle, "App bundle directory (Info.plist, PnxConfig.json)")
+      ->envname("PNX_BUNDLE")
+      ->type_name("DIR");
+  app.add_flag("--version", showVersion, "Print the library version and exit");
+
+  std::vector<ChosenCommand> commands;
+  for (const auto& registered : registeredCommands()) {
+    CLI::App* sub = app.add_subcommand(registered.name, registered.help);
+    commands.push_back({sub, registered.setup(*sub)});
+  }
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) return app.exit(error);  // --help
+    return pnxUsage(describeParseError(error, app, anyChosen(commands)));
+  }
+
+  if (showVersion) {
+    std::cout << PNX_VERSION << '\n';
+    return 0;
+  }
+  for (const auto& command : commands) {
+    if (!command.sub->parsed()) continue;
+    if (!command.run) return pnxFail(command.sub->get_name() + " is not available");
+    if (globals.device.empty()) globals.device = pnx::Device::defaultDirectory();
+    std::error_code ignored;
+    if (!globals.bundle.empty() && !std::filesystem::is_directory(globals.bundle, ignored)) {
+      return pnxFail("no bundle directory at " + inQuotes(globals.bundle));
+    }
+    pnxPrepare(globals);
+    return command.run(globals);
+  }
+  return pnxUsage("a command is required");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Bad input must never crash pnx: whatever escapes a command becomes one line and exit 1.
+  try {
+    return runPnx(argc, argv);
+  } catch (const pnx::Exception& exception) {
+    return pnxFail(exception.name() + ": " + exception.reason());
+  } catch (const std::exception& exception) {
+    return pnxFail(exception.what());
+  } catch (...) {
+    return pnxFail("unexpected failure");
+  }
+}

@@ -1,0 +1,134 @@
+// The pnx program's contract with its users: the version, usage errors as one line with
+// exit code 2, and JSON output that never fails to serialise.
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "platform/error.h"
+#include "tools/pnx/command.h"
+#include "tools/pnx/run_pnx_test.h"
+
+namespace {
+
+// The command names listed under "Subcommands:" in `pnx --help`.
+std::vector<std::string> listedCommands() {
+  PnxRun help = runPnx({"--help"});
+  std::vector<std::string> names;
+  std::istringstream lines(help.out);
+  bool inCommands = false;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("Subcommands:")) {
+      inCommands = true;
+    } else if (inCommands && line.starts_with("  ") && line.size() > 2 && line[2] != ' ') {
+      names.push_back(line.substr(2, line.find(' ', 2) - 2));
+    } else if (inCommands && line.empty()) {
+      break;
+    }
+  }
+  return names;
+}
+
+void expectUsageError(const PnxRun& run, const std::string& mentions) {
+  EXPECT_EQ(run.exitCode, 2) << run.err;
+  EXPECT_EQ(run.out, "");
+  ASSERT_EQ(run.errLines().size(), 1u) << run.err;
+  EXPECT_TRUE(run.err.starts_with("pnx: ")) << run.err;
+  EXPECT_NE(run.err.find(mentions), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("; see pnx --help"), std::string::npos) << run.err;
+}
+
+TEST(PnxProgram, VersionIsTheLibraryVersionWhateverTheGlobals) {
+  PnxRunner pnx;
+  for (const PnxRun& run : {runPnx({"--version"}), pnx.run({"--version"})}) {
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out, "3.8.0\n");
+    EXPECT_EQ(run.err, "");
+  }
+}
+
+TEST(PnxProgram, UsageErrorsAreOneLineAndExitTwo) {
+  PnxRunner pnx;
+  expectUsageError(pnx.run({"nonsense"}), "unknown command 'nonsense'");
+  expectUsageError(pnx.run({"--bogus"}), "unknown option '--bogus'");
+  expectUsageError(pnx.run({}), "a command is required");
+  expectUsageError(runPnx({"--device"}), "--device");
+  expectUsageError(pnx.run({"nonsense", "--more", "nonsense"}), "nonsense");
+}
+
+TEST(PnxProgram, HelpExitsZeroForTheProgramAndEveryCommand) {
+  PnxRun help = runPnx({"--help"});
+  EXPECT_EQ(help.exitCode, 0) << help.err;
+  EXPECT_NE(help.out.find("--device"), std::string::npos);
+  EXPECT_NE(help.out.find("--bundle"), std::string::npos);
+
+  PnxRunner pnx;
+  for (const std::string& command : listedCommands()) {
+    SCOPED_TRACE(command);
+    PnxRun commandHelp = pnx.run({command, "--help"});
+    EXPECT_EQ(commandHelp.exitCode, 0) << commandHelp.err;
+    EXPECT_NE(commandHelp.out.find("pnx " + command), std::string::npos);
+    expectUsageError(pnx.run({command, "--no-such-option"}), "--no-such-option");
+  }
+}
+
+TEST(PnxProgram, MissingBundleDirectoryFailsWithOneLine) {
+  const auto commands = listedCommands();
+  if (std::find(commands.begin(), commands.end(), "config") == commands.end()) {
+    GTEST_SKIP() << "no config command yet";
+  }
+  pnx::testing::TempDir device;
+  const std::string missing = device.file("no-such-bundle");
+  PnxRunOptions missingInEnvironment;
+  missingInEnvironment.environment = {"PNX_BUNDLE=" + missing};
+  for (const PnxRun& run : {runPnx({"--device", device.path(), "--bundle", missing, "config"}),
+                            runPnx({"--device", device.path(), "config"}, missingInEnvironment)}) {
+    EXPECT_EQ(run.exitCode, 1) << run.err;
+    EXPECT_EQ(run.out, "");
+    ASSERT_EQ(run.errLines().size(), 1u) << run.err;
+    EXPECT_NE(run.err.find(missing), std::string::npos) << run.err;
+  }
+}
+
+TEST(PnxJSONText, WritesScalarsAndContainersCompactly) {
+  EXPECT_EQ(pnxJSONText(pnx::Value()), "null");
+  EXPECT_EQ(pnxJSONText("a \"quoted\" word"), R"("a \"quoted\" word")");
+  EXPECT_EQ(pnxJSONText(-7), "-7");
+  EXPECT_EQ(pnxJSONText(true), "true");
+  EXPECT_EQ(pnxJSONText(pnx::Value::dict({{"b", pnx::Value::array({1, "x"})}, {"a", nullptr}})),
+            R"({"a":null,"b":[1,"x"]})");
+}
+
+TEST(PnxJSONText, TurnsWhatJSONCannotHoldIntoText) {
+  const pnx::Date date(1625065452.25);
+  EXPECT_EQ(pnxJSONText(date), "\"" + date.iso8601() + "\"");
+
+  // Base64 with every padding length.
+  EXPECT_EQ(pnxJSONText(pnx::Data{}), R"("")");
+  EXPECT_EQ(pnxJSONText(pnx::Data{'f'}), R"("Zg==")");
+  EXPECT_EQ(pnxJSONText(pnx::Data{'f', 'o'}), R"("Zm8=")");
+  EXPECT_EQ(pnxJSONText(pnx::Data{'f', 'o', 'o'}), R"("Zm9v")");
+  EXPECT_EQ(pnxJSONText(pnx::Data{0xff, 0x00, 0xfe, 0x7f}), R"("/wD+fw==")");
+
+  EXPECT_EQ(pnxJSONText(std::numeric_limits<double>::quiet_NaN()), "null");
+  EXPECT_EQ(pnxJSONText(pnx::Value::array({-std::numeric_limits<double>::infinity()})), "[null]");
+
+  auto error = pnx::Error::withDescription("test.domain", 7, "went wrong");
+  EXPECT_EQ(pnxJSONText(pnx::Value(error)), pnxJSONText(error->description()));
+}
+
+TEST(PnxJSONText, ConvertsInsideContainersAndKeys) {
+  pnx::Set set{pnx::Data{'f'}, 2};
+  pnx::Dictionary dictionary{{5, "five"}, {"set", set}};
+  auto parsed = pnx::JSON::parse(pnxJSONText(pnx::Value::array({dictionary})));
+  ASSERT_TRUE(parsed);
+  const pnx::Value& entry = (*parsed->asArray())[0];
+  EXPECT_EQ(entry["5"], pnx::Value("five"));
+  ASSERT_TRUE(entry["set"].isArray());
+  EXPECT_EQ(entry["set"].size(), 2u);
+}
+
+}  // namespace
