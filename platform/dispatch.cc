@@ -98,8 +98,7 @@ void DispatchQueue::sync(const Block& block) {
     drivenHere = threadless_ && runner_ == std::this_thread::get_id();
   }
   if (drivenHere) {
-    while (runOne()) {
-    }
+    runQueuedNow();
     const DispatchQueue* previous = currentQueue;
     currentQueue = this;
     try {
@@ -150,6 +149,18 @@ bool DispatchQueue::runOne() {
   return true;
 }
 
+// Blocks queued by the blocks run here wait for a later call, so a block that re-queues
+// itself cannot keep this from returning.
+void DispatchQueue::runQueuedNow() {
+  std::size_t count;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    count = blocks_.size();
+  }
+  for (; count > 0 && runOne(); --count) {
+  }
+}
+
 void DispatchQueue::workerLoop() {
   for (;;) {
     Block block;
@@ -194,18 +205,13 @@ void RunLoop::runFor(std::chrono::milliseconds duration) {
   runUntil([] { return false; }, Clock::now() + duration);
 }
 
-// Blocks queued by the blocks run here wait for the next call, so a block that re-queues
-// itself cannot keep this from returning.
 void RunLoop::runPending() {
   DispatchQueue& queue = DispatchQueue::main();
-  std::size_t count;
   {
     std::lock_guard<std::mutex> lock(queue.mutex_);
     queue.runner_ = std::this_thread::get_id();
-    count = queue.blocks_.size();
   }
-  for (; count > 0 && queue.runOne(); --count) {
-  }
+  queue.runQueuedNow();
 }
 
 }  // namespace pnx

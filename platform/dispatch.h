@@ -50,6 +50,8 @@ class DispatchQueue {
   void workerLoop();
   // Runs at most one queued block; false when none was queued.
   bool runOne();
+  // Runs the blocks queued at the time of the call, not those they queue in turn.
+  void runQueuedNow();
 
   std::string label_;
   bool threadless_ = false;
