@@ -57,14 +57,14 @@ class LogCapture {
   // Console lines (pnx::Console::log), without the console's header.
   std::vector<std::string> consoleLines() {
     std::lock_guard<std::mutex> lock(sink_->mutex);
-    return sink_->console;
+    return sink_->consoleTexts;
   }
 
   void clear() {
     PNXLog::sharedInstance().drain();
     std::lock_guard<std::mutex> lock(sink_->mutex);
     sink_->entries.clear();
-    sink_->console.clear();
+    sink_->consoleTexts.clear();
   }
 
  private:
@@ -76,11 +76,11 @@ class LogCapture {
     }
     void console(std::string_view text) override {
       std::lock_guard<std::mutex> lock(mutex);
-      console.emplace_back(text);
+      consoleTexts.emplace_back(text);
     }
     std::mutex mutex;
     std::vector<Entry> entries;
-    std::vector<std::string> console;
+    std::vector<std::string> consoleTexts;
   };
 
   std::shared_ptr<pnx::LogSink> previous_;
