@@ -69,6 +69,7 @@ std::shared_ptr<PNXConfig> PNXConfig::sharedInstanceWithDictionary(const pnx::Va
 // MARK: building
 
 PNXConfig::PNXConfig(const pnx::Value& dictionary) : baseUrl_(defaultBaseUrl()) {
+  sharedLog();  // messages are dropped until the log exists
   const pnx::Value config = validateConfigDictionary(dictionaryValue(dictionary, pnx::Value()));
 
   setTeamId(stringValue(config["teamId"], std::nullopt));

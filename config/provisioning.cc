@@ -73,6 +73,7 @@ PNXProvisioning::PNXProvisioning(const std::string& path) {
 }
 
 void PNXProvisioning::readProfileAt(const std::optional<std::string>& path) {
+  PNXLog::sharedInstance();  // messages are dropped until the log exists
   if (!path) {
     PNXLogError(
         "Couldn't find file embedded.mobileprovision or embedded.provisionprofile, you may be "
