@@ -1,0 +1,178 @@
+#include "diagnostics/errors.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "diagnostics/error_caller.h"
+#include "diagnostics/log.h"
+#include "diagnostics/log_capture_test.h"
+#include "platform/url.h"
+
+namespace {
+
+using pnx::Value;
+
+std::vector<std::string> keysOf(const pnx::ErrorPtr& error) {
+  std::vector<std::string> keys;
+  for (const auto& [key, value] : *error->userInfo().asDictionary())
+    keys.push_back(*key.asString());
+  return keys;
+}
+
+pnx::HTTPURLResponse response(long status, Value headers) {
+  return pnx::HTTPURLResponse(pnx::URL::parse("https://push.example.com/3.0/apps/k/delivery"),
+                              status, std::move(headers));
+}
+
+pnx::Data bytes(std::string_view text) {
+  return pnx::Data(text.begin(), text.end());
+}
+
+TEST(ErrorsTest, TheBuilderLayersDescriptionExtrasUnderlyingErrorAndCallSite) {
+  pnx::ErrorPtr plain = NSError_PNX::errorWithCode(5, "x");
+  EXPECT_EQ(plain->domain(), "pnx.campaign.mobile");
+  EXPECT_EQ(plain->code(), 5);
+  EXPECT_EQ(plain->localizedDescription(), "x");
+  EXPECT_EQ(keysOf(plain), (std::vector<std::string>{pnx::NSDebugDescriptionErrorKey,
+                                                     pnx::NSLocalizedDescriptionKey}));
+
+  pnx::ErrorPtr replaced = NSError_PNX::errorWithCode(
+      5, "x", Value(), Value::dict({{pnx::NSLocalizedDescriptionKey, "y"}}));
+  EXPECT_EQ(replaced->localizedDescription(), "y");
+
+  const Value extraUnderlying = Value::dict({{pnx::NSUnderlyingErrorKey, "from extras"}});
+  EXPECT_EQ(NSError_PNX::errorWithCode(5, "x", Value(), extraUnderlying)
+                ->userInfo()[pnx::NSUnderlyingErrorKey],
+            Value("from extras"));
+  EXPECT_EQ(NSError_PNX::errorWithCode(5, "x", Value("given"), extraUnderlying)
+                ->userInfo()[pnx::NSUnderlyingErrorKey],
+            Value("given"));
+  // The call site wins over an extra entry of its key.
+  const Value extraDebug = Value::dict({{pnx::NSDebugDescriptionErrorKey, "stale"}});
+  pnx::ErrorPtr overridden = NSError_PNX::errorWithCode(5, "x", Value(), extraDebug);
+  const std::string* debug = overridden->userInfo()[pnx::NSDebugDescriptionErrorKey].asString();
+  ASSERT_NE(debug, nullptr);
+  EXPECT_EQ(debug->rfind("Caller Information:", 0), 0u) << *debug;
+}
+
+TEST(ErrorsTest, AddCallerWithoutARecordLogsAndLeavesUserInfoAlone) {
+  PNXLog::sharedInstance().setLogLevelName("error");
+  LogCapture capture;
+  const Value info = Value::dict({{"k", 1}});
+  EXPECT_EQ(NSError_PNX::addCaller(nullptr, info), info);
+  EXPECT_EQ(NSError_PNX::addCaller(std::make_shared<pnx::URL>(pnx::URL::fileURL("/x")), info),
+            info);
+  EXPECT_EQ(
+      capture.lines(),
+      std::vector<std::string>(
+          2, "\xF0\x9F\x9B\x91 NSError(PNX) addCaller called without valid caller reference."));
+}
+
+TEST(ErrorsTest, HttpResponseErrorCarriesStatusRetryAfterBodyAndURL) {
+  pnx::ErrorPtr busy = NSError_PNX::httpResponseError(
+      response(429, Value::dict({{"Retry-After", "120"}})), bytes("busy"));
+  EXPECT_EQ(busy->code(), 105);
+  EXPECT_EQ(busy->userInfo()["retryAfter"], Value(120));
+  EXPECT_EQ(busy->userInfo()["statusMessage"], Value("busy"));
+  EXPECT_EQ(busy->userInfo()["statusCode"], Value(429));
+  ASSERT_TRUE(busy->url());
+  EXPECT_EQ(busy->url()->absoluteString(), "https://push.example.com/3.0/apps/k/delivery");
+  EXPECT_EQ(busy->localizedDescription().rfind("HTTP connection to PNX server failed.", 0), 0u);
+
+  auto retryAfter = [](Value header) {
+    return NSError_PNX::httpResponseError(response(429, Value::dict({{"Retry-After", header}})),
+                                          std::nullopt)
+        ->userInfo()["retryAfter"];
+  };
+  EXPECT_EQ(retryAfter("Wed, 21 Oct 2015 07:28:00 GMT"), Value(0));
+  EXPECT_EQ(retryAfter("  +30 seconds"), Value(30));
+  EXPECT_EQ(retryAfter(Value(45.9)), Value(45));
+  EXPECT_TRUE(retryAfter(Value::array({1})).isNull());
+
+  // The header lookup is exact; no body or a body that is not UTF-8 adds no message.
+  pnx::ErrorPtr bare = NSError_PNX::httpResponseError(
+      response(500, Value::dict({{"retry-after", "5"}})), bytes("\xC3\x28"));
+  EXPECT_FALSE(bare->userInfo().contains("retryAfter"));
+  EXPECT_FALSE(bare->userInfo().contains("statusMessage"));
+  EXPECT_EQ(NSError_PNX::httpResponseError(response(500, Value()), std::nullopt)
+                ->userInfo()
+                .contains("statusMessage"),
+            false);
+}
+
+TEST(ErrorsTest, FactoriesFillTheirTexts) {
+  auto exception =
+      std::make_shared<pnx::Exception>(pnx::NSInvalidUnarchiveOperationException, "bad archive");
+  pnx::ErrorPtr unarchive = NSError_PNX::keychainUnarchiveFailed("pushQueue", exception);
+  EXPECT_EQ(unarchive->code(), 104);
+  EXPECT_EQ(unarchive->localizedDescription(), "Keychain unarchive of pushQueue failed");
+  EXPECT_EQ(unarchive->underlyingException(), exception);
+  EXPECT_EQ(NSError_PNX::keychainUnarchiveFailed(std::nullopt, nullptr)->localizedDescription(),
+            "Keychain unarchive of (null) failed");
+
+  pnx::Clock::set(pnx::Date(1700000000));
+  EXPECT_TRUE(NSError_PNX::inboxSyncTooFrequent(pnx::Date(1700000000 - 90.04))
+                  ->localizedDescription()
+                  .ends_with("more then once every 5 minutes. Last sync was 90.0 seconds ago."));
+  EXPECT_NE(NSError_PNX::inboxSyncTooFrequent(pnx::Date(1700000010))
+                ->localizedDescription()
+                .find("Last sync was -10.0 seconds ago."),
+            std::string::npos);
+  pnx::Clock::useSystemClock();
+
+  pnx::ErrorPtr database = NSError_PNX::genericDatabaseErrorCode(19, "constraint failed");
+  EXPECT_EQ(database->code(), 118);
+  EXPECT_EQ(database->localizedDescription(), "constraint failed");
+  EXPECT_EQ(database->userInfo()["sqliteCode"], Value(19));
+
+  EXPECT_EQ(NSError_PNX::duplicateUserAttribute("color", Value())->localizedDescription(),
+            "User attribute named color was set to value (null) multiple times.");
+  EXPECT_EQ(NSError_PNX::multipleDeleteChannelAttribute("size")->localizedDescription(),
+            "Channel attribute named size was deleted more then once.");
+  struct Event {
+    std::string name() const { return "open"; }
+    std::string type() const { return "app"; }
+  };
+  EXPECT_EQ(NSError_PNX::duplicateEvent(Event{})->localizedDescription(),
+            "Event with name: open, type: app was prevented from being queued multiple times.");
+}
+
+TEST(ErrorsTest, EveryFactoryHasItsOwnCodeFrom100To123) {
+  const pnx::ErrorPtr errors[] = {
+      NSError_PNX::appKeyMissing(),
+      NSError_PNX::pnxRegistrationIncomplete(),
+      NSError_PNX::apsRegistrationIncomplete(),
+      NSError_PNX::invalidJsonFromServer(nullptr),
+      NSError_PNX::keychainUnarchiveFailed("n", nullptr),
+      NSError_PNX::httpResponseError(response(400, Value()), std::nullopt),
+      NSError_PNX::responseNotHttpError(),
+      NSError_PNX::inboxSyncTooFrequent(pnx::Date::now()),
+      NSError_PNX::invalidInboxMessageId(),
+      NSError_PNX::inboxMessageDecodeFromPayloadFailed(),
+      NSError_PNX::duplicateUserAttribute("n", 1),
+      NSError_PNX::duplicateChannelAttribute("n", 1),
+      NSError_PNX::multipleDeleteUserAttribute("n"),
+      NSError_PNX::multipleDeleteChannelAttribute("n"),
+      NSError_PNX::verificationUserAttribute("n", 1),
+      NSError_PNX::verificationChannelAttribute("n", 1),
+      NSError_PNX::verificationDeleteUserAttribute("n"),
+      NSError_PNX::verificationDeleteChannelAttribute("n"),
+      NSError_PNX::genericDatabaseErrorCode(1, "d"),
+      NSError_PNX::installIdNotAvailable(),
+      NSError_PNX::httpRequestMissingURL(),
+      NSError_PNX::valueIsNotJsonComplient(Value::array({1})),
+      NSError_PNX::keychainNotAvailable(),
+      NSError_PNX::duplicateEventNamed("n", "t"),
+  };
+  std::intptr_t expected = 100;
+  for (const pnx::ErrorPtr& error : errors) {
+    EXPECT_EQ(error->code(), expected++);
+    EXPECT_EQ(error->domain(), errorDomain);
+    EXPECT_FALSE(error->localizedDescription().empty());
+  }
+  EXPECT_EQ(errors[1]->localizedDescription().back(), 's');  // no full stop, as shipped
+}
+
+}  // namespace

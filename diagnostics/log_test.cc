@@ -1,0 +1,277 @@
+#include "diagnostics/log.h"
+
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "diagnostics/log_capture_test.h"
+#include "platform/fixtures_test.h"
+
+namespace {
+
+const std::string kNone = "\xE2\x80\xBC\xEF\xB8\x8F ";
+const std::string kError = "\xF0\x9F\x9B\x91 ";
+const std::string kWarn = "\xE2\x9A\xA0\xEF\xB8\x8F ";
+const std::string kInfo = "\xF0\x9F\x94\xB5 ";
+const std::string kVerbose = "\xE2\x9A\xAB\xEF\xB8\x8F ";
+const std::string kTrace = "\xE2\x9A\xAA\xEF\xB8\x8F ";
+constexpr std::size_t kStampLength = 27;  // "[2021-06-30T17:04:12+0200] "
+
+void writeC(PNXLogLevel level, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  PNXLogWrite(level, format, args);
+  va_end(args);
+}
+
+// The file's lines without their stamps.
+std::vector<std::string> unstamped(const std::string& text) {
+  std::vector<std::string> lines;
+  std::size_t start = 0;
+  while (start < text.size()) {
+    std::size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    lines.push_back(text.substr(start, end - start).substr(kStampLength));
+    start = end + 1;
+  }
+  return lines;
+}
+
+mode_t permissionsOf(const std::string& path) {
+  struct stat status {};
+  stat(path.c_str(), &status);
+  return status.st_mode & 0777;
+}
+
+class LogTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    log.setLogLevelName("trace");
+    log.setLogsDirectory(dir.path());
+    log.setLogToFile(true);
+    log.setMaximumSize(10485760);
+    log.setMaximumNumberOfLogFiles(7);
+  }
+  void TearDown() override {
+    log.drain();
+    log.setLogToFile(false);
+    log.setLogsDirectory(PNXLog::defaultLogsDirectory());
+  }
+
+  pnx::testing::ScopedDevice device;
+  pnx::testing::TempDir dir;
+  LogCapture capture;
+  PNXLog& log = PNXLog::sharedInstance();
+};
+
+TEST_F(LogTest, LevelsPassAsTheTableSaysWithTheirMarksAndSystemLogTypes) {
+  log.setLogToFile(false);
+  const char* names[] = {"NONE", "ERROR", "WARN", "INFO", "VERBOSE", "TRACE"};
+  const std::string marks[] = {kError, kWarn, kInfo, kVerbose, kTrace};
+  for (PNXLogLevel current = 0; current <= 5; ++current) {
+    log.setLogLevelName(names[current]);
+    capture.clear();
+    PNXLogError("at %ld", current);
+    PNXLogWarn("at %ld", current);
+    PNXLogInfo("at %ld", current);
+    PNXLogVerbose("at %ld", current);
+    PNXLogTrace("at %ld", current);
+    std::vector<std::string> expected;
+    for (PNXLogLevel level = 1; level <= current; ++level) {
+      expected.push_back(marks[level - 1] + "at " + std::to_string(current));
+    }
+    EXPECT_EQ(capture.lines(), expected) << "at level " << names[current];
+  }
+  std::vector<pnx::LogType> types;
+  for (const auto& entry : capture.entries()) types.push_back(entry.type);
+  EXPECT_EQ(types,
+            (std::vector<pnx::LogType>{pnx::LogType::Error, pnx::LogType::Info, pnx::LogType::Info,
+                                       pnx::LogType::Debug, pnx::LogType::Debug}));
+}
+
+TEST_F(LogTest, LevelNamesAreMatchedWithoutCase) {
+  log.setLogLevelName("Trace");
+  EXPECT_EQ(log.logLevelName(), "TRACE");
+  log.setLogLevelName("warn");
+  EXPECT_EQ(log.logLevelName(), "WARN");
+  log.setLogLevelName("DEBUG");
+  log.setLogLevelName(std::nullopt);
+  EXPECT_EQ(log.logLevelName(), "WARN");
+  EXPECT_EQ(
+      PNXLog::logLevelNames(),
+      (std::map<PNXLogLevel, std::string>{
+          {0, "NONE"}, {1, "ERROR"}, {2, "WARN"}, {3, "INFO"}, {4, "VERBOSE"}, {5, "TRACE"}}));
+}
+
+TEST_F(LogTest, LevelZeroFromCPassesAtNoneAndSkipsTheSystemLog) {
+  log.setLogLevelName("none");
+  writeC(0, "%@ and %{public}@ and %@: %d%%", "a", "b", static_cast<const char*>(nullptr), 7);
+  writeC(1, "dropped");
+  PNXLogError("dropped too");
+  EXPECT_TRUE(capture.lines().empty());
+  EXPECT_EQ(unstamped(dir.read("PNX.log")),
+            std::vector<std::string>{kNone + "a and b and (null): 7%"});
+}
+
+TEST_F(LogTest, FileLinesAreStampedWithLocalTimeAndZoneOffset) {
+  const char* previousZone = getenv("TZ");
+  const std::string savedZone = previousZone ? previousZone : "";
+  setenv("TZ", "PNX-2", 1);  // two hours east of UTC
+  tzset();
+  pnx::Clock::set(pnx::Date(1625065452));  // 2021-06-30 15:04:12 UTC
+  PNXLogError("text");
+  log.drain();
+  pnx::Clock::useSystemClock();
+  previousZone ? setenv("TZ", savedZone.c_str(), 1) : unsetenv("TZ");
+  tzset();
+  EXPECT_EQ(dir.read("PNX.log"), "[2021-06-30T17:04:12+0200] " + kError + "text\n");
+}
+
+// Each line is 27 + 5 + 3 + 1 = 36 bytes.
+TEST_F(LogTest, RotatesOnlyWhenAWriteTakesTheFilePastMaximumSize) {
+  constexpr std::uint64_t kLine = 36;
+  for (std::uint64_t limit : {2 * kLine, 2 * kLine - 1}) {
+    const std::string logs = dir.file(std::to_string(limit));
+    std::filesystem::create_directory(logs);
+    log.setLogsDirectory(logs);
+    log.setMaximumSize(limit);
+    for (int i = 1; i <= 4; ++i) PNXLogError("ab%d", i);
+    log.drain();
+    const std::string e = kError;
+    auto read = [&](const char* name) { return unstamped(dir.read(std::to_string(limit) + name)); };
+    if (limit == 2 * kLine) {
+      EXPECT_EQ(read("/PNX-1.log"), (std::vector<std::string>{e + "ab1", e + "ab2", e + "ab3"}));
+      EXPECT_EQ(read("/PNX.log"), (std::vector<std::string>{e + "ab4"}));
+    } else {
+      EXPECT_EQ(read("/PNX-2.log"), (std::vector<std::string>{e + "ab1", e + "ab2"}));
+      EXPECT_EQ(read("/PNX-1.log"), (std::vector<std::string>{e + "ab3", e + "ab4"}));
+      EXPECT_EQ(read("/PNX.log"), std::vector<std::string>{});
+    }
+  }
+}
+
+TEST_F(LogTest, AnOversizedFileFoundOnOpeningIsRotatedAndCostsOneLine) {
+  dir.write("PNX.log", std::string(101, 'x'));
+  log.setMaximumSize(100);
+  PNXLogError("lost");
+  PNXLogError("kept");
+  log.drain();
+  EXPECT_EQ(dir.read("PNX-1.log"), std::string(101, 'x'));
+  EXPECT_EQ(unstamped(dir.read("PNX.log")), std::vector<std::string>{kError + "kept"});
+}
+
+TEST_F(LogTest, RotationShiftsBackupsUpToTheLimitAndStopsAtAGap) {
+  struct Case {
+    std::int32_t limit;
+    std::vector<std::string> before;
+    std::map<std::string, std::string> after;  // file name -> the name it had before
+  };
+  const Case cases[] = {
+      {3,
+       {"PNX.log", "PNX-1.log", "PNX-2.log", "PNX-3.log"},
+       {{"PNX-1.log", "PNX.log"}, {"PNX-2.log", "PNX-1.log"}, {"PNX-3.log", "PNX-2.log"}}},
+      {7,
+       {"PNX.log", "PNX-1.log", "PNX-3.log"},
+       {{"PNX-1.log", "PNX.log"}, {"PNX-2.log", "PNX-1.log"}, {"PNX-3.log", "PNX-3.log"}}},
+      {1, {"PNX.log", "PNX-1.log"}, {{"PNX-1.log", "PNX.log"}}},
+      {0, {"PNX.log", "PNX-1.log"}, {{"PNX-1.log", "PNX.log"}}},
+      {2,
+       {"PNX.log", "PNX-1.log", "PNX-2.log", "PNX-3.log"},
+       {{"PNX-1.log", "PNX.log"}, {"PNX-2.log", "PNX-1.log"}, {"PNX-3.log", "PNX-3.log"}}},
+  };
+  int index = 0;
+  for (const Case& c : cases) {
+    const std::string sub = "case" + std::to_string(index++);
+    for (const std::string& name : c.before) dir.write(sub + "/" + name, name);
+    log.setLogsDirectory(dir.file(sub));
+    log.setMaximumNumberOfLogFiles(c.limit);
+    log.rotate();
+    std::map<std::string, std::string> after;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.file(sub))) {
+      const std::string name = entry.path().filename();
+      after[name] = dir.read(sub + "/" + name);
+    }
+    EXPECT_EQ(after, c.after) << "limit " << c.limit;
+  }
+}
+
+TEST_F(LogTest, DirectoryProblemsFallBackToTheDocumentsDirectory) {
+  const std::string plainFile = dir.write("plain", "not a directory");
+  log.setLogsDirectory(plainFile);
+  PNXLogError("after fallback");
+  log.drain();
+  EXPECT_EQ(log.logsDirectory(), PNXLog::defaultLogsDirectory());
+  EXPECT_EQ(dir.read("plain"), "not a directory");
+  const std::string documentsLog = PNXLog::defaultLogsDirectory() + "/PNX.log";
+  std::ifstream in(documentsLog);
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_EQ(unstamped(text),
+            (std::vector<std::string>{
+                kError + "after fallback",
+                kError + "Specified output directory is a file, resetting to default."}));
+
+  dir.write("blocker", "x");
+  log.setLogsDirectory(dir.file("blocker/sub"));
+  PNXLogError("again");
+  EXPECT_TRUE(capture.contains(kInfo + "Specified output directory does not exist, created."));
+  EXPECT_TRUE(capture.contains(kError +
+                               "Specified output directory didn't exist and couldn't be created, "
+                               "resetting to default. Error was: "));
+  EXPECT_EQ(log.logsDirectory(), PNXLog::defaultLogsDirectory());
+}
+
+TEST_F(LogTest, ANewDirectoryIsCreatedPrivateAndTakesTheFollowingLines) {
+  PNXLogError("first");
+  log.drain();
+  ASSERT_TRUE(log.fileHandle());
+  log.setLogsDirectory(dir.file("new/logs"));
+  EXPECT_FALSE(log.fileHandle());
+  PNXLogError("second");
+  log.drain();
+  EXPECT_EQ(unstamped(dir.read("PNX.log")), std::vector<std::string>{kError + "first"});
+  EXPECT_EQ(unstamped(dir.read("new/logs/PNX.log")),
+            (std::vector<std::string>{
+                kError + "second", kInfo + "Specified output directory does not exist, created."}));
+  EXPECT_EQ(permissionsOf(dir.file("new/logs")), 0700u);
+  EXPECT_EQ(permissionsOf(dir.file("new/logs/PNX.log")), 0600u);
+}
+
+TEST_F(LogTest, LinesFromManyThreadsKeepTheirOrderAndHostMarksAreKept) {
+  log.drain();
+  const auto savedMarks = pnxFlags;
+  pnxFlags = {{1, "E: "}};
+  constexpr int kThreads = 4;
+  constexpr int kLinesEach = 250;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < kLinesEach; ++i) PNXLogError("%d %d", t, i);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  log.drain();
+  pnxFlags = savedMarks;
+
+  std::vector<int> next(kThreads, 0);
+  std::vector<std::string> lines = unstamped(dir.read("PNX.log"));
+  ASSERT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kLinesEach));
+  for (const std::string& line : lines) {
+    int thread = -1;
+    int index = -1;
+    ASSERT_EQ(std::sscanf(line.c_str(), "E: %d %d", &thread, &index), 2) << line;
+    EXPECT_EQ(index, next[thread]++);
+  }
+}
+
+}  // namespace
