@@ -381,12 +381,21 @@ Frame symbolize(std::uintptr_t address) {
 
 }  // namespace
 
-// Kept out of line so that frame 0 of the backtrace is always this function.
+// The caller's frame is found by its return address rather than by position: under a
+// sanitizer, backtrace() itself is wrapped and adds a frame of its own.
 [[gnu::noinline]] std::vector<std::string> callStackSymbols(int skipFrames) {
   void* frames[kMaxFrames];
   const int count = backtrace(frames, kMaxFrames);
+  void* const returnAddress = __builtin_return_address(0);
+  int caller = 1;
+  for (int i = 0; i < count; ++i) {
+    if (frames[i] == returnAddress) {
+      caller = i;
+      break;
+    }
+  }
   std::vector<std::string> lines;
-  const int first = 1 + std::max(skipFrames, 0);
+  const int first = caller + std::max(skipFrames, 0);
   for (int i = first; i < count; ++i) {
     const auto address = reinterpret_cast<std::uintptr_t>(frames[i]);
     if (address == 0) continue;
