@@ -28,18 +28,16 @@ std::string inQuotes(const std::string& text) {
   return "'" + text + "'";
 }
 
-// A parse error as one short sentence. CLI11's own wording is kept except for stray
-// arguments, where naming the unknown command or option helps more.
+// A parse error as one short sentence. Stray arguments are named first, whatever else went
+// wrong (CLI11 checks requirements before it reports extras); otherwise CLI11's own wording.
 std::string describeParseError(const CLI::ParseError& error, const CLI::App& app,
                                bool commandChosen) {
-  if (dynamic_cast<const CLI::ExtrasError*>(&error)) {
-    const std::vector<std::string> extras = app.remaining();
-    if (!extras.empty()) {
-      const std::string& first = extras.front();
-      if (first.size() > 1 && first[0] == '-') return "unknown option " + inQuotes(first);
-      if (!commandChosen) return "unknown command " + inQuotes(first);
-      return "unexpected argument " + inQuotes(first);
-    }
+  const std::vector<std::string> extras = app.remaining(true);
+  if (!extras.empty()) {
+    const std::string& first = extras.front();
+    if (first.size() > 1 && first[0] == '-') return "unknown option " + inQuotes(first);
+    if (!commandChosen) return "unknown command " + inQuotes(first);
+    return "unexpected argument " + inQuotes(first);
   }
   std::string message = error.what();
   if (!message.empty()) message[0] = static_cast<char>(std::tolower(message[0]));
