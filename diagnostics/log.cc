@@ -139,21 +139,26 @@ class Mailbox {
     scheduleLocked(queue, takeBlock);
   }
 
-  void postAll(std::vector<T> items, pnx::DispatchQueue& queue,
+  // Moves the items over; `items` is left empty, perhaps with spare capacity.
+  void postAll(std::vector<T>& items, pnx::DispatchQueue& queue,
                const std::function<void()>& takeBlock) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (items_.empty()) {
-      items_ = std::move(items);
+      items_.swap(items);
     } else {
       std::move(items.begin(), items.end(), std::back_inserter(items_));
+      items.clear();
     }
     scheduleLocked(queue, takeBlock);
   }
 
-  std::vector<T> takeAll() {
+  // Swaps the waiting items into `into` (cleared first), so that the two vectors' storage
+  // is reused from batch to batch.
+  void takeAll(std::vector<T>& into) {
+    into.clear();
     std::lock_guard<std::mutex> lock(mutex_);
     scheduled_ = false;
-    return std::exchange(items_, {});
+    items_.swap(into);
   }
 
  private:
@@ -168,26 +173,33 @@ class Mailbox {
   bool scheduled_ = false;
 };
 
-struct Message {
+}  // namespace
+
+// A message on its way: the level's mark is filled in on the log queue (short marks fit
+// in the string itself, so that costs no allocation).
+struct PNXLog::Line {
   PNXLogLevel level;
+  std::string mark;
   std::string text;
 };
-
-}  // namespace
 
 struct PNXLog::Pipeline {
   // The file queue is created first, as the log's set-up has always done.
   std::shared_ptr<pnx::DispatchQueue> fileQueue = pnx::DispatchQueue::create(kFileQueueLabel);
   std::shared_ptr<pnx::DispatchQueue> logQueue = pnx::DispatchQueue::create(kLogQueueLabel);
-  Mailbox<Message> messages;
-  Mailbox<std::string> fileLines;
+  Mailbox<Line> messages;
+  Mailbox<Line> fileLines;
   std::function<void()> composeBlock;
   std::function<void()> writeBlock;
 
   // Used on the log queue only.
   std::optional<pnx::SystemLog> systemLog;
+  std::string consoleLine;
+  std::vector<Line> composing;
+  std::vector<Line> forwarding;
 
   // Used on the file queue only: the stamp of the current second, and the write buffer.
+  std::vector<Line> writing;
   std::string stamp;
   double stampSecond = NAN;
   const pnx::DateFormatter* stampFormatter = nullptr;
@@ -296,7 +308,10 @@ std::string PNXLog::logsDirectory() const {
 
 void PNXLog::setLogsDirectory(const std::string& path) {
   std::lock_guard<std::mutex> lock(fileMutex_);
-  if (path == logsDirectory()) return;
+  {
+    std::lock_guard<std::mutex> settings(settingsMutex_);
+    if (logsDirectory_ == path) return;
+  }
   if (fileHandle_) fileHandle_->close();
   fileHandle_.reset();
   storeLogsDirectory(path);
@@ -339,41 +354,39 @@ bool PNXLog::emailLog(const pnx::Value&) {
 // The two queues
 
 void PNXLog::enqueue(PNXLogLevel level, std::string text) {
-  pipeline_->messages.post(Message{level, std::move(text)}, *pipeline_->logQueue,
+  pipeline_->messages.post(Line{level, {}, std::move(text)}, *pipeline_->logQueue,
                            pipeline_->composeBlock);
 }
 
 // On the log queue: prefix, system log, hand-over to the file queue.
 void PNXLog::composeLines() {
-  std::vector<Message> batch = pipeline_->messages.takeAll();
+  std::vector<Line>& batch = pipeline_->composing;
+  pipeline_->messages.takeAll(batch);
   if (pnxFlags.empty()) pnxFlags = defaultSeverityMarks();
   if (!pipeline_->systemLog) pipeline_->systemLog.emplace(kSystemLogSubsystem, kSystemLogCategory);
   const pnx::SystemLog& systemLog = *pipeline_->systemLog;
   std::shared_ptr<pnx::LogSink> sink = pnx::SystemLog::sink();
+  std::string& consoleLine = pipeline_->consoleLine;
 
-  std::vector<std::string> fileLines;
-  for (Message& message : batch) {
-    auto mark = pnxFlags.find(message.level);
-    std::string line;
-    if (mark != pnxFlags.end()) {
-      line.reserve(mark->second.size() + message.text.size());
-      line = mark->second;
-    }
-    line += message.text;
-    if (auto type = systemLogType(message.level)) {
-      sink->systemLog(*type, systemLog.subsystem(), systemLog.category(), line);
+  std::vector<Line>& fileLines = pipeline_->forwarding;
+  for (Line& line : batch) {
+    auto mark = pnxFlags.find(line.level);
+    if (mark != pnxFlags.end()) line.mark = mark->second;
+    if (auto type = systemLogType(line.level)) {
+      consoleLine.assign(line.mark).append(line.text);
+      sink->systemLog(*type, systemLog.subsystem(), systemLog.category(), consoleLine);
     }
     if (logToFile()) fileLines.push_back(std::move(line));
   }
   if (!fileLines.empty()) {
-    pipeline_->fileLines.postAll(std::move(fileLines), *pipeline_->fileQueue,
-                                 pipeline_->writeBlock);
+    pipeline_->fileLines.postAll(fileLines, *pipeline_->fileQueue, pipeline_->writeBlock);
   }
 }
 
 // On the file queue: stamp and write.
 void PNXLog::writeQueuedFileLines() {
-  std::vector<std::string> lines = pipeline_->fileLines.takeAll();
+  std::vector<Line>& lines = pipeline_->writing;
+  pipeline_->fileLines.takeAll(lines);
   if (!dateFormatter) dateFormatter = std::make_shared<pnx::DateFormatter>(kStampPattern);
   std::lock_guard<std::mutex> lock(fileMutex_);
   writeLinesLocked(lines, true);
@@ -401,14 +414,15 @@ const std::string& PNXLog::stampNow() {
 
 void PNXLog::writeFileLog(const std::string& line) {
   std::lock_guard<std::mutex> lock(fileMutex_);
-  writeLinesLocked({line}, false);
+  writeLinesLocked({Line{0, {}, line}}, false);
 }
 
 // Writes each line followed by lineData, as writeFileLog does one at a time, but gathers
 // consecutive lines into one write until one of them takes the file past maximumSize:
 // that is where a line-by-line writer would rotate. A line met without an open file is
-// lost, and the next one tries to open the file again.
-void PNXLog::writeLinesLocked(const std::vector<std::string>& lines, bool stamp) {
+// lost, and the next one tries to open the file again. The lines of one write are handled
+// at the same moment and share its stamp.
+void PNXLog::writeLinesLocked(const std::vector<Line>& lines, bool stamp) {
   const pnx::Data separator = lineData();
   std::string& buffer = pipeline_->buffer;
   std::size_t next = 0;
@@ -420,11 +434,13 @@ void PNXLog::writeLinesLocked(const std::vector<std::string>& lines, bool stamp)
     }
     const std::uint64_t limit = maximumSize();
     std::uint64_t offset = fileHandle_->offset();
+    const std::string noStamp;
+    const std::string& stampText = stamp ? stampNow() : noStamp;
     buffer.clear();
     do {
       const std::size_t before = buffer.size();
-      if (stamp) buffer += stampNow();
-      buffer += lines[next++];
+      const Line& line = lines[next++];
+      buffer.append(stampText).append(line.mark).append(line.text);
       buffer.append(separator.begin(), separator.end());
       offset += buffer.size() - before;
     } while (next < lines.size() && offset <= limit && buffer.size() < kWriteChunkBytes);

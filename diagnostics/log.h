@@ -160,6 +160,7 @@ class PNXLog {
 
  private:
   struct Pipeline;
+  struct Line;
   friend void pnx_log_detail::submit(PNXLogLevel level, std::string text);
 
   PNXLog();
@@ -168,7 +169,7 @@ class PNXLog {
   void enqueue(PNXLogLevel level, std::string text);
   void composeLines();
   void writeQueuedFileLines();
-  void writeLinesLocked(const std::vector<std::string>& lines, bool stamp);
+  void writeLinesLocked(const std::vector<Line>& lines, bool stamp);
   const std::string& stampNow();
   std::shared_ptr<pnx::FileHandle> openFileHandleLocked();
   void storeLogsDirectory(std::string path);
