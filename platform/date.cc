@@ -65,15 +65,16 @@ struct Fields {
 void refreshLocalZone() {
   static std::mutex mutex;
   static bool initialised = false;
+  static bool lastWasSet = false;
   static std::string lastTZ;
   const char* tz = std::getenv("TZ");
-  // A leading NUL byte cannot occur in an environment value, so it marks "unset".
-  std::string current = tz ? std::string(tz) : std::string(1, '\0');
   std::lock_guard<std::mutex> lock(mutex);
-  if (initialised && current == lastTZ) return;
+  bool unchanged = initialised && lastWasSet == (tz != nullptr) && (!tz || lastTZ == tz);
+  if (unchanged) return;
   tzset();
-  lastTZ = std::move(current);
   initialised = true;
+  lastWasSet = tz != nullptr;
+  lastTZ = tz ? tz : "";
 }
 
 Fields fieldsOf(Date date, DateFormatter::Zone zone) {

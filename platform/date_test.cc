@@ -4,7 +4,9 @@
 
 #include <time.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,6 +45,9 @@ TEST(DateTest, DescriptionAndISO8601AreUTC) {
   EXPECT_EQ(Date(kJune30 + 0.3).iso8601(), "2021-06-30T15:04:12.300Z");
   EXPECT_EQ(Date(-0.5).iso8601(), "1969-12-31T23:59:59.500Z");
   EXPECT_EQ(Date::fromReferenceDate(0).iso8601(), "2001-01-01T00:00:00Z");
+  // Dates beyond the calendar still format (clamped) instead of crashing.
+  EXPECT_FALSE(Date(std::numeric_limits<double>::quiet_NaN()).description().empty());
+  EXPECT_FALSE(Date(-1e300).iso8601().empty());
 }
 
 TEST(DateTest, ParsesISO8601WithFractionsAndOffsets) {
@@ -100,15 +105,21 @@ TEST(ClockTest, PinAdvanceAndRelease) {
 }
 
 TEST(ClockTest, ConcurrentAdvancesAllCount) {
+  constexpr int kThreads = 4;
+  constexpr int kSteps = 20000;
   Clock::set(Date(0));
+  std::atomic<int> ready{0};
   std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([] {
-      for (int i = 0; i < 1000; ++i) Clock::advance(1);
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&] {
+      ready.fetch_add(1);
+      while (ready.load() < kThreads) {
+      }
+      for (int i = 0; i < kSteps; ++i) Clock::advance(1);
     });
   }
   for (auto& thread : threads) thread.join();
-  EXPECT_EQ(Clock::now(), Date(4000));
+  EXPECT_EQ(Clock::now(), Date(kThreads * kSteps));
   Clock::useSystemClock();
 }
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/url.h"
+
 namespace pnx {
 namespace {
 
@@ -38,6 +40,11 @@ TEST(ErrorTest, UnderlyingErrorOrExceptionByType) {
   Error wrapped("D", 1, Value::dict({{NSUnderlyingErrorKey, Value(ObjectPtr(exception))}}));
   EXPECT_EQ(wrapped.underlyingException(), exception);
   EXPECT_EQ(wrapped.underlyingError(), nullptr);
+
+  auto url = std::make_shared<URL>(URL::fileURL("/tmp/x"));
+  Error failing("D", 1, Value::dict({{NSURLErrorKey, Value(ObjectPtr(url))}}));
+  EXPECT_EQ(failing.url(), url);
+  EXPECT_EQ(failing.underlyingError(), nullptr);
 }
 
 TEST(ErrorTest, EqualityAndHashingByValue) {
