@@ -40,10 +40,12 @@ class NSError_PNX {
   // record is null or not a PNXErrorCaller, logs that and returns userInfo unchanged.
   static pnx::Value addCaller(const pnx::ObjectPtr& caller, const pnx::Value& userInfo);
 
-  static pnx::ErrorPtr appKeyMissing();                                    // 100
-  static pnx::ErrorPtr pnxRegistrationIncomplete();                        // 101
-  static pnx::ErrorPtr apsRegistrationIncomplete();                        // 102
-  static pnx::ErrorPtr invalidJsonFromServer(const pnx::ErrorPtr& error);  // 103
+  // Codes 100 to 103.
+  static pnx::ErrorPtr appKeyMissing();
+  static pnx::ErrorPtr pnxRegistrationIncomplete();
+  static pnx::ErrorPtr apsRegistrationIncomplete();
+  static pnx::ErrorPtr invalidJsonFromServer(const pnx::ErrorPtr& error);
+  // 104, with the exception as the underlying error.
   static pnx::ErrorPtr keychainUnarchiveFailed(const std::optional<std::string>& name,
                                                std::shared_ptr<const pnx::Exception> exception);
   // 105: "statusCode", "retryAfter" (from a numeric or textual Retry-After header: its
@@ -51,26 +53,27 @@ class NSError_PNX {
   // and the response's URL under NSURLErrorKey.
   static pnx::ErrorPtr httpResponseError(const pnx::HTTPURLResponse& response,
                                          const std::optional<pnx::Data>& data);
-  static pnx::ErrorPtr responseNotHttpError();                    // 106
-  static pnx::ErrorPtr inboxSyncTooFrequent(pnx::Date lastSync);  // 107
-  static pnx::ErrorPtr invalidInboxMessageId();                   // 108
-  static pnx::ErrorPtr inboxMessageDecodeFromPayloadFailed();     // 109
+  // Codes 106 to 117; names and values print as "%@" does, a null one as "(null)".
+  static pnx::ErrorPtr responseNotHttpError();
+  static pnx::ErrorPtr inboxSyncTooFrequent(pnx::Date lastSync);
+  static pnx::ErrorPtr invalidInboxMessageId();
+  static pnx::ErrorPtr inboxMessageDecodeFromPayloadFailed();
   static pnx::ErrorPtr duplicateUserAttribute(const pnx::Value& name, const pnx::Value& value);
   static pnx::ErrorPtr duplicateChannelAttribute(const pnx::Value& name, const pnx::Value& value);
-  static pnx::ErrorPtr multipleDeleteUserAttribute(const pnx::Value& name);     // 112
-  static pnx::ErrorPtr multipleDeleteChannelAttribute(const pnx::Value& name);  // 113
-  static pnx::ErrorPtr verificationUserAttribute(const pnx::Value& name,
-                                                 const pnx::Value& value);  // 114
+  static pnx::ErrorPtr multipleDeleteUserAttribute(const pnx::Value& name);
+  static pnx::ErrorPtr multipleDeleteChannelAttribute(const pnx::Value& name);
+  static pnx::ErrorPtr verificationUserAttribute(const pnx::Value& name, const pnx::Value& value);
   static pnx::ErrorPtr verificationChannelAttribute(const pnx::Value& name,
-                                                    const pnx::Value& value);       // 115
-  static pnx::ErrorPtr verificationDeleteUserAttribute(const pnx::Value& name);     // 116
-  static pnx::ErrorPtr verificationDeleteChannelAttribute(const pnx::Value& name);  // 117
+                                                    const pnx::Value& value);
+  static pnx::ErrorPtr verificationDeleteUserAttribute(const pnx::Value& name);
+  static pnx::ErrorPtr verificationDeleteChannelAttribute(const pnx::Value& name);
   // 118, with the description as given and "sqliteCode" = code.
   static pnx::ErrorPtr genericDatabaseErrorCode(std::intptr_t code, const std::string& description);
-  static pnx::ErrorPtr installIdNotAvailable();                           // 119
-  static pnx::ErrorPtr httpRequestMissingURL();                           // 120
-  static pnx::ErrorPtr valueIsNotJsonComplient(const pnx::Value& value);  // 121
-  static pnx::ErrorPtr keychainNotAvailable();                            // 122
+  // Codes 119 to 122.
+  static pnx::ErrorPtr installIdNotAvailable();
+  static pnx::ErrorPtr httpRequestMissingURL();
+  static pnx::ErrorPtr valueIsNotJsonComplient(const pnx::Value& value);
+  static pnx::ErrorPtr keychainNotAvailable();
   // 123; the event is any object answering name() and type().
   template <class Event>
   static pnx::ErrorPtr duplicateEvent(const Event& event) {
