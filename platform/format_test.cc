@@ -66,16 +66,7 @@ TEST(FormatTest, AnnotationsLiteralsAndUnknownConversions) {
   // consume no argument.
   EXPECT_EQ(format("%k %*d %n %{public %5l|%d", 9), "%k %*d %n %{public %5l|9");
   EXPECT_EQ(format("%2$@ %1$@ %@", "a", "b"), "b a a");
-  EXPECT_EQ(format(""), "");
-}
-
-TEST(FormatTest, PointersPrintTheirAddress) {
   EXPECT_EQ(format("%p %p", 0, 0x1f), "0x0 0x1f");
-  auto error = std::make_shared<const Error>("D", 1);
-  char expected[32];
-  std::snprintf(expected, sizeof expected, "0x%llx",
-                static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(error.get())));
-  EXPECT_EQ(format("%p", error), expected);
 }
 
 }  // namespace
