@@ -38,5 +38,7 @@ step() {
 step "Library version" --version
 step "Configuration, as the extension loads it" config
 step "Provisioning profile" profile
+step "The app side stores its identifiers" identity --user-id sample-user --channel-id sample-channel
+step "Read back from the shared keychain" keychain get userId
 
 printf '\n== Demo finished; the simulated device is in %s\n' "$DEVICE" >&2
