@@ -1,0 +1,130 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "config/config.h"
+#include "diagnostics/log.h"
+#include "diagnostics/log_capture_test.h"
+#include "platform/container.h"
+#include "platform/fixtures_test.h"
+
+namespace {
+
+class DatabasePathTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    documents_ = pnx::Container::documentsDirectory();
+    library_ = pnx::Container::libraryDirectory();
+    privateDirectory_ = library_ + "/pnx.mobile-push";
+  }
+  void TearDown() override { PNXLog::sharedInstance().setLogLevelName("error"); }
+
+  std::unique_ptr<PNXConfig> configWithPrivateStorage(bool privateStorage) {
+    auto config =
+        std::make_unique<PNXConfig>(pnx::Value::dict({{"privateDatabaseStorage", privateStorage}}));
+    PNXLog::sharedInstance().setLogLevelName("verbose");
+    return config;
+  }
+  static void put(const std::string& path, const std::string& text) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path) << text;
+  }
+  static std::string contents(const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+  static bool exists(const std::string& path) { return std::filesystem::exists(path); }
+
+  pnx::testing::ScopedDevice device_;
+  LogCapture log_;
+  std::string documents_, library_, privateDirectory_;
+};
+
+TEST_F(DatabasePathTest, PrivateStorageCreatesItsDirectoryAndMovesNothingWhenEmpty) {
+  auto config = configWithPrivateStorage(true);
+  EXPECT_EQ(config->pathForDatabase("a.db"), privateDirectory_ + "/a.db");
+  EXPECT_TRUE(std::filesystem::is_directory(privateDirectory_));
+  EXPECT_TRUE(
+      log_.contains("Using Private Path for database a.db -> " + privateDirectory_ + "/a.db"));
+  EXPECT_FALSE(log_.contains("moving to"));
+}
+
+TEST_F(DatabasePathTest, PrivateStorageTakesTheOldFileAndKeepsThePublicOneOnConflict) {
+  put(library_ + "/a.db", "old private");
+  put(documents_ + "/a.db", "public");
+  auto config = configWithPrivateStorage(true);
+  EXPECT_EQ(config->pathForDatabase("a.db"), privateDirectory_ + "/a.db");
+  EXPECT_EQ(contents(privateDirectory_ + "/a.db"), "old private");
+  EXPECT_EQ(contents(documents_ + "/a.db"), "public");
+  EXPECT_FALSE(exists(library_ + "/a.db"));
+  EXPECT_TRUE(log_.contains("Old private database found for a.db, moving to private path."));
+  EXPECT_TRUE(log_.contains("Public database found for a.db, moving to private path."));
+  EXPECT_TRUE(log_.contains("Couldn't move public database at " + documents_ + "/a.db to " +
+                            privateDirectory_ + "/a.db: "));
+
+  // Nothing left to move the second time but the conflicting public file.
+  log_.clear();
+  config->pathForDatabase("a.db");
+  EXPECT_FALSE(log_.contains("Old private database found"));
+}
+
+TEST_F(DatabasePathTest, PublicStorageMovesThePrivateFileBack) {
+  put(privateDirectory_ + "/b.db", "private");
+  auto config = configWithPrivateStorage(false);
+  EXPECT_EQ(config->pathForDatabase("b.db"), documents_ + "/b.db");
+  EXPECT_EQ(contents(documents_ + "/b.db"), "private");
+  EXPECT_TRUE(log_.contains("Using Public Path for database b.db -> " + documents_ + "/b.db"));
+  EXPECT_TRUE(log_.contains("Private database found for b.db, moving to public path."));
+
+  log_.clear();
+  config->pathForDatabase("b.db");
+  EXPECT_FALSE(log_.contains("moving to"));
+}
+
+TEST_F(DatabasePathTest, PublicStoragePrefersTheOldPrivateFile) {
+  put(library_ + "/c.db", "old private");
+  put(privateDirectory_ + "/c.db", "private");
+  auto config = configWithPrivateStorage(false);
+  EXPECT_EQ(config->pathForDatabase("c.db"), documents_ + "/c.db");
+  EXPECT_EQ(contents(documents_ + "/c.db"), "old private");
+  EXPECT_EQ(contents(privateDirectory_ + "/c.db"), "private");
+  EXPECT_TRUE(log_.contains("Old Private database found for c.db, moving to public path."));
+  EXPECT_TRUE(log_.contains("Couldn't move private database at " + privateDirectory_ + "/c.db to " +
+                            documents_ + "/c.db: "));
+}
+
+// A file system that refuses to create directories.
+class NoNewDirectories : public pnx::FileManagerWrapper {
+ public:
+  NoNewDirectories() : FileManagerWrapper(pnx::FileManager::posix()) {}
+  bool createDirectory(const std::string& path, bool, const pnx::FileAttributes&,
+                       pnx::ErrorPtr* error) override {
+    if (error)
+      *error = pnx::Error::withDescription(pnx::NSCocoaErrorDomain, 513, "no permission", path);
+    return false;
+  }
+};
+
+TEST_F(DatabasePathTest, AFailedDirectoryIsLoggedAndThePathStillReturned) {
+  auto config = configWithPrivateStorage(true);
+  pnx::FileManager::setCurrent(std::make_shared<NoNewDirectories>());
+  const std::string path = config->pathForDatabase("d.db");
+  pnx::FileManager::setCurrent(nullptr);
+  EXPECT_EQ(path, privateDirectory_ + "/d.db");
+  EXPECT_TRUE(
+      log_.contains("Couldn't create private directory " + privateDirectory_ + ": no permission"));
+}
+
+TEST_F(DatabasePathTest, ConcurrentCallersMoveAFileOnce) {
+  put(documents_ + "/e.db", "public");
+  auto config = configWithPrivateStorage(true);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) threads.emplace_back([&] { config->pathForDatabase("e.db"); });
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(contents(privateDirectory_ + "/e.db"), "public");
+  EXPECT_FALSE(exists(documents_ + "/e.db"));
+  EXPECT_FALSE(log_.contains("Couldn't move"));
+}
+
+}  // namespace
