@@ -1,5 +1,6 @@
 #include "platform/json.h"
 
+#include <cctype>
 #include <cmath>
 #include <cstdint>
 #include <string>
@@ -110,6 +111,29 @@ std::size_t offsetOfToken(std::string_view text, std::size_t n) {
   return text.size();
 }
 
+bool isLiteralCharacter(char c) {
+  return std::isalnum(static_cast<unsigned char>(c)) || c == '+' || c == '-' || c == '.';
+}
+
+// First byte of the well-formed token whose last byte is at `last`: a string back to its
+// opening quote, a number or literal back over its characters, punctuation itself.
+std::size_t startOfTokenEndingAt(std::string_view text, std::size_t last) {
+  if (last >= text.size()) return last;
+  if (text[last] == '"') {
+    for (std::size_t i = last; i-- > 0;) {
+      if (text[i] != '"') continue;
+      std::size_t backslashes = 0;
+      while (backslashes < i && text[i - 1 - backslashes] == '\\') ++backslashes;
+      if (backslashes % 2 == 0) return i;
+    }
+    return last;
+  }
+  std::size_t start = last;
+  if (!isLiteralCharacter(text[last])) return start;
+  while (start > 0 && isLiteralCharacter(text[start - 1])) --start;
+  return start;
+}
+
 // Builds Values straight from nlohmann's SAX events.
 class ValueBuilder {
  public:
@@ -141,16 +165,21 @@ class ValueBuilder {
 
   bool parse_error(std::size_t position, const std::string&,
                    const nlohmann::detail::exception& ex) {
-    // nlohmann counts the offending byte as read.
-    errorOffset_ = position > 0 ? position - 1 : 0;
     what_ = whatWentWrong(ex.what());
+    // nlohmann counts the offending token as read, so position - 1 is its last byte.
+    lastByteOfError_ = position > 0 ? position - 1 : 0;
+    // A well-formed token in the wrong place, or a number out of range, is best shown
+    // at its first byte; a malformed one at the byte that broke it.
+    misplacedToken_ = ex.id == 406 || (what_.starts_with("unexpected ") &&
+                                       !what_.starts_with("unexpected end of input"));
     return false;
   }
 
   // After sax_parse returns false: where and what.
   bool failedAtToken() const { return failedAtToken_; }
   std::size_t failedToken() const { return tokens_ - 1; }
-  std::size_t errorOffset() const { return errorOffset_; }
+  std::size_t lastByteOfError() const { return lastByteOfError_; }
+  bool misplacedToken() const { return misplacedToken_; }
   const std::string& what() const { return what_; }
   Value takeResult() { return std::move(result_); }
 
@@ -207,7 +236,8 @@ class ValueBuilder {
   Value result_;
   std::size_t tokens_ = 0;
   bool failedAtToken_ = false;
-  std::size_t errorOffset_ = 0;
+  std::size_t lastByteOfError_ = 0;
+  bool misplacedToken_ = false;
   std::string what_;
 };
 
@@ -374,8 +404,12 @@ std::optional<Value> JSON::parse(std::string_view text, ErrorPtr* error, JSONRea
   }
   ValueBuilder builder(options.allowFragments);
   if (nlohmann::json::sax_parse(text.begin(), text.end(), &builder)) return builder.takeResult();
-  const std::size_t offset =
-      builder.failedAtToken() ? offsetOfToken(text, builder.failedToken()) : builder.errorOffset();
+  std::size_t offset = builder.lastByteOfError();
+  if (builder.failedAtToken()) {
+    offset = offsetOfToken(text, builder.failedToken());
+  } else if (builder.misplacedToken()) {
+    offset = startOfTokenEndingAt(text, offset);
+  }
   setReadError(error, text, offset, builder.what());
   return std::nullopt;
 }

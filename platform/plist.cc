@@ -284,6 +284,14 @@ std::size_t xmlNestingDepth(std::string_view text) {
 // ---------------------------------------------------------------------------------------
 // libplist nodes to Values.
 
+// libplist 2.2 reads a binary date before 2001 with the fraction's sign dropped:
+// -12345.75 comes back as (-12345, +750000). A negative whole part tells the fraction's
+// sign; only dates less than a second before 2001-01-01 stay indistinguishable.
+double secondsSinceReferenceDate(std::int32_t seconds, std::int32_t microseconds) {
+  if (seconds < 0 && microseconds > 0) return seconds - microseconds / 1e6;
+  return seconds + microseconds / 1e6;
+}
+
 class NodeReader {
  public:
   std::optional<Value> read(plist_t node, std::size_t depth = 0) {
@@ -310,7 +318,7 @@ class NodeReader {
       case PLIST_DATE: {
         std::int32_t seconds = 0, microseconds = 0;
         plist_get_date_val(node, &seconds, &microseconds);
-        return Value(Date::fromReferenceDate(seconds + microseconds / 1e6));
+        return Value(Date::fromReferenceDate(secondsSinceReferenceDate(seconds, microseconds)));
       }
       case PLIST_DATA: {
         std::uint64_t length = 0;

@@ -137,6 +137,9 @@ class Value {
   int compare(const Value& other) const;
   friend bool operator==(const Value& a, const Value& b) { return a.compare(b) == 0; }
   friend bool operator<(const Value& a, const Value& b) { return a.compare(b) < 0; }
+  friend bool operator>(const Value& a, const Value& b) { return a.compare(b) > 0; }
+  friend bool operator<=(const Value& a, const Value& b) { return a.compare(b) <= 0; }
+  friend bool operator>=(const Value& a, const Value& b) { return a.compare(b) >= 0; }
 
  private:
   friend struct ValueDescriber;
