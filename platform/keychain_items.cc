@@ -168,8 +168,8 @@ Value resultFor(const StoredItem& stored, const ItemQuery& query) {
 
 StoredItem storedItemFrom(const SQLiteResultSet& row) {
   auto text = [&row](int column) {
-    const std::string* value = row.valueForColumnIndex(column).asString();
-    return value ? *value : std::string();
+    Value value = row.valueForColumnIndex(column);
+    return value.isString() ? *value.asString() : std::string();
   };
   StoredItem item{text(0), text(1), text(2), text(3), text(4), {}, {}, {}};
   Value data = row.valueForColumnIndex(5);
@@ -385,6 +385,30 @@ Value resultsFor(const std::vector<StoredItem>& items, const ItemQuery& query) {
 
 std::string keychainDatabasePath() {
   return pathByAppendingComponent(Device::directory(), "keychain.db");
+}
+
+std::string keychainStatusDescription(OSStatus status) {
+  struct Known {
+    OSStatus status;
+    const char* name;
+    const char* meaning;
+  };
+  static constexpr Known kKnown[] = {
+      {errSecSuccess, "errSecSuccess", "no error"},
+      {errSecItemNotFound, "errSecItemNotFound", "the item cannot be found"},
+      {errSecDuplicateItem, "errSecDuplicateItem", "the item already exists"},
+      {errSecMissingEntitlement, "errSecMissingEntitlement",
+       "the access group is not among the bundle's keychain-access-groups"},
+      {errSecInteractionNotAllowed, "errSecInteractionNotAllowed",
+       "the keychain database cannot be used"},
+      {errSecParam, "errSecParam", "the query is not valid"},
+  };
+  for (const Known& known : kKnown) {
+    if (known.status == status) {
+      return std::string(known.name) + " (" + std::to_string(status) + "): " + known.meaning;
+    }
+  }
+  return "status " + std::to_string(status);
 }
 
 std::vector<std::string> keychainAccessGroups() {

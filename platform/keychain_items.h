@@ -89,6 +89,9 @@ OSStatus SecItemUpdate(const Value& query, const Value& attributesToUpdate);
 // Deletes every matching item.
 OSStatus SecItemDelete(const Value& query);
 
+// "errSecItemNotFound (-25300): the item cannot be found", for people reading a status.
+std::string keychainStatusDescription(OSStatus status);
+
 // The access groups this process is entitled to, in the order the entitlements list them.
 std::vector<std::string> keychainAccessGroups();
 // <device>/keychain.db
