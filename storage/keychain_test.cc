@@ -1,0 +1,207 @@
+#include "storage/keychain.h"
+
+#include <gtest/gtest.h>
+
+#include "config/config.h"
+#include "diagnostics/log_capture_test.h"
+#include "platform/fixtures_test.h"
+#include "platform/keychain_items.h"
+
+namespace {
+
+constexpr const char* kBundleId = "com.example.keychain.store";
+constexpr const char* kTeamId = "ABCDE12345";
+
+std::string entitlementsPlist(const std::string& group) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+         "<key>keychain-access-groups</key>\n<array>\n<string>" +
+         group + "</string>\n</array>\n</dict>\n</plist>\n";
+}
+
+// A raw item of service "svc" beside the store's own items.
+pnx::OSStatus addRawItem(const char* account, const char* accessible, const std::string& text) {
+  return pnx::SecItemAdd(
+      pnx::Value::dict({{pnx::kSecClass, pnx::kSecClassGenericPassword},
+                        {pnx::kSecAttrService, "svc"},
+                        {pnx::kSecAttrAccount, account},
+                        {pnx::kSecAttrAccessible, accessible},
+                        {pnx::kSecValueData, pnx::Data(text.begin(), text.end())}}));
+}
+
+// An error that a read must leave in place when it has nothing to report.
+pnx::ErrorPtr sentinel() {
+  return pnx::Error::make("sentinel", 1);
+}
+
+class KeychainStore : public ::testing::Test {
+ protected:
+  KeychainStore() : device_(kBundleId) {
+    PNXLog::sharedInstance().setLogLevelName("trace");
+    pnx::Clock::set(pnx::Date(1700000000));
+  }
+  ~KeychainStore() override { pnx::Clock::useSystemClock(); }
+
+  void useTeamId(std::optional<std::string> teamId) {
+    PNXConfig::sharedInstanceWithDictionary(pnx::Value::dict({}))->setTeamId(std::move(teamId));
+    PNXLog::sharedInstance().setLogLevelName("trace");  // the configuration sets its own
+  }
+
+  pnx::testing::ScopedDevice device_;
+  LogCapture log_;
+  PNXKeychain store_{"svc"};
+};
+
+TEST_F(KeychainStore, SetObjectAddsAndThenUpdatesTheSameItem) {
+  ASSERT_TRUE(store_.setObject("first", "name"));
+  pnx::Clock::advance(30);
+  ASSERT_TRUE(store_.setObject(pnx::Value::array({pnx::Date(5), 7}), "name"));
+
+  pnx::ErrorPtr error = sentinel();
+  EXPECT_EQ(store_.objectForName("name", &error), pnx::Value::array({pnx::Date(5), 7}));
+  auto item = store_.itemForName("name", &error);
+  ASSERT_TRUE(item);
+  EXPECT_EQ(item->value(), pnx::Value::array({pnx::Date(5), 7}));
+  EXPECT_EQ(item->created(), pnx::Date(1700000000));
+  EXPECT_EQ(item->modified(), pnx::Date(1700000030));
+  EXPECT_EQ(error->domain(), "sentinel");
+
+  // One item, stored with the store's accessibility.
+  pnx::Value all;
+  pnx::Value everything = store_.getKeychainQuery("name");
+  pnx::Dictionary withLimit = *everything.asDictionary();
+  withLimit[pnx::Value(pnx::kSecMatchLimit)] = pnx::kSecMatchLimitAll;
+  withLimit[pnx::Value(pnx::kSecReturnAttributes)] = true;
+  withLimit.erase(pnx::Value(pnx::kSecAttrAccessible));
+  ASSERT_EQ(pnx::SecItemCopyMatching(pnx::Value(withLimit), &all), pnx::errSecSuccess);
+  ASSERT_EQ(all.size(), 1u);
+  EXPECT_EQ((*all.asArray())[0][pnx::kSecAttrAccessible],
+            pnx::Value(pnx::kSecAttrAccessibleAlwaysThisDeviceOnly));
+
+  EXPECT_TRUE(store_.removeObjectForName("name"));
+  EXPECT_FALSE(store_.removeObjectForName("name"));
+}
+
+TEST_F(KeychainStore, AMissingItemIsNullWithoutAnError) {
+  pnx::ErrorPtr error = sentinel();
+  EXPECT_TRUE(store_.objectForName("never", &error).isNull());
+  EXPECT_FALSE(store_.itemForName("never", &error));
+  EXPECT_EQ(error->domain(), "sentinel");
+
+  // A stored null comes back as null, and as an item with no properties.
+  ASSERT_TRUE(store_.setObject(pnx::Value(), "nothing"));
+  EXPECT_TRUE(store_.objectForName("nothing", &error).isNull());
+  auto item = store_.itemForName("nothing", &error);
+  ASSERT_TRUE(item);
+  EXPECT_FALSE(item->created());
+  EXPECT_TRUE(item->value().isNull());
+  EXPECT_EQ(error->domain(), "sentinel");
+}
+
+TEST_F(KeychainStore, DataThatIsNoArchiveIsAnUnarchiveFailure) {
+  ASSERT_EQ(addRawItem("junk", pnx::kSecAttrAccessibleAlwaysThisDeviceOnly, "not an archive"),
+            pnx::errSecSuccess);
+  pnx::ErrorPtr error;
+  EXPECT_TRUE(store_.objectForName("junk", &error).isNull());
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), 104);
+  EXPECT_EQ(error->localizedDescription(), "Keychain unarchive of junk failed");
+  ASSERT_TRUE(error->underlyingException());
+  EXPECT_EQ(error->underlyingException()->name(), pnx::NSInvalidUnarchiveOperationException);
+
+  error = nullptr;
+  EXPECT_FALSE(store_.itemForName("junk", &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), 104);
+  EXPECT_EQ(error->localizedDescription(), "Keychain unarchive of <unknown> failed");
+
+  EXPECT_TRUE(store_.userId().isNull());
+  ASSERT_EQ(addRawItem("userId", pnx::kSecAttrAccessibleAlwaysThisDeviceOnly, "junk"),
+            pnx::errSecSuccess);
+  EXPECT_TRUE(store_.userId().isNull());
+  EXPECT_TRUE(log_.contains("Got userId from shared keychain."));
+  EXPECT_TRUE(log_.contains("Couldn't get userId from shared keychain."));
+}
+
+TEST_F(KeychainStore, AnUnavailableKeychainFailsEveryOperation) {
+  device_.root().write("device/keychain.db", std::string(4096, 'x'));
+  pnx::ErrorPtr error;
+  EXPECT_TRUE(store_.objectForName("name", &error).isNull());
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), 104);
+  EXPECT_EQ(error->localizedDescription(), "Keychain unarchive of name failed");
+  EXPECT_FALSE(error->underlyingException());
+
+  error = nullptr;
+  EXPECT_FALSE(store_.itemForName("name", &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), 122);
+
+  EXPECT_FALSE(store_.setObject("v", "name"));
+  EXPECT_TRUE(log_.contains("Could not set keychain name name to value v, return -25308"));
+  EXPECT_FALSE(store_.removeObjectForName("name"));
+  store_.setChannelId("c");
+  EXPECT_TRUE(log_.contains("Couldn't set channelId in shared keychain."));
+}
+
+TEST_F(KeychainStore, ItemsOfAnotherAccessibilityAreInvisibleButBlockTheAdd) {
+  ASSERT_EQ(addRawItem("name", pnx::kSecAttrAccessibleWhenUnlocked, "whatever"),
+            pnx::errSecSuccess);
+  pnx::ErrorPtr error;
+  EXPECT_TRUE(store_.objectForName("name", &error).isNull());
+  EXPECT_FALSE(error);
+  EXPECT_FALSE(store_.removeObjectForName("name"));
+  EXPECT_FALSE(store_.setObject("mine", "name"));
+  EXPECT_TRUE(log_.contains("Could not set keychain name name to value mine, return -25299"));
+}
+
+TEST_F(KeychainStore, TheGroupStoreUsesTheTeamsSharedGroup) {
+  useTeamId(kTeamId);
+  device_.writeBundleFile("Entitlements.plist", entitlementsPlist("ABCDE12345.PNX"));
+  auto shared = PNXKeychain::groupKeychain("PNX");
+  EXPECT_EQ(shared->group(), "ABCDE12345.PNX");
+  EXPECT_TRUE(log_.contains("Created keychain group with teamId"));
+
+  shared->setUserId("user-1");
+  EXPECT_EQ(shared->userId(), pnx::Value("user-1"));
+  EXPECT_TRUE(shared->channelId().isNull());
+  EXPECT_TRUE(log_.contains("Set userId in shared keychain."));
+  EXPECT_TRUE(log_.contains("Got channelId from shared keychain."));
+  // Another store object of the same service and group sees the write at once.
+  EXPECT_EQ(PNXKeychain::groupKeychain("PNX")->userId(), pnx::Value("user-1"));
+
+  // A group the bundle is not entitled to is refused and nothing is written.
+  PNXKeychain foreign("PNX");
+  foreign.setGroup("OTHER.PNX");
+  EXPECT_FALSE(foreign.setObject("x", "userId"));
+  EXPECT_TRUE(log_.contains("return -34018"));
+  pnx::ErrorPtr error;
+  EXPECT_TRUE(foreign.objectForName("userId", &error).isNull());
+  EXPECT_EQ(error->code(), 104);
+}
+
+TEST_F(KeychainStore, WithoutATeamIdTheGroupStoreUsesTheDefaultGroup) {
+  useTeamId(std::nullopt);
+  auto shared = PNXKeychain::groupKeychain("PNX");
+  EXPECT_FALSE(shared->group());
+  EXPECT_TRUE(log_.contains(
+      "Can not create keychain group with teamId, there is no teamId in config file."));
+  shared->setChannelId("channel-1");
+  EXPECT_EQ(shared->channelId(), pnx::Value("channel-1"));
+}
+
+TEST_F(KeychainStore, TheDefaultStoreIsTheBundleIdentifiers) {
+  auto store = PNXKeychain::defaultKeychain();
+  EXPECT_EQ(store->service(), kBundleId);
+  EXPECT_FALSE(store->group());
+  EXPECT_TRUE(log_.contains(std::string("keychain bundleId: ") + kBundleId));
+
+  // Without an identifier there is no service, and every operation raises.
+  device_.writeBundleFile("Info.plist", "<plist version=\"1.0\"><dict/></plist>");
+  auto broken = PNXKeychain::defaultKeychain();
+  EXPECT_FALSE(broken->service());
+  pnx::ErrorPtr error;
+  EXPECT_THROW(broken->setObject("v", "name"), pnx::Exception);
+  EXPECT_THROW(broken->objectForName("name", &error), pnx::Exception);
+}
+
+}  // namespace
