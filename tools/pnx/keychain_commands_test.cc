@@ -1,0 +1,116 @@
+// pnx identity and pnx keychain, run as separate processes against one device, and the
+// items they leave in the device's keychain database.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "platform/keyed_archive.h"
+#include "platform/sqlite.h"
+#include "tools/pnx/run_pnx_test.h"
+
+namespace {
+
+constexpr const char* kSharedGroup = "A1B2C3D4E5.PNX";  // teamId of the sample bundle + ".PNX"
+
+struct StoredRow {
+  std::string group;
+  std::string accessible;
+  pnx::Value value;
+};
+
+// The items of service and account in the device's database, values unarchived.
+std::vector<StoredRow> storedRows(const PnxRunner& pnx, const std::string& service,
+                                  const std::string& account) {
+  auto database = pnx::SQLiteDatabase::open(pnx.device() + "/keychain.db");
+  EXPECT_TRUE(database);
+  if (!database) return {};
+  auto rows = database->query(
+      "SELECT access_group, accessible, data FROM items WHERE service = ? AND account = ?",
+      {pnx::Value(service), pnx::Value(account)});
+  std::vector<StoredRow> result;
+  while (rows && rows->next()) {
+    result.push_back(
+        {*rows->valueForColumnIndex(0).asString(), *rows->valueForColumnIndex(1).asString(),
+         pnx::KeyedUnarchiver::unarchiveObjectWithData(*rows->valueForColumnIndex(2).asData())});
+  }
+  return result;
+}
+
+void expectFailure(const PnxRun& run, const std::string& mentions) {
+  EXPECT_EQ(run.exitCode, 1) << run.err;
+  EXPECT_EQ(run.out, "");
+  ASSERT_EQ(run.errLines().size(), 1u) << run.err;
+  EXPECT_NE(run.err.find(mentions), std::string::npos) << run.err;
+}
+
+TEST(PnxKeychainCommands, IdentityIsWrittenIntoTheSharedGroupAndReadBack) {
+  PnxRunner pnx;
+  PnxRun first = pnx.run({"identity"});
+  ASSERT_EQ(first.exitCode, 0) << first.err;
+  EXPECT_EQ(first.json(),
+            pnx::Value::dict({{"userId", pnx::Value()}, {"channelId", pnx::Value()}}));
+
+  PnxRun written = pnx.run({"identity", "--user-id", "user-7", "--channel-id", "chan-9"});
+  ASSERT_EQ(written.exitCode, 0) << written.err;
+  EXPECT_EQ(written.json(), pnx::Value::dict({{"userId", "user-7"}, {"channelId", "chan-9"}}));
+
+  PnxRun changed = pnx.run({"identity", "--user-id", "user-8"});
+  EXPECT_EQ(changed.json(), pnx::Value::dict({{"userId", "user-8"}, {"channelId", "chan-9"}}));
+
+  auto rows = storedRows(pnx, "PNX", "userId");
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].group, kSharedGroup);
+  EXPECT_EQ(rows[0].accessible, "dku");
+  EXPECT_EQ(rows[0].value, pnx::Value("user-8"));
+  struct stat info {};
+  ASSERT_EQ(stat((pnx.device() + "/keychain.db").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+}
+
+TEST(PnxKeychainCommands, SetGetAndRemoveOneItem) {
+  PnxRunner pnx;
+  const char* queue = R"([{"userId":"u1","mailingId":3},{"channelId":"c2"}])";
+  PnxRun set = pnx.run({"keychain", "set", "pushQueue", queue});
+  ASSERT_EQ(set.exitCode, 0) << set.err;
+  pnx::Value expected = *pnx::JSON::parse(queue);
+  EXPECT_EQ(set.json(), expected);
+  EXPECT_EQ(pnx.run({"keychain", "get", "pushQueue"}).json(), expected);
+  auto rows = storedRows(pnx, "PNX", "pushQueue");
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].value, expected);
+
+  // Another service is another item; "" selects the default group.
+  ASSERT_EQ(
+      pnx.run({"keychain", "set", "pushQueue", "42", "--service", "other", "--group", ""}).exitCode,
+      0);
+  EXPECT_EQ(pnx.run({"keychain", "get", "pushQueue"}).json(), expected);
+
+  PnxRun removed = pnx.run({"keychain", "rm", "pushQueue"});
+  ASSERT_EQ(removed.exitCode, 0) << removed.err;
+  EXPECT_EQ(removed.json(), expected);
+  expectFailure(pnx.run({"keychain", "get", "pushQueue"}), "errSecItemNotFound (-25300)");
+  expectFailure(pnx.run({"keychain", "rm", "pushQueue"}), "errSecItemNotFound (-25300)");
+}
+
+TEST(PnxKeychainCommands, RefusalsAreOneLineAndWriteNothing) {
+  PnxRunner pnx;
+  expectFailure(pnx.run({"keychain", "set", "userId", "\"x\"", "--group", "ZZZZZ.PNX"}),
+                "errSecMissingEntitlement (-34018)");
+  EXPECT_TRUE(storedRows(pnx, "PNX", "userId").empty());
+
+  PnxRun notJson = pnx.run({"keychain", "set", "userId", "{broken"});
+  EXPECT_EQ(notJson.exitCode, 2) << notJson.err;
+  EXPECT_NE(notJson.err.find("not JSON"), std::string::npos) << notJson.err;
+  EXPECT_EQ(pnx.run({"keychain", "set", "userId"}).exitCode, 2);
+  EXPECT_EQ(pnx.run({"keychain", "get", "userId", "1"}).exitCode, 2);
+  EXPECT_EQ(pnx.run({"keychain", "list", "userId"}).exitCode, 2);
+
+  // A bundle entitled to its own identifier only may not write the shared group.
+  pnx::testing::TempDir bundle;
+  bundle.write("Info.plist", pnx::testing::ScopedDevice::infoPlist("com.example.other"));
+  bundle.write("PnxConfig.json", R"({"teamId": "A1B2C3D4E5"})");
+  PnxRunner unentitled(bundle.path());
+  expectFailure(unentitled.run({"identity", "--user-id", "u"}), "errSecMissingEntitlement");
+}
+
+}  // namespace
