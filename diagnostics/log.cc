@@ -12,8 +12,9 @@
 #include "platform/dispatch.h"
 #include "platform/system_log.h"
 
-std::map<PNXLogLevel, std::string> pnxFlags;
-std::shared_ptr<pnx::DateFormatter> dateFormatter;
+// Never destroyed: the log's queues may still use them while the process exits.
+std::map<PNXLogLevel, std::string>& pnxFlags = *new std::map<PNXLogLevel, std::string>;
+std::shared_ptr<pnx::DateFormatter>& dateFormatter = *new std::shared_ptr<pnx::DateFormatter>;
 
 namespace pnx_log_detail {
 std::atomic<PNXLogLevel> currentLevel{0};

@@ -39,10 +39,10 @@ using PNXLogLevel = std::intptr_t;
 
 // The severity mark of each level ("🛑 " for ERROR, ...). Filled on the log queue before
 // the first line is composed, unless the host installed its own marks before that.
-extern std::map<PNXLogLevel, std::string> pnxFlags;
+extern std::map<PNXLogLevel, std::string>& pnxFlags;
 // Stamps file lines; created on the file queue with the pattern
 // "[yyyy-MM-dd'T'HH:mm:ssZZZ] " before the first file line, unless the host installed one.
-extern std::shared_ptr<pnx::DateFormatter> dateFormatter;
+extern std::shared_ptr<pnx::DateFormatter>& dateFormatter;
 
 // The core, for C callers: printf conventions, where "%@" (and "%{public}@") takes a
 // NUL-terminated UTF-8 C string (a null pointer prints "(null)"); C has no objects to

@@ -35,8 +35,8 @@ class DefaultSink final : public LogSink {
   }
 
   void console(std::string_view text) override {
-    static const DateFormatter stamp("yyyy-MM-dd HH:mm:ss.SSS");
-    std::string line = stamp.stringFromDate(Date::now()) + " " + program_invocation_short_name +
+    static const auto* stamp = new DateFormatter("yyyy-MM-dd HH:mm:ss.SSS");
+    std::string line = stamp->stringFromDate(Date::now()) + " " + program_invocation_short_name +
                        "[" + std::to_string(getpid()) + ":" + std::to_string(gettid()) + "] ";
     line.append(text);
     line.push_back('\n');
