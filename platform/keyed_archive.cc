@@ -24,6 +24,40 @@ ErrorPtr writeError(const std::string& reason) {
                                 "The data couldn’t be written: " + reason + ".");
 }
 
+// Converts well-formed UTF-8 to UTF-16 code units (units may be null to only check it);
+// false for anything else: stray or overlong bytes, surrogates, code points past U+10FFFF.
+bool utf8ToUTF16(std::string_view text, std::vector<std::uint16_t>* units) {
+  static constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  for (std::size_t i = 0; i < text.size();) {
+    auto lead = static_cast<unsigned char>(text[i]);
+    int length = lead < 0x80           ? 1
+                 : (lead >> 5) == 0x6  ? 2
+                 : (lead >> 4) == 0xe  ? 3
+                 : (lead >> 3) == 0x1e ? 4
+                                       : 0;
+    if (length == 0 || i + length > text.size()) return false;
+    std::uint32_t code = length == 1 ? lead : lead & (0x7f >> length);
+    for (int k = 1; k < length; ++k) {
+      auto next = static_cast<unsigned char>(text[i + k]);
+      if ((next & 0xc0) != 0x80) return false;
+      code = code << 6 | (next & 0x3f);
+    }
+    if (code < kSmallest[length] || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff)) {
+      return false;
+    }
+    i += length;
+    if (!units) continue;
+    if (code >= 0x10000) {
+      code -= 0x10000;
+      units->push_back(static_cast<std::uint16_t>(0xd800 | code >> 10));
+      units->push_back(static_cast<std::uint16_t>(0xdc00 | (code & 0x3ff)));
+    } else {
+      units->push_back(static_cast<std::uint16_t>(code));
+    }
+  }
+  return true;
+}
+
 // Builds a binary property list ("bplist00") object by object, children before the
 // containers that refer to them, and writes it out at the end, when the size of the
 // references is known. Equal strings and equal UIDs become one object. Linear in the
@@ -172,6 +206,11 @@ class BinaryPlistWriter {
 
   // ASCII as it is, anything else as UTF-16 big-endian.
   void encodeString(std::string_view text, Data& out) {
+    // Property-list readers end strings at a NUL: refuse rather than lose what follows.
+    if (text.find('\0') != std::string_view::npos) {
+      failure_ = "a string contains a NUL character";
+      return;
+    }
     bool ascii = std::all_of(text.begin(), text.end(),
                              [](char c) { return static_cast<unsigned char>(c) < 0x80; });
     if (ascii) {
@@ -180,43 +219,12 @@ class BinaryPlistWriter {
       return;
     }
     std::vector<std::uint16_t> units;
-    if (!utf16(text, &units)) {
+    if (!utf8ToUTF16(text, &units)) {
       failure_ = "a string is not UTF-8";
       return;
     }
     encodeMarker(0x6, units.size(), out);
     for (std::uint16_t unit : units) appendBigEndian(unit, 2, out);
-  }
-
-  static bool utf16(std::string_view text, std::vector<std::uint16_t>* units) {
-    static constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    for (std::size_t i = 0; i < text.size();) {
-      auto lead = static_cast<unsigned char>(text[i]);
-      int length = lead < 0x80           ? 1
-                   : (lead >> 5) == 0x6  ? 2
-                   : (lead >> 4) == 0xe  ? 3
-                   : (lead >> 3) == 0x1e ? 4
-                                         : 0;
-      if (length == 0 || i + length > text.size()) return false;
-      std::uint32_t code = length == 1 ? lead : lead & (0x7f >> length);
-      for (int k = 1; k < length; ++k) {
-        auto next = static_cast<unsigned char>(text[i + k]);
-        if ((next & 0xc0) != 0x80) return false;
-        code = code << 6 | (next & 0x3f);
-      }
-      if (code < kSmallest[length] || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff)) {
-        return false;
-      }
-      if (code >= 0x10000) {
-        code -= 0x10000;
-        units->push_back(static_cast<std::uint16_t>(0xd800 | code >> 10));
-        units->push_back(static_cast<std::uint16_t>(0xdc00 | (code & 0x3ff)));
-      } else {
-        units->push_back(static_cast<std::uint16_t>(code));
-      }
-      i += length;
-    }
-    return true;
   }
 
   std::vector<Node> nodes_;
@@ -463,15 +471,24 @@ class ArchiveReader {
       case Value::Type::Boolean:
       case Value::Type::Integer:
       case Value::Type::Real:
-      case Value::Type::String:
       case Value::Type::Data:
       case Value::Type::Date:
         return raw;
+      case Value::Type::String:
+        return checkedString(raw);
       case Value::Type::Dictionary:
         return decodeInstance(raw, depth);
       default:
         fail("an entry of type " + raw.className() + " is not an object");
     }
+  }
+
+  // Strings must be what the archiver writes: UTF-8 without NUL characters.
+  static const Value& checkedString(const Value& text) {
+    const std::string& value = *text.asString();
+    if (!utf8ToUTF16(value, nullptr)) fail("a string is not UTF-8");
+    if (value.find('\0') != std::string::npos) fail("a string contains a NUL character");
+    return text;
   }
 
   std::string classNameOf(const Value& instance) const {
@@ -507,7 +524,7 @@ class ArchiveReader {
     if (className == "NSString" || className == "NSMutableString") {
       const Value& text = instance["NS.string"];
       if (!text.isString()) fail(className + " without NS.string");
-      return text;
+      return checkedString(text);
     }
     if (className == "NSNull") return Value();
     fail("cannot decode object of class (" + className + ")");

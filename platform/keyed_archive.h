@@ -41,7 +41,7 @@ class KeyedUnarchiver {
  public:
   static constexpr int kMaxDepth = 256;
   // Objects that may be shared several times in an archive count once per use.
-  static constexpr std::size_t kMaxExpandedObjects = 1 << 22;
+  static constexpr std::size_t kMaxExpandedObjects = 1 << 20;
 
   // The root object of the archive (null for a null root). Throws pnx::Exception
   // (NSInvalidUnarchiveOperationException) when data is not a valid archive.

@@ -205,6 +205,12 @@ TEST(KeyedArchive, ValuesAnArchiveCannotHoldAreRefusedOnWriting) {
   EXPECT_NE(error->localizedDescription().find("nested deeper"), std::string::npos);
 
   error = nullptr;
+  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(Value(std::string("caf\xe9")), &error));
+  ASSERT_TRUE(error);
+  EXPECT_NE(error->localizedDescription().find("not UTF-8"), std::string::npos);
+  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(Value(std::string("a\0b", 3))));
+
+  error = nullptr;
   Value withError = Value::array({Value(ObjectPtr(Error::make("domain", 1)))});
   EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(withError, &error));
   ASSERT_TRUE(error);
