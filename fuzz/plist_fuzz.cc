@@ -1,0 +1,171 @@
+// Fuzzes the property-list reader on arbitrary bytes (XML, binary, or neither). A list that
+// parses must write again as XML and as binary unless it holds what the writer cannot take
+// (a string with a NUL character, a date beyond 32-bit seconds), and each writing must read
+// back as its own format to an equal Value. XML keeps dates to the whole second and binary
+// to the microsecond, so dates compare within those steps; text that is not UTF-8 only has
+// to stay text through binary (see below); everything else compares exactly.
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <optional>
+#include <string>
+
+#include "codecs/utf8.h"
+#include "platform/error.h"
+#include "platform/plist.h"
+
+namespace {
+
+using Format = pnx::PropertyList::Format;
+
+constexpr std::int64_t kReadErrorCode = 3840;
+constexpr std::int64_t kWriteErrorCode = 3851;
+
+// Stands in the error place to show whether a successful call touched it.
+const pnx::ErrorPtr& untouchedMarker() {
+  static const pnx::ErrorPtr marker = pnx::Error::make("untouched", 0);
+  return marker;
+}
+
+void checkError(const pnx::ErrorPtr& error, std::int64_t code) {
+  if (!error || error == untouchedMarker()) std::abort();
+  if (error->domain() != pnx::NSCocoaErrorDomain || error->code() != code) std::abort();
+}
+
+double sinceReferenceDate(const pnx::Value& date) {
+  return date.asDate()->timeIntervalSinceReferenceDate();
+}
+
+// What neither format can be written with: a string holding a NUL character, or a date
+// whose whole seconds since 2001-01-01 do not fit 32 bits (the writer's date range).
+bool beyondWriter(const pnx::Value& value) {
+  if (const std::string* s = value.asString()) return s->find('\0') != std::string::npos;
+  if (value.isDate()) {
+    const double seconds = std::floor(sinceReferenceDate(value));
+    return !(seconds >= std::numeric_limits<std::int32_t>::min() &&
+             seconds <= std::numeric_limits<std::int32_t>::max());
+  }
+  if (const pnx::Array* items = value.asArray()) {
+    for (const pnx::Value& item : *items) {
+      if (beyondWriter(item)) return true;
+    }
+  }
+  if (const pnx::Dictionary* dict = value.asDictionary()) {
+    for (const auto& [key, item] : *dict) {
+      if (beyondWriter(key) || beyondWriter(item)) return true;
+    }
+  }
+  return false;
+}
+
+// Whether a date written in `format` may read back as `back`.
+bool sameDateFor(Format format, double written, double back) {
+  if (format == Format::XML) return back == std::floor(back) && std::abs(written - back) <= 1.0;
+  return std::abs(written - back) <= 1e-5;
+}
+
+// A binary list's one-byte strings may hold any bytes, so text read from one need not be
+// UTF-8. The binary writer converts text to UTF-16 and drops, without failing, the bytes it
+// cannot convert; when nothing is left it writes an empty UTF-16 string, which the binary
+// reader refuses. So through binary, such text only has to come back as text, a dictionary
+// keyed by it as a dictionary (its keys may have merged), and a list holding it may not
+// read back at all.
+bool isTextNotUTF8(const pnx::Value& value) {
+  return value.isString() && !isValidUTF8(*value.asString());
+}
+
+bool alteredByBinaryWriter(Format format, const pnx::Value& value) {
+  return format == Format::Binary && isTextNotUTF8(value);
+}
+
+bool hasKeyAlteredByBinaryWriter(Format format, const pnx::Dictionary& dict) {
+  for (const auto& entry : dict) {
+    if (alteredByBinaryWriter(format, entry.first)) return true;
+  }
+  return false;
+}
+
+bool holdsTextNotUTF8(const pnx::Value& value) {
+  if (const pnx::Array* items = value.asArray()) {
+    for (const pnx::Value& item : *items) {
+      if (holdsTextNotUTF8(item)) return true;
+    }
+  }
+  if (const pnx::Dictionary* dict = value.asDictionary()) {
+    for (const auto& [key, item] : *dict) {
+      if (isTextNotUTF8(key) || holdsTextNotUTF8(item)) return true;
+    }
+  }
+  return isTextNotUTF8(value);
+}
+
+bool sameFor(Format format, const pnx::Value& written, const pnx::Value& back) {
+  if (alteredByBinaryWriter(format, written)) return back.isString();
+  if (written.isDate() && back.isDate()) {
+    return sameDateFor(format, sinceReferenceDate(written), sinceReferenceDate(back));
+  }
+  if (written.isArray() && back.isArray()) {
+    const pnx::Array& a = *written.asArray();
+    const pnx::Array& b = *back.asArray();
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+      if (!sameFor(format, a[i], b[i])) return false;
+    }
+    return true;
+  }
+  if (written.isDictionary() && back.isDictionary()) {
+    const pnx::Dictionary& a = *written.asDictionary();
+    const pnx::Dictionary& b = *back.asDictionary();
+    if (hasKeyAlteredByBinaryWriter(format, a)) return true;
+    if (a.size() != b.size()) return false;
+    for (auto ia = a.begin(), ib = b.begin(); ia != a.end(); ++ia, ++ib) {
+      if (ia->first != ib->first || !sameFor(format, ia->second, ib->second)) return false;
+    }
+    return true;
+  }
+  return written == back;
+}
+
+std::optional<pnx::Value> parseChecked(const pnx::Data& bytes, Format* format) {
+  pnx::ErrorPtr error = untouchedMarker();
+  auto value = pnx::PropertyList::parse(bytes, &error, format);
+  if (value && error != untouchedMarker()) std::abort();
+  if (!value) checkError(error, kReadErrorCode);
+  return value;
+}
+
+// Writes `value` in `format`; true when the format could hold it.
+bool checkRoundTrip(const pnx::Value& value, Format format) {
+  pnx::ErrorPtr error = untouchedMarker();
+  auto written = pnx::PropertyList::serialize(value, format, &error);
+  if (!written) {
+    checkError(error, kWriteErrorCode);
+    return false;
+  }
+  if (error != untouchedMarker()) std::abort();
+  Format readAs = format == Format::XML ? Format::Binary : Format::XML;
+  auto back = parseChecked(*written, &readAs);
+  if (!back && format == Format::Binary && holdsTextNotUTF8(value)) return true;
+  if (!back || readAs != format || !sameFor(format, value, *back)) std::abort();
+  return true;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const pnx::Data bytes(data, data + size);
+  Format format;
+  auto value = parseChecked(bytes, &format);
+  if (!value) return 0;
+  const bool binaryMagic = size >= 8 && std::string(data, data + 8) == "bplist00";
+  if ((format == Format::Binary) != binaryMagic) std::abort();
+
+  const bool xml = checkRoundTrip(*value, Format::XML);
+  const bool binary = checkRoundTrip(*value, Format::Binary);
+  // What one format refuses the other refuses too, and nothing else is refused.
+  if (xml != binary || xml == beyondWriter(*value)) std::abort();
+  return 0;
+}
