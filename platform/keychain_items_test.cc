@@ -5,7 +5,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "platform/fixtures_test.h"
 #include "platform/sqlite.h"
@@ -175,6 +178,25 @@ TEST_F(KeychainItems, AnUnreadableDatabaseMeansInteractionNotAllowed) {
   EXPECT_EQ(SecItemAdd(query("a")), errSecInteractionNotAllowed);
   EXPECT_EQ(SecItemDelete(query("a")), errSecInteractionNotAllowed);
   EXPECT_EQ(device_.root().read("device/keychain.db"), garbage);  // left as it was
+}
+
+TEST_F(KeychainItems, ThreadsShareTheKeychainSafely) {
+  std::vector<std::thread> threads;
+  std::atomic<int> failures{0};
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([t, &failures] {
+      for (int round = 0; round < 20; ++round) {
+        std::string account = "t" + std::to_string(t) + "-" + std::to_string(round);
+        if (SecItemAdd(query(account.c_str(), {{kSecValueData, bytes(account)}})) !=
+                errSecSuccess ||
+            readText(account.c_str()) != account) {
+          ++failures;
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(failures.load(), 0);
 }
 
 // Each child adds its own items and overwrites one shared item in a loop, reading both
