@@ -90,6 +90,12 @@ TEST_F(KeychainItems, ItemsAreAddedFoundUpdatedAndDeleted) {
             errSecItemNotFound);
   EXPECT_EQ(SecItemDelete(query("a")), errSecSuccess);
   EXPECT_EQ(SecItemDelete(query("a")), errSecItemNotFound);
+
+  struct stat info {};
+  ASSERT_EQ(stat(keychainDatabasePath().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  ASSERT_EQ(stat(device_.deviceDirectory().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0700u);
 }
 
 TEST_F(KeychainItems, MalformedQueriesAreParameterErrors) {
@@ -160,15 +166,6 @@ TEST_F(KeychainItems, AccessGroupsFollowTheEntitlements) {
   // A bundle with neither entitlements nor identifier may use no group at all.
   testing::ScopedDevice anonymous("");
   EXPECT_EQ(SecItemAdd(query("a")), errSecMissingEntitlement);
-}
-
-TEST_F(KeychainItems, TheDatabaseIsPrivateToTheUser) {
-  ASSERT_EQ(SecItemAdd(query("a", {{kSecValueData, bytes("secret")}})), errSecSuccess);
-  struct stat info {};
-  ASSERT_EQ(stat(keychainDatabasePath().c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0600u);
-  ASSERT_EQ(stat(device_.deviceDirectory().c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0700u);
 }
 
 TEST_F(KeychainItems, AnUnreadableDatabaseMeansInteractionNotAllowed) {

@@ -65,18 +65,6 @@ TEST_F(KeychainStore, SetObjectAddsAndThenUpdatesTheSameItem) {
   EXPECT_EQ(item->modified(), pnx::Date(1700000030));
   EXPECT_EQ(error->domain(), "sentinel");
 
-  // One item, stored with the store's accessibility.
-  pnx::Value all;
-  pnx::Value everything = store_.getKeychainQuery("name");
-  pnx::Dictionary withLimit = *everything.asDictionary();
-  withLimit[pnx::Value(pnx::kSecMatchLimit)] = pnx::kSecMatchLimitAll;
-  withLimit[pnx::Value(pnx::kSecReturnAttributes)] = true;
-  withLimit.erase(pnx::Value(pnx::kSecAttrAccessible));
-  ASSERT_EQ(pnx::SecItemCopyMatching(pnx::Value(withLimit), &all), pnx::errSecSuccess);
-  ASSERT_EQ(all.size(), 1u);
-  EXPECT_EQ((*all.asArray())[0][pnx::kSecAttrAccessible],
-            pnx::Value(pnx::kSecAttrAccessibleAlwaysThisDeviceOnly));
-
   EXPECT_TRUE(store_.removeObjectForName("name"));
   EXPECT_FALSE(store_.removeObjectForName("name"));
 }
