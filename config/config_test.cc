@@ -200,10 +200,10 @@ TEST_F(ConfigTest, AppDelegateClassIsLookedUpInTheRegistry) {
 }
 
 TEST_F(ConfigTest, AppKeysAreCheckedAndChosenByTheProvisioningEnvironment) {
-  PNXConfig& config = *build("");
-  EXPECT_TRUE(config.checkAppKey("apé1234567"));  // 10 UTF-16 units, 11 bytes
+  auto config = build("");
+  EXPECT_TRUE(config->checkAppKey("apé1234567"));  // 10 UTF-16 units, 11 bytes
   for (const char* bad : {"ap1234567", "ap123456789", "AP12345678"})
-    EXPECT_FALSE(config.checkAppKey(bad));
+    EXPECT_FALSE(config->checkAppKey(bad));
 
   EXPECT_EQ(build(kKeys)->appKey(), "apPROD5678");  // no profile
   EXPECT_TRUE(log_.contains("ARM BINARY, defaulting to prod appkey apPROD5678"));
@@ -227,7 +227,7 @@ TEST_F(ConfigTest, AppKeysAreCheckedAndChosenByTheProvisioningEnvironment) {
 }
 
 TEST_F(ConfigTest, BaseUrlIsReducedToItsServerRoot) {
-  PNXConfig& config = *build("");
+  auto config = build("");
   const std::pair<const char*, const char*> cases[] = {
       {"https://api.example.com/a/b", "https://api.example.com/"},
       {"https://api.example.com/api/rest/", "https://api.example.com/"},
@@ -238,7 +238,7 @@ TEST_F(ConfigTest, BaseUrlIsReducedToItsServerRoot) {
       {"not a url", kDefaultUrl},
   };
   for (const auto& [given, root] : cases) {
-    EXPECT_EQ(config.trimmedBaseUrlWithString(given).absoluteString(), root) << given;
+    EXPECT_EQ(config->trimmedBaseUrlWithString(given).absoluteString(), root) << given;
   }
   EXPECT_EQ(build(R"("baseUrl": 12)")->baseUrl().absoluteString(), kDefaultUrl);
 }
