@@ -364,11 +364,18 @@ class NodeReader {
 
   std::optional<Value> readArray(plist_t node, std::size_t depth) {
     if (depth > kMaxNestingDepth) return fail("nesting deeper than 512 levels");
-    const std::uint32_t count = plist_array_get_size(node);
     Array items;
-    items.reserve(count);
-    for (std::uint32_t i = 0; i < count; ++i) {
-      auto item = read(plist_array_get_item(node, i), depth);
+    items.reserve(plist_array_get_size(node));
+    // Indexed access walks the node list from the start each time; the iterator keeps
+    // reading a large array linear.
+    plist_array_iter iter = nullptr;
+    plist_array_new_iter(node, &iter);
+    std::unique_ptr<void, decltype(&std::free)> iterOwner(iter, &std::free);
+    while (true) {
+      plist_t child = nullptr;
+      plist_array_next_item(node, iter, &child);
+      if (!child) break;
+      auto item = read(child, depth);
       if (!item) return std::nullopt;
       items.push_back(std::move(*item));
     }

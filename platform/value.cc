@@ -4,6 +4,7 @@
 #include <cmath>
 #include <functional>
 #include <limits>
+#include <ostream>
 #include <string_view>
 #include <type_traits>
 
@@ -542,6 +543,10 @@ int Value::compare(const Value& other) const {
       return compareObjects(std::get<ObjectPtr>(v_), std::get<ObjectPtr>(other.v_));
   }
   return 0;
+}
+
+std::ostream& operator<<(std::ostream& out, const Value& value) {
+  return out << value.description();
 }
 
 }  // namespace pnx

@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <iosfwd>
 #include <map>
 #include <memory>
 #include <set>
@@ -157,6 +158,9 @@ std::string formatReal(double d);
 inline bool ValueLess::operator()(const Value& a, const Value& b) const {
   return a.compare(b) < 0;
 }
+
+// Writes the description; lets test frameworks and streams print Values readably.
+std::ostream& operator<<(std::ostream& out, const Value& value);
 
 }  // namespace pnx
 
