@@ -92,18 +92,18 @@ std::string cFormat(const char* format) {
       const char* close = std::strchr(p, '}');
       if (close) p = close + 1;
     }
-    std::string spec;
-    while (*p && std::strchr("-+ #0'123456789.*hlqLjzt", *p)) spec.push_back(*p++);
+    std::string directive;
+    while (*p && std::strchr("-+ #0'123456789.*hlqLjzt", *p)) directive.push_back(*p++);
     if (!*p) {
-      out += spec;
+      out += directive;
       break;
     }
     if (*p == '@') {
-      std::erase_if(spec, [](char c) { return std::strchr("hlqLjzt", c) != nullptr; });
-      out += spec;
+      std::erase_if(directive, [](char c) { return std::strchr("hlqLjzt", c) != nullptr; });
+      out += directive;
       out.push_back('s');
     } else {
-      out += spec;
+      out += directive;
       out.push_back(*p);
     }
   }

@@ -17,7 +17,7 @@ constexpr int kMaxWidth = 4096;
 // One parsed conversion: %[{annotation}][n$][flags][width][.precision][length]conversion.
 // A '*' width or precision is not supported: the conversion is then copied through as
 // written, without consuming an argument.
-struct Spec {
+struct Directive {
   std::string flags;
   int width = -1;
   int precision = -1;
@@ -42,7 +42,7 @@ int readNumber(std::string_view fmt, std::size_t& i) {
 
 // Parses the conversion that starts after the '%' at fmt[i]. On success i points past
 // the conversion character; on failure (incomplete or unknown) returns false.
-bool parseSpec(std::string_view fmt, std::size_t& i, Spec& spec) {
+bool parseSpec(std::string_view fmt, std::size_t& i, Directive& directive) {
   // A privacy annotation ("{public}", "{private}") only matters to the system log.
   if (i < fmt.size() && fmt[i] == '{') {
     std::size_t close = fmt.find('}', i);
@@ -53,22 +53,22 @@ bool parseSpec(std::string_view fmt, std::size_t& i, Spec& spec) {
   std::size_t start = i;
   int number = readNumber(fmt, i);
   if (i > start && i < fmt.size() && fmt[i] == '$' && number > 0) {
-    spec.position = number - 1;
+    directive.position = number - 1;
     ++i;
   } else {
     i = start;
   }
   while (i < fmt.size() && std::strchr("-+ #0", fmt[i]) && fmt[i] != '\0') {
-    spec.flags += fmt[i++];
+    directive.flags += fmt[i++];
   }
-  if (i < fmt.size() && isDigit(fmt[i])) spec.width = readNumber(fmt, i);
+  if (i < fmt.size() && isDigit(fmt[i])) directive.width = readNumber(fmt, i);
   if (i < fmt.size() && fmt[i] == '.') {
     ++i;
-    spec.precision = readNumber(fmt, i);  // "%.f" means precision 0, as in C
+    directive.precision = readNumber(fmt, i);  // "%.f" means precision 0, as in C
   }
   for (const char* length : {"hh", "ll", "h", "l", "q", "z", "t", "j", "L"}) {
     if (fmt.substr(i).starts_with(length)) {
-      spec.length = length;
+      directive.length = length;
       i += std::strlen(length);
       break;
     }
@@ -76,13 +76,13 @@ bool parseSpec(std::string_view fmt, std::size_t& i, Spec& spec) {
   if (i >= fmt.size()) return false;
   char c = fmt[i];
   if (!std::strchr("diuxXofFeEgGaAscp@%", c) || c == '\0') return false;
-  spec.conversion = c;
+  directive.conversion = c;
   ++i;
   return true;
 }
 
-bool hasFlag(const Spec& spec, char flag) {
-  return spec.flags.find(flag) != std::string::npos;
+bool hasFlag(const Directive& directive, char flag) {
+  return directive.flags.find(flag) != std::string::npos;
 }
 
 // ---------------------------------------------------------------------------------------
@@ -152,12 +152,13 @@ std::string firstCodePoints(const std::string& s, std::size_t n) {
 }
 
 // Width and precision for text conversions count characters (code points), not bytes.
-std::string padText(std::string text, const Spec& spec) {
-  if (spec.precision >= 0) text = firstCodePoints(text, static_cast<std::size_t>(spec.precision));
+std::string padText(std::string text, const Directive& directive) {
+  if (directive.precision >= 0)
+    text = firstCodePoints(text, static_cast<std::size_t>(directive.precision));
   std::size_t length = codePointCount(text);
-  if (spec.width < 0 || length >= static_cast<std::size_t>(spec.width)) return text;
-  std::string padding(static_cast<std::size_t>(spec.width) - length, ' ');
-  return hasFlag(spec, '-') ? text + padding : padding + text;
+  if (directive.width < 0 || length >= static_cast<std::size_t>(directive.width)) return text;
+  std::string padding(static_cast<std::size_t>(directive.width) - length, ' ');
+  return hasFlag(directive, '-') ? text + padding : padding + text;
 }
 
 std::string utf8(std::uint32_t cp) {
@@ -180,13 +181,13 @@ std::string utf8(std::uint32_t cp) {
   return out;
 }
 
-// snprintf with a spec rebuilt from the parsed parts; the argument's C type is chosen
-// here, so the spec always matches it.
+// snprintf with a directive rebuilt from the parsed parts; the argument's C type is chosen
+// here, so the directive always matches it.
 template <class T>
-std::string cFormat(const Spec& spec, const char* length, char conversion, T value) {
-  std::string cspec = "%" + spec.flags;
-  if (spec.width >= 0) cspec += std::to_string(spec.width);
-  if (spec.precision >= 0) cspec += "." + std::to_string(spec.precision);
+std::string cFormat(const Directive& directive, const char* length, char conversion, T value) {
+  std::string cspec = "%" + directive.flags;
+  if (directive.width >= 0) cspec += std::to_string(directive.width);
+  if (directive.precision >= 0) cspec += "." + std::to_string(directive.precision);
   cspec += length;
   cspec += conversion;
   char buffer[128];
@@ -201,54 +202,55 @@ std::string cFormat(const Spec& spec, const char* length, char conversion, T val
 
 // Integers follow C's widths: no length modifier means int, h short, hh char, and any of
 // l ll q z t j L a 64-bit value. So "%x" of -1 prints ffffffff as it would in C.
-std::string formatInteger(const Spec& spec, std::uint64_t bits) {
-  bool isSigned = spec.conversion == 'd' || spec.conversion == 'i';
-  const std::string& len = spec.length;
+std::string formatInteger(const Directive& directive, std::uint64_t bits) {
+  bool isSigned = directive.conversion == 'd' || directive.conversion == 'i';
+  const std::string& len = directive.length;
   if (isSigned) {
     long long v = static_cast<std::int64_t>(bits);
     if (len.empty()) v = static_cast<int>(bits);
     if (len == "h") v = static_cast<short>(bits);
     if (len == "hh") v = static_cast<signed char>(bits);
-    return cFormat(spec, "ll", spec.conversion, v);
+    return cFormat(directive, "ll", directive.conversion, v);
   }
   unsigned long long v = bits;
   if (len.empty()) v = static_cast<unsigned>(bits);
   if (len == "h") v = static_cast<unsigned short>(bits);
   if (len == "hh") v = static_cast<unsigned char>(bits);
-  return cFormat(spec, "ll", spec.conversion, v);
+  return cFormat(directive, "ll", directive.conversion, v);
 }
 
-std::string formatCharacter(const Spec& spec, const Arg* arg) {
+std::string formatCharacter(const Directive& directive, const Arg* arg) {
   auto code = static_cast<std::uint32_t>(integerBits(arg));
   // A NUL would cut C strings made from the result; invalid code points are dropped too.
   std::string text = (code == 0 || code > 0x10FFFF) ? std::string() : utf8(code);
-  Spec padding = spec;
+  Directive padding = directive;
   padding.precision = -1;
   return padText(text, padding);
 }
 
-std::string formatPointer(const Spec& spec, const Arg* arg) {
+std::string formatPointer(const Directive& directive, const Arg* arg) {
   std::uint64_t address = integerBits(arg);
   if (arg && std::holds_alternative<Value>(*arg)) {
     if (const ObjectPtr* object = std::get<Value>(*arg).asObject()) {
       address = reinterpret_cast<std::uintptr_t>(object->get());
     }
   }
-  std::string text = "0x" + cFormat(Spec{}, "ll", 'x', static_cast<unsigned long long>(address));
-  Spec padding = spec;
+  std::string text =
+      "0x" + cFormat(Directive{}, "ll", 'x', static_cast<unsigned long long>(address));
+  Directive padding = directive;
   padding.precision = -1;
   return padText(text, padding);
 }
 
-std::string formatOne(const Spec& spec, const Arg* arg) {
-  switch (spec.conversion) {
+std::string formatOne(const Directive& directive, const Arg* arg) {
+  switch (directive.conversion) {
     case 'd':
     case 'i':
     case 'u':
     case 'x':
     case 'X':
     case 'o':
-      return formatInteger(spec, integerBits(arg));
+      return formatInteger(directive, integerBits(arg));
     case 'f':
     case 'F':
     case 'e':
@@ -257,13 +259,13 @@ std::string formatOne(const Spec& spec, const Arg* arg) {
     case 'G':
     case 'a':
     case 'A':
-      return cFormat(spec, "", spec.conversion, realValue(arg));
+      return cFormat(directive, "", directive.conversion, realValue(arg));
     case 'c':
-      return formatCharacter(spec, arg);
+      return formatCharacter(directive, arg);
     case 'p':
-      return formatPointer(spec, arg);
+      return formatPointer(directive, arg);
     default:  // '@' and 's'
-      return padText(objectText(arg), spec);
+      return padText(objectText(arg), directive);
   }
 }
 
@@ -282,21 +284,22 @@ std::string formatArgs(std::string_view fmt, const std::vector<FormatArg>& args)
     }
     out.append(fmt.substr(i, percent - i));
     std::size_t end = percent + 1;
-    Spec spec;
-    if (!parseSpec(fmt, end, spec)) {
+    Directive directive;
+    if (!parseSpec(fmt, end, directive)) {
       // Unknown or incomplete: copy the '%' and go on from the character after it.
       out += '%';
       i = percent + 1;
       continue;
     }
     i = end;
-    if (spec.conversion == '%') {
+    if (directive.conversion == '%') {
       out += '%';
       continue;
     }
-    std::size_t index = spec.position >= 0 ? static_cast<std::size_t>(spec.position) : next++;
+    std::size_t index =
+        directive.position >= 0 ? static_cast<std::size_t>(directive.position) : next++;
     const Arg* arg = index < args.size() ? &args[index].value() : nullptr;
-    out += formatOne(spec, arg);
+    out += formatOne(directive, arg);
   }
   return out;
 }
