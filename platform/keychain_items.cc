@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -212,6 +213,9 @@ class Keychain {
       pthread_atfork([] { Keychain::shared().beforeFork(); },
                      [] { Keychain::shared().afterFork(); },
                      [] { Keychain::shared().afterFork(); });
+      // Closing the last connection folds the write-ahead log back into keychain.db, so
+      // the file alone holds every item once the process has ended.
+      std::atexit([] { Keychain::shared().closeAtExit(); });
       return created;
     }();
     return *keychain;
@@ -268,6 +272,10 @@ class Keychain {
     database_.reset();
   }
   void afterFork() { mutex_.unlock(); }
+  void closeAtExit() {
+    std::lock_guard lock(mutex_);
+    database_.reset();
+  }
 
   SQLiteDatabase* connection(ErrorPtr* error) {
     std::string path = keychainDatabasePath();
