@@ -38,7 +38,7 @@ CommandRegistration registration(
                                      : std::make_shared<PNXProvisioning>(*file);
         PNXLog::sharedInstance().drain();
         if (!profile->binaryEnvironment()) {
-          pnxProgress("no provisioning profile could be read; the log says why");
+          pnxProgress("no provisioning profile could be read; pnx --log profile shows why");
         }
         pnxPrintJSON(profileAsJSON(*profile));
         return 0;

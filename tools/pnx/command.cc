@@ -4,11 +4,13 @@
 #include <cmath>
 #include <cstdio>
 #include <iostream>
+#include <mutex>
 #include <utility>
 
 #include "platform/bundle.h"
 #include "platform/container.h"
 #include "platform/json.h"
+#include "platform/system_log.h"
 
 namespace {
 
@@ -93,9 +95,31 @@ std::vector<RegisteredCommand> registeredCommands() {
   return commands;
 }
 
+namespace {
+
+// Shows system-log and console lines on stderr, one line each, for people running pnx on a
+// machine whose syslog they cannot read (or that has none).
+class StderrLogSink final : public pnx::LogSink {
+ public:
+  void systemLog(pnx::LogType, std::string_view, std::string_view, std::string_view text) override {
+    write(text);
+  }
+  void console(std::string_view text) override { write(text); }
+
+ private:
+  void write(std::string_view text) {
+    std::lock_guard lock(mutex_);
+    std::cerr << "pnx log: " << text << '\n' << std::flush;
+  }
+  std::mutex mutex_;
+};
+
+}  // namespace
+
 void pnxPrepare(const PnxGlobals& globals) {
   pnx::Device::setDirectory(globals.device);
   pnx::Bundle::setMain(globals.bundle);
+  if (globals.logToStderr) pnx::SystemLog::setSink(std::make_shared<StderrLogSink>());
 }
 
 std::string pnxJSONText(const pnx::Value& value) {

@@ -33,9 +33,11 @@
 
 // The global options, resolved: --device (else $PNX_DEVICE, else the platform's default)
 // and --bundle (else $PNX_BUNDLE, else empty: no main bundle).
+// --log also shows the library's system-log lines on stderr.
 struct PnxGlobals {
   std::string device;
   std::string bundle;
+  bool logToStderr = false;
 };
 
 // Runs the chosen command and returns the process's exit code.
@@ -59,7 +61,8 @@ struct RegisteredCommand {
 std::vector<RegisteredCommand> registeredCommands();
 
 // Applies --device / --bundle to the platform layer (pnx::Device::setDirectory,
-// pnx::Bundle::setMain). main.cc calls it before running a command.
+// pnx::Bundle::setMain) and, with --log, routes the system log to stderr. main.cc calls it
+// before running a command.
 void pnxPrepare(const PnxGlobals& globals);
 
 // `value` as one line of compact JSON. Never fails: dates become ISO 8601 strings, data

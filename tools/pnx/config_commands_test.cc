@@ -132,4 +132,13 @@ TEST(PnxProfileCommand, PrintsWhatTheProfileSays) {
       << "the sample bundle ships a debug profile";
 }
 
+TEST(PnxProfileCommand, LogShowsWhyNoProfileWasRead) {
+  BundleUnderTest bundle;
+  PnxRun run = PnxRunner(bundle.path()).run({"--log", "profile"});
+  EXPECT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_NE(run.err.find("pnx log: \xF0\x9F\x9B\x91 Couldn't find file embedded.mobileprovision"),
+            std::string::npos)
+      << run.err;
+}
+
 }  // namespace

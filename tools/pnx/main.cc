@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "diagnostics/log.h"
 #include "platform/container.h"
 #include "platform/error.h"
 #include "tools/pnx/command.h"
@@ -67,6 +68,8 @@ int runPnx(int argc, char** argv) {
   app.add_option("--bundle", globals.bundle, "App bundle directory (Info.plist, PnxConfig.json)")
       ->envname("PNX_BUNDLE")
       ->type_name("DIR");
+  app.add_flag("--log", globals.logToStderr, "Also show the library's log lines on stderr")
+      ->envname("PNX_LOG");
   app.add_flag("--version", showVersion, "Print the library version and exit");
 
   std::vector<ChosenCommand> commands;
@@ -95,7 +98,10 @@ int runPnx(int argc, char** argv) {
       return pnxFail("no bundle directory at " + inQuotes(globals.bundle));
     }
     pnxPrepare(globals);
-    return command.run(globals);
+    int status = command.run(globals);
+    // Lines still queued in the log reach the system log and the log file before exit.
+    PNXLog::sharedInstance().drain();
+    return status;
   }
   return pnxUsage("a command is required");
 }
