@@ -16,6 +16,18 @@ Data bytesOf(std::string_view text) {
   return Data(text.begin(), text.end());
 }
 
+Data fromHex(std::string_view hex) {
+  Data out;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+    out.push_back(static_cast<std::uint8_t>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16)));
+  }
+  return out;
+}
+
+std::string xmlPlist(std::string_view body) {
+  return "<?xml version=\"1.0\"?><plist version=\"1.0\">" + std::string(body) + "</plist>";
+}
+
 void appendBigEndian(Data& out, std::uint64_t value, int width) {
   for (int shift = 8 * (width - 1); shift >= 0; shift -= 8)
     out.push_back(static_cast<std::uint8_t>(value >> shift));
@@ -59,7 +71,7 @@ Data nestedBinaryArrays(std::size_t depth) {
 std::string nestedXMLArrays(std::size_t depth) {
   std::string open, close;
   for (std::size_t i = 0; i < depth; ++i) open += "<array>", close += "</array>";
-  return "<?xml version=\"1.0\"?><plist version=\"1.0\">" + open + close + "</plist>";
+  return xmlPlist(open + close);
 }
 
 // Parsing must fail cleanly, with the platform's error.
@@ -108,6 +120,14 @@ TEST_P(PropertyListFormatTest, UnwritableValuesFail) {
       Value::dict({{"e", Value(ObjectPtr(Error::make("D", 1)))}}),
       Value(Dictionary{{Value(1), Value("x")}}),
       Value(std::string("nul\0inside", 10)),
+      // Text that is not UTF-8, as a value and as a key: never written with bytes dropped.
+      Value("A\xd0"),
+      Value::dict({{"\xce"
+                    "S",
+                    1}}),
+      // Beyond 32-bit seconds since 2001.
+      Value(Date::fromReferenceDate(3124137600.0)),
+      Value(Date::fromReferenceDate(-1e20)),
   };
   for (const Value& value : unwritable) {
     ErrorPtr error;
@@ -115,6 +135,11 @@ TEST_P(PropertyListFormatTest, UnwritableValuesFail) {
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->code(), 3851);
   }
+  ErrorPtr error;
+  PropertyList::serialize(Value::array({"A\xd0"}), GetParam(), &error);
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->localizedDescription(),
+            "Property list invalid for format (string is not UTF-8)");
 }
 
 TEST_P(PropertyListFormatTest, TruncatedOrDamagedInputNeverCrashes) {
@@ -143,6 +168,91 @@ TEST(PropertyListTest, DatesKeepFractionsInBinary) {
   EXPECT_EQ(PropertyList::parse(*xml)->asDate()->timeIntervalSinceReferenceDate(), -12345);
 }
 
+TEST(PropertyListTest, DatesBeyond32BitSecondsReadExactlyOrNotAtAll) {
+  // Binary dates are doubles and read exactly: 2100-01-01, and -1e20 seconds.
+  auto date2100 = PropertyList::parse(
+      fromHex("62706c6973743030a1013341e746d1d0000000080a00000000000001010000000000000002000000"
+              "00000000000000000000000013"));
+  ASSERT_TRUE(date2100);
+  EXPECT_EQ(date2100, Value::array({Value(Date::fromReferenceDate(3124137600.0))}));
+  Data farPast{0x33};  // -1e20 seconds
+  for (std::uint8_t byte : fromHex("c415af1d78b58c40")) farPast.push_back(byte);
+  EXPECT_EQ(PropertyList::parse(binaryPlist({container(0xa0, {1}), farPast})),
+            Value::array({Value(Date::fromReferenceDate(-1e20))}));
+
+  // XML dates read exactly at the edges of 32-bit seconds; beyond them, or in any other
+  // form, they are refused rather than read wrongly.
+  auto edges = PropertyList::parse(bytesOf(xmlPlist(
+      "<array><date>1932-12-13T20:45:52Z</date><date>\n2069-01-19T03:14:07Z </date></array>")));
+  EXPECT_EQ(edges, Value::array({Value(Date::fromReferenceDate(-2147483648.0)),
+                                 Value(Date::fromReferenceDate(2147483647.0))}));
+  expectUnreadable(bytesOf(xmlPlist("<date>2100-01-01T00:00:00Z</date>")),
+                   "XML date \"2100-01-01T00:00:00Z\" is outside the readable range "
+                   "1932-12-13T20:45:52Z to 2069-01-19T03:14:07Z");
+  expectUnreadable(bytesOf(xmlPlist("<array><date>1932-12-13T20:45:51Z</date></array>")));
+  for (const char* malformed : {"2001-01-01", "2001-02-30T00:00:00Z", "2001-01-01T00:00:00.5Z",
+                                "2001-01-01T00:00:00+01:00", ""}) {
+    expectUnreadable(
+        bytesOf(xmlPlist("<date>" + std::string(malformed) + "</date>")),
+        "XML date \"" + std::string(malformed) + "\" is not of the form yyyy-MM-ddTHH:mm:ssZ");
+  }
+  expectUnreadable(bytesOf(xmlPlist("<date/>")));
+  expectUnreadable(bytesOf(xmlPlist("<date>2001-01-01T00:00:00Z<!-- x -->5</date>")),
+                   "XML date holds more than plain text");
+}
+
+// One-byte strings hold the platform's 8-bit encoding, read as Latin-1; two-byte strings
+// are UTF-16. Either way the Value is UTF-8 and writes back in both formats.
+TEST(PropertyListTest, BinaryStringsReadAsUTF8) {
+  const Value latin1 = Value::array({"A\xc3\x90", "\xc3\x83\xc2\xa9"});
+  EXPECT_EQ(PropertyList::parse(binaryPlist(
+                {container(0xa0, {1, 2}), Data{0x52, 'A', 0xd0}, Data{0x52, 0xc3, 0xa9}})),
+            latin1);
+  // An empty UTF-16 string, as a key and as a value.
+  EXPECT_EQ(PropertyList::parse(fromHex("62706c6973743030d10102601001080b0c00000000000001010000"
+                                        "0000000000030000000000000000000000000000000e")),
+            Value::dict({{"", 1}}));
+  EXPECT_EQ(PropertyList::parse(binaryPlist({container(0xa0, {1}), Data{0x60}})),
+            Value::array({""}));
+  // A surrogate pair joins; an unpaired surrogate, high or low, becomes U+FFFD.
+  EXPECT_EQ(PropertyList::parse(
+                binaryPlist({container(0xa0, {1}), Data{0x66, 0xd8, 0x3d, 0xde, 0x00, 0xd8, 0x00, 0,
+                                                        'x', 0xdc, 0x00, 0xd8, 0x00}})),
+            Value::array({"\xf0\x9f\x98\x80\xef\xbf\xbdx\xef\xbf\xbd\xef\xbf\xbd"}));
+
+  // Every UTF-8 length at its edges, a byte-order mark and text made only of it.
+  const Value text =
+      Value::array({"\xc2\x80\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf",
+                    "\xef\xbb\xbf", "a\xef\xbb\xbf", latin1});
+  for (Format format : {Format::Binary, Format::XML}) {
+    EXPECT_EQ(PropertyList::parse(*PropertyList::serialize(text, format)), text);
+  }
+}
+
+TEST(PropertyListTest, BinaryIntegersOfEveryWidth) {
+  const std::pair<Data, Value> cases[] = {
+      {{0x10, 0xff}, Value(255)},
+      {{0x11, 0xff, 0xff}, Value(65535)},
+      {{0x12, 0xff, 0xff, 0xff, 0xff}, Value(4294967295ll)},
+      {{0x13, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xfe}, Value(-2)},
+      {{0x14, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x80, 0, 0, 0, 0, 0, 0, 0},
+       Value(std::numeric_limits<std::int64_t>::min())},
+      // Above INT64_MAX: a real, as the JSON reader gives.
+      {{0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff},
+       Value(18446744073709551615.0)},
+      {{0x22, 0x3f, 0xc0, 0, 0}, Value(1.5)},
+  };
+  for (const auto& [encoded, expected] : cases) {
+    auto value = PropertyList::parse(binaryPlist({container(0xa0, {1}), encoded}));
+    ASSERT_TRUE(value) << expected.description();
+    EXPECT_EQ(value->asArray()->at(0).type(), expected.type());
+    EXPECT_EQ(value, Value::array({expected}));
+  }
+  expectUnreadable(binaryPlist({container(0xa0, {1}),
+                                Data{0x14, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0}}),
+                   "binary property list integer beyond 64 bits");
+}
+
 TEST(PropertyListTest, UIDReferencesAreWrittenAsUIDs) {
   auto bytes = PropertyList::serialize(
       Value::array({Value::dict({{"CF$UID", 3}}), Value::dict({{"CF$UID", 3}, {"x", 1}})}),
@@ -154,6 +264,9 @@ TEST(PropertyListTest, UIDReferencesAreWrittenAsUIDs) {
   EXPECT_EQ(plist_get_node_type(plist_array_get_item(root, 0)), PLIST_UID);
   EXPECT_EQ(plist_get_node_type(plist_array_get_item(root, 1)), PLIST_DICT);
   plist_free(root);
+  // UIDs are 32-bit: a larger one is kept as a dictionary, not cut short.
+  const Value large = Value::dict({{"CF$UID", Value(1ll << 40)}});
+  EXPECT_EQ(PropertyList::parse(*PropertyList::serialize(large, Format::Binary)), large);
 }
 
 TEST(PropertyListTest, ReadsNegativeIntegersFromXMLText) {
@@ -173,9 +286,15 @@ TEST(PropertyListTest, GarbageIsAnError) {
                    "binary property list reference out of bounds");
   expectUnreadable(binaryPlist({container(0xa0, {1}), container(0xa0, {0})}),
                    "binary property list refers to itself");
-  // A dictionary key with a NUL inside (libplist would assert on it).
-  expectUnreadable(binaryPlist({container(0xd0, {1, 2}), Data{0x53, 'a', 0, 'b'}, Data{0x10, 1}}),
-                   "binary property list key contains a NUL character");
+  expectUnreadable(binaryPlist({Data{0xd1, 0, 1, 0, 1}, Data{0x10, 1}}),
+                   "binary property list dictionary key is not a string");
+  expectUnreadable(binaryPlist({Data{0x70}}), "binary property list object of unknown kind 0x70");
+  expectUnreadable(binaryPlist({container(0xa0, {1}), Data{0x23, 0}}),
+                   "binary property list object out of bounds");
+  // XML text must be UTF-8 (a reference to a surrogate is not).
+  expectUnreadable(bytesOf(xmlPlist("<string>A\xd0</string>")), "XML text is not UTF-8");
+  expectUnreadable(bytesOf(xmlPlist("<dict><key>&#xD800;</key><true/></dict>")),
+                   "XML text is not UTF-8");
 }
 
 TEST(PropertyListTest, NestingIsCappedAt512) {
