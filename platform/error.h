@@ -33,6 +33,19 @@ inline constexpr const char* NSCocoaErrorDomain = "NSCocoaErrorDomain";
 inline constexpr const char* NSPOSIXErrorDomain = "NSPOSIXErrorDomain";
 inline constexpr const char* NSURLErrorDomain = "NSURLErrorDomain";
 
+// NSCocoaErrorDomain codes that the platform layer reports, under the platform's names.
+inline constexpr std::int64_t NSFileNoSuchFileError = 4;
+inline constexpr std::int64_t NSFileReadUnknownError = 256;
+inline constexpr std::int64_t NSFileReadNoPermissionError = 257;
+inline constexpr std::int64_t NSFileReadNoSuchFileError = 260;
+inline constexpr std::int64_t NSFileWriteUnknownError = 512;
+inline constexpr std::int64_t NSFileWriteNoPermissionError = 513;
+inline constexpr std::int64_t NSFileWriteFileExistsError = 516;
+inline constexpr std::int64_t NSFileWriteOutOfSpaceError = 640;
+inline constexpr std::int64_t NSFileWriteVolumeReadOnlyError = 642;
+inline constexpr std::int64_t NSPropertyListReadCorruptError = 3840;
+inline constexpr std::int64_t NSPropertyListWriteInvalidError = 3851;
+
 class Error;
 using ErrorPtr = std::shared_ptr<const Error>;
 

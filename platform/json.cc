@@ -13,8 +13,6 @@ namespace pnx {
 
 namespace {
 
-constexpr std::int64_t kJSONReadErrorCode = 3840;
-constexpr std::int64_t kJSONWriteErrorCode = 3851;
 constexpr std::size_t kMaxNestingDepth = 512;
 
 bool isJSONWhitespace(char c) {
@@ -74,7 +72,7 @@ void setReadError(ErrorPtr* error, std::string_view text, std::size_t offset,
   if (!error) return;
   if (offset > text.size()) offset = text.size();
   auto [line, column] = lineAndColumn(text, offset);
-  *error = Error::withDescription(NSCocoaErrorDomain, kJSONReadErrorCode,
+  *error = Error::withDescription(NSCocoaErrorDomain, NSPropertyListReadCorruptError,
                                   "JSON parse error at line " + std::to_string(line) + ", column " +
                                       std::to_string(column) + " (byte " + std::to_string(offset) +
                                       "): " + what);
@@ -423,7 +421,8 @@ std::optional<std::string> JSON::serialize(const Value& value, ErrorPtr* error) 
   JSONWriter writer;
   if (writer.write(value)) return std::move(writer.output());
   if (error) {
-    *error = Error::withDescription(NSCocoaErrorDomain, kJSONWriteErrorCode, writer.failure());
+    *error = Error::withDescription(NSCocoaErrorDomain, NSPropertyListWriteInvalidError,
+                                    writer.failure());
   }
   return std::nullopt;
 }

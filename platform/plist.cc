@@ -21,11 +21,6 @@ namespace pnx {
 
 namespace {
 
-constexpr std::int64_t kReadCorruptErrorCode = 3840;
-constexpr std::int64_t kWriteInvalidErrorCode = 3851;
-constexpr std::int64_t kFileReadUnknownErrorCode = 256;
-constexpr std::int64_t kFileReadNoPermissionErrorCode = 257;
-constexpr std::int64_t kFileReadNoSuchFileErrorCode = 260;
 constexpr std::size_t kMaxNestingDepth = 512;
 // What a binary property list may expand to when its shared references are copied out:
 // a few hundred bytes of input must not become gigabytes of nodes.
@@ -46,12 +41,12 @@ void setReadError(ErrorPtr* error, const std::string& detail) {
       Value(NSLocalizedDescriptionKey),
       Value("The data couldn\u2019t be read because it isn\u2019t in the correct format."));
   if (!detail.empty()) info.emplace(Value(NSDebugDescriptionErrorKey), Value(detail));
-  *error = Error::make(NSCocoaErrorDomain, kReadCorruptErrorCode, Value(std::move(info)));
+  *error = Error::make(NSCocoaErrorDomain, NSPropertyListReadCorruptError, Value(std::move(info)));
 }
 
 void setWriteError(ErrorPtr* error, const std::string& what) {
   if (!error) return;
-  *error = Error::withDescription(NSCocoaErrorDomain, kWriteInvalidErrorCode,
+  *error = Error::withDescription(NSCocoaErrorDomain, NSPropertyListWriteInvalidError,
                                   "Property list invalid for format (" + what + ")");
 }
 
@@ -814,19 +809,19 @@ ErrorPtr fileReadError(const std::string& path, int code) {
   const std::string name = lastPathComponent(path);
   if (code == ENOENT || code == ENOTDIR) {
     return Error::withDescription(
-        NSCocoaErrorDomain, kFileReadNoSuchFileErrorCode,
+        NSCocoaErrorDomain, NSFileReadNoSuchFileError,
         "The file \u201c" + name + "\u201d couldn\u2019t be opened because there is no such file.",
         path);
   }
   if (code == EACCES || code == EPERM) {
-    return Error::withDescription(NSCocoaErrorDomain, kFileReadNoPermissionErrorCode,
+    return Error::withDescription(NSCocoaErrorDomain, NSFileReadNoPermissionError,
                                   "The file \u201c" + name +
                                       "\u201d couldn\u2019t be opened because you don\u2019t "
                                       "have permission to view it.",
                                   path);
   }
   return Error::withDescription(
-      NSCocoaErrorDomain, kFileReadUnknownErrorCode,
+      NSCocoaErrorDomain, NSFileReadUnknownError,
       "The file \u201c" + name + "\u201d couldn\u2019t be opened (" + std::strerror(code) + ").",
       path);
 }

@@ -25,33 +25,25 @@ constexpr const char* kProtectionAttribute = "user.pnx.protection";
 constexpr const char* kSourcePathKey = "NSSourceFilePathErrorKey";
 constexpr const char* kDestinationPathKey = "NSDestinationFilePath";
 
-// The platform's file error codes (NSCocoaErrorDomain).
-constexpr std::int64_t kNoSuchFile = 4;
-constexpr std::int64_t kUnknown = 512;
-constexpr std::int64_t kNoPermission = 513;
-constexpr std::int64_t kFileExists = 516;
-constexpr std::int64_t kOutOfSpace = 640;
-constexpr std::int64_t kReadOnlyVolume = 642;
-
 enum class Operation { Read, Write, Move, Copy, Remove };
 
 std::int64_t codeForErrno(int err) {
   switch (err) {
     case ENOENT:
-      return kNoSuchFile;
+      return NSFileNoSuchFileError;
     case EACCES:
     case EPERM:
-      return kNoPermission;
+      return NSFileWriteNoPermissionError;
     case EEXIST:
     case ENOTEMPTY:
-      return kFileExists;
+      return NSFileWriteFileExistsError;
     case ENOSPC:
     case EDQUOT:
-      return kOutOfSpace;
+      return NSFileWriteOutOfSpaceError;
     case EROFS:
-      return kReadOnlyVolume;
+      return NSFileWriteVolumeReadOnlyError;
     default:
-      return kUnknown;
+      return NSFileWriteUnknownError;
   }
 }
 
@@ -67,24 +59,25 @@ std::string folderOf(const std::string& path) {
 
 std::string readMessage(std::int64_t code, const std::string& path) {
   std::string file = "The file " + quoted(path) + " couldn\u2019t be opened";
-  if (code == kNoSuchFile) return file + " because there is no such file.";
-  if (code == kNoPermission) return file + " because you don\u2019t have permission to view it.";
+  if (code == NSFileNoSuchFileError) return file + " because there is no such file.";
+  if (code == NSFileWriteNoPermissionError)
+    return file + " because you don\u2019t have permission to view it.";
   return file + ".";
 }
 
 std::string writeMessage(std::int64_t code, const std::string& path) {
   std::string file = "The file " + quoted(path) + " couldn\u2019t be saved";
   switch (code) {
-    case kNoSuchFile:
+    case NSFileNoSuchFileError:
       return file + " because the folder " + quoted(folderOf(path)) + " doesn\u2019t exist.";
-    case kNoPermission:
+    case NSFileWriteNoPermissionError:
       return "You don\u2019t have permission to save the file " + quoted(path) + " in the folder " +
              quoted(folderOf(path)) + ".";
-    case kFileExists:
+    case NSFileWriteFileExistsError:
       return file + " because a file with the same name already exists.";
-    case kOutOfSpace:
+    case NSFileWriteOutOfSpaceError:
       return file + " because the volume is out of space.";
-    case kReadOnlyVolume:
+    case NSFileWriteVolumeReadOnlyError:
       return file + " because the volume is read only.";
     default:
       return file + ".";
@@ -96,18 +89,18 @@ std::string transferMessage(std::int64_t code, const char* verb, const std::stri
   std::string item = quoted(from) + " couldn\u2019t be " + verb;
   std::string target = item + " to " + quoted(folderOf(to));
   switch (code) {
-    case kNoSuchFile:
+    case NSFileNoSuchFileError:
       return target +
              " because either the former doesn\u2019t exist, or the folder containing the latter "
              "doesn\u2019t exist.";
-    case kNoPermission:
+    case NSFileWriteNoPermissionError:
       return item + " because you don\u2019t have permission to access " + quoted(folderOf(to)) +
              ".";
-    case kFileExists:
+    case NSFileWriteFileExistsError:
       return target + " because an item with the same name already exists.";
-    case kOutOfSpace:
+    case NSFileWriteOutOfSpaceError:
       return target + " because the volume is out of space.";
-    case kReadOnlyVolume:
+    case NSFileWriteVolumeReadOnlyError:
       return target + " because the volume is read only.";
     default:
       return target + ".";
@@ -116,8 +109,9 @@ std::string transferMessage(std::int64_t code, const char* verb, const std::stri
 
 std::string removeMessage(std::int64_t code, const std::string& path) {
   std::string item = quoted(path) + " couldn\u2019t be removed";
-  if (code == kNoSuchFile) return item + " because it doesn\u2019t exist.";
-  if (code == kNoPermission) return item + " because you don\u2019t have permission to access it.";
+  if (code == NSFileNoSuchFileError) return item + " because it doesn\u2019t exist.";
+  if (code == NSFileWriteNoPermissionError)
+    return item + " because you don\u2019t have permission to access it.";
   return item + ".";
 }
 
