@@ -154,7 +154,10 @@ TEST_P(PropertyListFormatTest, TruncatedOrDamagedInputNeverCrashes) {
 }
 
 INSTANTIATE_TEST_SUITE_P(BothFormats, PropertyListFormatTest,
-                         ::testing::Values(Format::XML, Format::Binary));
+                         ::testing::Values(Format::XML, Format::Binary),
+                         [](const ::testing::TestParamInfo<Format>& info) {
+                           return info.param == Format::XML ? "XML" : "Binary";
+                         });
 
 TEST(PropertyListTest, DatesKeepFractionsInBinary) {
   for (double seconds : {646758252.25, -12345.75, -1.000001, 0.5}) {
