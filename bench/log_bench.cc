@@ -24,7 +24,7 @@
 #include <string>
 
 #include "diagnostics/log.h"
-#include "platform/system_log.h"
+#include "platform/system/system_log.h"
 
 namespace {
 

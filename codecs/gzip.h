@@ -14,7 +14,7 @@
 
 #include <optional>
 
-#include "platform/value.h"
+#include "platform/foundation/value.h"
 
 // Output buffers grow by this many bytes while compressing.
 inline constexpr std::size_t kGzipChunkSize = 16384;

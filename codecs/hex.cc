@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "codecs/utf8.h"
+#include "platform/foundation/utf8.h"
 
 std::string hexadecimalString(const pnx::Data& data) {
   static constexpr char kDigits[] = "0123456789abcdef";

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/value.h"
+#include "platform/foundation/value.h"
 
 // "00abff" for the bytes 00 AB FF; "" for an empty buffer.
 std::string hexadecimalString(const pnx::Data& data);

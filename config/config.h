@@ -22,10 +22,10 @@
 #include <string>
 
 #include "config/atomic_property.h"
-#include "platform/object.h"
-#include "platform/url.h"
-#include "platform/uuid.h"
-#include "platform/value.h"
+#include "platform/foundation/object.h"
+#include "platform/foundation/url.h"
+#include "platform/foundation/uuid.h"
+#include "platform/foundation/value.h"
 
 // Exported configuration constants; the defaults of the configuration keys equal them.
 inline constexpr const char* kConfigFileName = "PnxConfig";

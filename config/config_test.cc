@@ -8,9 +8,9 @@
 #include "config/provisioning.h"
 #include "diagnostics/log.h"
 #include "diagnostics/log_capture_test.h"
-#include "platform/error.h"
-#include "platform/fixtures_test.h"
-#include "platform/json.h"
+#include "platform/foundation/error.h"
+#include "platform/files/fixtures_test.h"
+#include "platform/foundation/json.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 
 #include "config/config.h"
 #include "diagnostics/log.h"
-#include "platform/container.h"
-#include "platform/file_manager.h"
+#include "platform/files/container.h"
+#include "platform/files/file_manager.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include "config/config.h"
 #include "diagnostics/log.h"
 #include "diagnostics/log_capture_test.h"
-#include "platform/container.h"
-#include "platform/fixtures_test.h"
+#include "platform/files/container.h"
+#include "platform/files/fixtures_test.h"
 
 namespace {
 

@@ -5,10 +5,10 @@
 #include "codecs/hex.h"
 #include "config/value_reading.h"
 #include "diagnostics/log.h"
-#include "platform/bundle.h"
-#include "platform/dispatch.h"
-#include "platform/file_manager.h"
-#include "platform/plist.h"
+#include "platform/files/bundle.h"
+#include "platform/dispatch/dispatch.h"
+#include "platform/files/file_manager.h"
+#include "platform/foundation/plist.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include "diagnostics/log.h"
 #include "diagnostics/log_capture_test.h"
-#include "platform/fixtures_test.h"
+#include "platform/files/fixtures_test.h"
 
 namespace {
 

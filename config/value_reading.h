@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "platform/value.h"
+#include "platform/foundation/value.h"
 
 class PNXValueReading {
  public:

@@ -2,9 +2,9 @@
 
 #include <atomic>
 
-#include "platform/format.h"
-#include "platform/json.h"
-#include "platform/sqlite.h"
+#include "platform/foundation/format.h"
+#include "platform/foundation/json.h"
+#include "platform/security/sqlite.h"
 
 const long PNXTaskMaxRetriesDefault = 10;
 const long PNXTaskAlwaysRetry = -1;

@@ -13,8 +13,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/date.h"
-#include "platform/value.h"
+#include "platform/foundation/date.h"
+#include "platform/foundation/value.h"
 
 namespace pnx {
 class SQLiteResultSet;

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/sqlite.h"
+#include "platform/security/sqlite.h"
 
 namespace {
 

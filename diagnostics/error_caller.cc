@@ -3,7 +3,7 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/call_stack.h"
+#include "platform/system/call_stack.h"
 
 namespace {
 

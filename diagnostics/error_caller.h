@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/object.h"
+#include "platform/foundation/object.h"
 
 class PNXErrorCaller final : public pnx::Object {
  public:

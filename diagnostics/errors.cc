@@ -5,8 +5,8 @@
 
 #include "diagnostics/error_caller.h"
 #include "diagnostics/log.h"
-#include "platform/format.h"
-#include "platform/url.h"
+#include "platform/foundation/format.h"
+#include "platform/foundation/url.h"
 
 namespace {
 

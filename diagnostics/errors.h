@@ -14,11 +14,11 @@
 #include <string>
 
 #include "diagnostics/constants.h"
-#include "platform/date.h"
-#include "platform/error.h"
-#include "platform/http_response.h"
-#include "platform/object.h"
-#include "platform/value.h"
+#include "platform/foundation/date.h"
+#include "platform/foundation/error.h"
+#include "platform/network/http_response.h"
+#include "platform/foundation/object.h"
+#include "platform/foundation/value.h"
 
 // userInfo keys of a code-105 error (read back by the delivery manager) and of code 118.
 inline constexpr const char* PNXRetryAfterKey = "retryAfter";

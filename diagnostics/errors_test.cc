@@ -8,7 +8,7 @@
 #include "diagnostics/error_caller.h"
 #include "diagnostics/log.h"
 #include "diagnostics/log_capture_test.h"
-#include "platform/url.h"
+#include "platform/foundation/url.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <functional>
 #include <utility>
 
-#include "platform/container.h"
-#include "platform/dispatch.h"
-#include "platform/system_log.h"
+#include "platform/files/container.h"
+#include "platform/dispatch/dispatch.h"
+#include "platform/system/system_log.h"
 
 // Never destroyed: the log's queues may still use them while the process exits.
 std::map<PNXLogLevel, std::string>& pnxFlags = *new std::map<PNXLogLevel, std::string>;

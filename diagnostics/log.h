@@ -28,10 +28,10 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/date.h"
-#include "platform/file_manager.h"
-#include "platform/format.h"
-#include "platform/value.h"
+#include "platform/foundation/date.h"
+#include "platform/files/file_manager.h"
+#include "platform/foundation/format.h"
+#include "platform/foundation/value.h"
 
 // 0 NONE, 1 ERROR, 2 WARN, 3 INFO, 4 VERBOSE, 5 TRACE. A message passes when its level is
 // at most the current level.

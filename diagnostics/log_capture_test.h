@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "diagnostics/log.h"
-#include "platform/system_log.h"
+#include "platform/system/system_log.h"
 
 class LogCapture {
  public:

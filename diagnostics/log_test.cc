@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "diagnostics/log_capture_test.h"
-#include "platform/fixtures_test.h"
+#include "platform/files/fixtures_test.h"
 
 namespace {
 

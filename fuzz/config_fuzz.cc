@@ -14,10 +14,10 @@
 
 #include "config/config.h"
 #include "diagnostics/log.h"
-#include "platform/bundle.h"
-#include "platform/container.h"
-#include "platform/error.h"
-#include "platform/system_log.h"
+#include "platform/files/bundle.h"
+#include "platform/files/container.h"
+#include "platform/foundation/error.h"
+#include "platform/system/system_log.h"
 
 namespace {
 

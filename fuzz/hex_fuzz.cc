@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "codecs/hex.h"
-#include "codecs/utf8.h"
+#include "platform/foundation/utf8.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);

@@ -11,8 +11,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/error.h"
-#include "platform/json.h"
+#include "platform/foundation/error.h"
+#include "platform/foundation/json.h"
 
 namespace {
 

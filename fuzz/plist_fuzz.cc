@@ -14,8 +14,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/error.h"
-#include "platform/plist.h"
+#include "platform/foundation/error.h"
+#include "platform/foundation/plist.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 
 #include "config/provisioning.h"
 #include "diagnostics/log.h"
-#include "platform/system_log.h"
+#include "platform/system/system_log.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "platform/error.h"
-#include "platform/keyed_archive.h"
+#include "platform/foundation/error.h"
+#include "platform/foundation/keyed_archive.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include "config/config.h"
 #include "diagnostics/errors.h"
 #include "diagnostics/log.h"
-#include "platform/bundle.h"
-#include "platform/keyed_archive.h"
+#include "platform/files/bundle.h"
+#include "platform/foundation/keyed_archive.h"
 
 namespace {
 

@@ -27,10 +27,10 @@
 #include <string>
 
 #include "config/atomic_property.h"
-#include "platform/date.h"
-#include "platform/error.h"
-#include "platform/keychain_items.h"
-#include "platform/value.h"
+#include "platform/foundation/date.h"
+#include "platform/foundation/error.h"
+#include "platform/security/keychain_items.h"
+#include "platform/foundation/value.h"
 
 class PNXKeychainItem {
  public:

@@ -4,8 +4,8 @@
 
 #include "config/config.h"
 #include "diagnostics/log_capture_test.h"
-#include "platform/fixtures_test.h"
-#include "platform/keychain_items.h"
+#include "platform/files/fixtures_test.h"
+#include "platform/security/keychain_items.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/keychain_items.h"
+#include "platform/security/keychain_items.h"
 #include "storage/keychain.h"
 #include "tools/pnx/command.h"
 

@@ -8,8 +8,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/json.h"
-#include "platform/keychain_items.h"
+#include "platform/foundation/json.h"
+#include "platform/security/keychain_items.h"
 #include "storage/keychain.h"
 #include "tools/pnx/command.h"
 

@@ -7,10 +7,10 @@
 #include <mutex>
 #include <utility>
 
-#include "platform/bundle.h"
-#include "platform/container.h"
-#include "platform/json.h"
-#include "platform/system_log.h"
+#include "platform/files/bundle.h"
+#include "platform/files/container.h"
+#include "platform/foundation/json.h"
+#include "platform/system/system_log.h"
 
 namespace {
 

@@ -29,7 +29,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "platform/value.h"
+#include "platform/foundation/value.h"
 
 // The global options, resolved: --device (else $PNX_DEVICE, else the platform's default)
 // and --bundle (else $PNX_BUNDLE, else empty: no main bundle).

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/fixtures_test.h"
+#include "platform/files/fixtures_test.h"
 #include "tools/pnx/run_pnx_test.h"
 
 namespace {

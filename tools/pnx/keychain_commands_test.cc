@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "platform/keyed_archive.h"
-#include "platform/sqlite.h"
+#include "platform/foundation/keyed_archive.h"
+#include "platform/security/sqlite.h"
 #include "tools/pnx/run_pnx_test.h"
 
 namespace {

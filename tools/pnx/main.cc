@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "diagnostics/log.h"
-#include "platform/container.h"
-#include "platform/error.h"
+#include "platform/files/container.h"
+#include "platform/foundation/error.h"
 #include "tools/pnx/command.h"
 
 #ifndef PNX_VERSION

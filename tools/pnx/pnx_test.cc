@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/error.h"
+#include "platform/foundation/error.h"
 #include "tools/pnx/command.h"
 #include "tools/pnx/run_pnx_test.h"
 

@@ -30,9 +30,9 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/fixtures_test.h"
-#include "platform/json.h"
-#include "platform/value.h"
+#include "platform/files/fixtures_test.h"
+#include "platform/foundation/json.h"
+#include "platform/foundation/value.h"
 
 extern char** environ;
 

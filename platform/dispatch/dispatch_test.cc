@@ -1,0 +1,141 @@
+#include "platform/dispatch/dispatch.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace pnx {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(DispatchQueueTest, RunsBlocksFromManyThreadsOneAtATimeInOrder) {
+  DispatchQueue queue("order");
+  constexpr int kThreads = 4;
+  constexpr int kBlocks = 500;
+  std::vector<std::vector<int>> seen(kThreads);  // touched only on the queue
+  std::atomic<int> active{0};
+  std::atomic<bool> overlapped{false};
+  std::vector<std::thread> producers;
+  for (int t = 0; t < kThreads; ++t) {
+    producers.emplace_back([&, t] {
+      for (int i = 0; i < kBlocks; ++i) {
+        queue.async([&, t, i] {
+          if (active.fetch_add(1) != 0) overlapped = true;
+          seen[t].push_back(i);
+          active.fetch_sub(1);
+        });
+      }
+    });
+  }
+  for (auto& producer : producers) producer.join();
+  queue.drain();
+  EXPECT_FALSE(overlapped);
+  for (const auto& sequence : seen) {
+    ASSERT_EQ(sequence.size(), static_cast<std::size_t>(kBlocks));
+    for (int i = 0; i < kBlocks; ++i) ASSERT_EQ(sequence[i], i);
+  }
+}
+
+TEST(DispatchQueueTest, SyncIsABarrierAndRunsInlineFromTheQueueItself) {
+  DispatchQueue queue("sync");
+  int counter = 0;
+  for (int i = 0; i < 100; ++i) queue.async([&] { ++counter; });
+  bool wasCurrent = false;
+  queue.sync([&] {
+    wasCurrent = queue.isCurrent();
+    EXPECT_EQ(counter, 100);
+    queue.sync([&] { ++counter; });  // would deadlock if it waited
+  });
+  EXPECT_TRUE(wasCurrent);
+  EXPECT_FALSE(queue.isCurrent());
+  EXPECT_EQ(counter, 101);
+}
+
+TEST(DispatchQueueTest, AThrowingBlockIsReportedAndTheQueueGoesOn) {
+  DispatchQueue queue("throws");
+  bool ranAfter = false;
+  queue.async([] { throw std::runtime_error("boom"); });
+  queue.async([&] { ranAfter = true; });
+  queue.drain();
+  EXPECT_TRUE(ranAfter);
+  EXPECT_THROW(queue.sync([] { throw std::runtime_error("to caller"); }), std::runtime_error);
+}
+
+TEST(DispatchQueueTest, DestructorRunsWhatIsLeft) {
+  int counter = 0;
+  {
+    DispatchQueue queue("drains");
+    for (int i = 0; i < 100; ++i) queue.async([&] { ++counter; });
+    // Queued while the destructor drains: still runs.
+    queue.async([&] { queue.async([&] { ++counter; }); });
+  }
+  EXPECT_EQ(counter, 101);
+}
+
+// The last reference to a queue can go away on its own worker thread, when a block that
+// held it is destroyed; the queue then finishes its work without joining itself.
+TEST(DispatchQueueTest, SurvivesLosingItsLastReferenceOnItsOwnThread) {
+  struct Owner {
+    std::shared_ptr<DispatchQueue> queue = DispatchQueue::create("owned");
+    std::promise<void> gone;
+    ~Owner() {
+      queue.reset();
+      gone.set_value();
+    }
+  };
+  auto owner = std::make_shared<Owner>();
+  std::future<void> gone = owner->gone.get_future();
+  std::atomic<int> ran{0};
+  owner->queue->async([owner, &ran] { ++ran; });
+  owner->queue->async([&ran] { ++ran; });
+  owner.reset();
+  gone.wait();
+  EXPECT_EQ(ran, 2);
+}
+
+TEST(RunLoopTest, BlocksFromOtherThreadsWakeTheMainQueue) {
+  DispatchQueue& main = DispatchQueue::main();
+  bool done = false;  // touched only on the main queue and after runUntil
+  bool wasCurrent = false;
+  std::thread poster([&] {
+    main.sync([&] { wasCurrent = main.isCurrent(); });
+    main.async([&] { done = true; });
+  });
+  // A generous deadline: runUntil must return as soon as done is set, not at the deadline.
+  EXPECT_TRUE(RunLoop::runUntil([&] { return done; }, RunLoop::Clock::now() + 60s));
+  poster.join();
+  EXPECT_TRUE(wasCurrent);
+  EXPECT_FALSE(main.isCurrent());
+}
+
+TEST(RunLoopTest, ReturnsAtTheDeadlineAndRunPendingDoesNotChase) {
+  auto start = RunLoop::Clock::now();
+  EXPECT_FALSE(RunLoop::runUntil([] { return false; }, start + 20ms));
+  EXPECT_GE(RunLoop::Clock::now(), start + 20ms);
+
+  DispatchQueue& main = DispatchQueue::main();
+  int runs = 0;
+  bool stop = false;
+  std::function<void()> requeue = [&] {
+    ++runs;
+    if (!stop) main.async(requeue);
+  };
+  main.async(requeue);
+  RunLoop::runPending();
+  EXPECT_EQ(runs, 1);
+  RunLoop::runPending();
+  EXPECT_EQ(runs, 2);
+  // From the thread that runs the loop, sync first runs what is queued, then the block.
+  main.sync([&] { EXPECT_EQ(runs, 3); });
+  stop = true;
+  RunLoop::runPending();
+  EXPECT_EQ(runs, 4);
+}
+
+}  // namespace
+}  // namespace pnx

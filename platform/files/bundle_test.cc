@@ -1,0 +1,70 @@
+#include "platform/files/bundle.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/files/fixtures_test.h"
+#include "platform/foundation/plist.h"
+
+namespace pnx {
+namespace {
+
+using testing::TempDir;
+
+TEST(BundleTest, ReadsInfoPlistInEitherFormat) {
+  TempDir xml;
+  xml.write("Info.plist", testing::ScopedDevice::infoPlist("com.example.xml"));
+  EXPECT_EQ(Bundle(xml.path()).bundleIdentifier(), "com.example.xml");
+
+  TempDir binary;
+  Value info = Value::dict({{"CFBundleIdentifier", "com.example.binary"},
+                            {"keychain-access-groups", Value::array({"TEAM.PNX"})}});
+  auto bytes = PropertyList::serialize(info, PropertyList::Format::Binary);
+  ASSERT_TRUE(bytes);
+  binary.write("Info.plist", std::string(bytes->begin(), bytes->end()));
+  Bundle bundle(binary.path() + "/");
+  EXPECT_EQ(bundle.bundlePath(), binary.path());
+  EXPECT_EQ(bundle.infoDictionary(), info);
+  EXPECT_EQ(bundle.objectForInfoDictionaryKey("keychain-access-groups").size(), 1u);
+}
+
+TEST(BundleTest, MissingOrBrokenInfoPlistGivesAnEmptyDictionary) {
+  TempDir empty, broken, wrongType;
+  broken.write("Info.plist", "<plist><dict><key>x");
+  wrongType.write("Info.plist", "<plist version=\"1.0\"><array/></plist>");
+  for (const TempDir* dir : {&empty, &broken, &wrongType}) {
+    Bundle bundle(dir->path());
+    EXPECT_TRUE(bundle.infoDictionary().isDictionary());
+    EXPECT_EQ(bundle.infoDictionary().size(), 0u);
+    EXPECT_FALSE(bundle.bundleIdentifier());
+  }
+}
+
+TEST(BundleTest, FindsResourcesInsideTheBundleOnly) {
+  TempDir root;
+  root.write("outside.json", "{}");
+  std::string config = root.write("App/PnxConfig.json", "{}");
+  std::string profile = root.write("App/embedded.mobileprovision", "");
+  root.write("App/Sounds/ping.caf", "");
+  Bundle bundle(root.file("App"));
+  EXPECT_EQ(bundle.pathForResource("PnxConfig", "json"), config);
+  EXPECT_EQ(bundle.pathForResource("embedded.mobileprovision", ""), profile);
+  EXPECT_EQ(bundle.pathForResource("Sounds", ""), root.file("App/Sounds"));
+  EXPECT_TRUE(bundle.pathForResource("Sounds/ping", "caf"));
+  EXPECT_FALSE(bundle.pathForResource("PnxConfig", "plist"));
+  EXPECT_FALSE(bundle.pathForResource("../outside", "json"));
+  EXPECT_FALSE(bundle.pathForResource(root.file("outside"), "json"));
+  EXPECT_FALSE(bundle.pathForResource("", ""));
+}
+
+TEST(BundleTest, MainBundleIsTheOneTheHostNames) {
+  Bundle::setMain("");
+  EXPECT_FALSE(Bundle::main());
+  testing::ScopedDevice device("com.example.main");
+  auto main = Bundle::main();
+  ASSERT_TRUE(main);
+  EXPECT_EQ(main->bundlePath(), device.bundleDirectory());
+  EXPECT_EQ(main->bundleIdentifier(), "com.example.main");
+}
+
+}  // namespace
+}  // namespace pnx

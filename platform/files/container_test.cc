@@ -1,0 +1,82 @@
+#include "platform/files/container.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <optional>
+
+#include "platform/files/fixtures_test.h"
+
+namespace pnx {
+namespace {
+
+// Sets an environment variable for one scope (nullptr unsets it).
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value) : name_(name) {
+    if (const char* old = getenv(name)) old_ = old;
+    value ? setenv(name, value, 1) : unsetenv(name);
+  }
+  ~ScopedEnv() { old_ ? setenv(name_, old_->c_str(), 1) : unsetenv(name_); }
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+mode_t modeOf(const std::string& path) {
+  struct stat info {};
+  stat(path.c_str(), &info);
+  return info.st_mode & 07777;
+}
+
+TEST(DeviceTest, DefaultDirectoryFollowsTheEnvironment) {
+  ScopedEnv home("HOME", "/home/someone");
+  ScopedEnv data("XDG_DATA_HOME", nullptr);
+  ScopedEnv device("PNX_DEVICE", "");
+  EXPECT_EQ(Device::defaultDirectory(), "/home/someone/.local/share/pnx/device");
+  {
+    ScopedEnv xdg("XDG_DATA_HOME", "/data");
+    EXPECT_EQ(Device::defaultDirectory(), "/data/pnx/device");
+    ScopedEnv named("PNX_DEVICE", "/devices/phone");
+    EXPECT_EQ(Device::defaultDirectory(), "/devices/phone");
+    EXPECT_EQ(Device::directory(), "/devices/phone");
+    Device::setDirectory("/chosen");
+    EXPECT_EQ(Device::directory(), "/chosen");
+    Device::setDirectory("");
+    EXPECT_EQ(Device::directory(), "/devices/phone");
+  }
+}
+
+TEST(ContainerTest, LaysOutPrivateDirectoriesPerBundleOnDemand) {
+  testing::ScopedDevice device("com.example.app");
+  std::string root = device.deviceDirectory() + "/containers/com.example.app";
+  EXPECT_EQ(Container::root(), root);
+  EXPECT_EQ(Container::documentsDirectory(), root + "/Documents");
+  EXPECT_EQ(Container::libraryDirectory(), root + "/Library");
+  EXPECT_EQ(Container::temporaryDirectory(), root + "/tmp");
+  for (const char* sub : {"", "/Documents", "/Library", "/tmp"}) {
+    EXPECT_EQ(modeOf(root + sub), 0700u) << sub;
+  }
+  EXPECT_EQ(modeOf(device.deviceDirectory()), 0700u);
+
+  Bundle::setMain("");
+  EXPECT_EQ(Container::root(), device.deviceDirectory() + "/containers/unknown.bundle");
+  device.writeBundleFile("Info.plist", testing::ScopedDevice::infoPlist("../escape"));
+  EXPECT_EQ(Container::root(), device.deviceDirectory() + "/containers/.._escape");
+}
+
+TEST(ContainerTest, ScopedDeviceRestoresWhatWasThere) {
+  std::string before = Device::directory();
+  {
+    testing::ScopedDevice device;
+    EXPECT_EQ(Device::directory(), device.deviceDirectory());
+    EXPECT_EQ(Bundle::main()->bundleIdentifier(), "com.example.pnx.tests");
+  }
+  EXPECT_EQ(Device::directory(), before);
+  EXPECT_FALSE(Bundle::main());
+}
+
+}  // namespace
+}  // namespace pnx

@@ -1,0 +1,146 @@
+// FileManager: the file operations the system uses, behind one narrow interface.
+//
+// FileManager::current() is the process's file system: the POSIX backend by default.
+// Tests install a FileManagerWrapper subclass (it forwards every call) that overrides
+// only the calls it wants to fail, with FileManager::setCurrent().
+//
+// Errors are values carrying the path: NSCocoaErrorDomain with the platform's codes
+// (4 no such file, 513 no permission, 516 file exists, 640 disk full, 512 other), the
+// path under NSFilePathErrorKey and the errno as an NSPOSIXErrorDomain underlying error.
+// Moves and copies never overwrite: they fail with 516 when the destination exists.
+// All operations are thread-safe (they hold no state of their own).
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/foundation/date.h"
+#include "platform/foundation/error.h"
+#include "platform/foundation/value.h"
+
+namespace pnx {
+
+// The platform's file-protection classes. Kept as an extended attribute
+// ("user.pnx.protection") where the file system supports it; POSIX permissions are
+// what actually guards a file here.
+inline constexpr const char* NSFileProtectionNone = "NSFileProtectionNone";
+inline constexpr const char* NSFileProtectionComplete = "NSFileProtectionComplete";
+inline constexpr const char* NSFileProtectionCompleteUntilFirstUserAuthentication =
+    "NSFileProtectionCompleteUntilFirstUserAuthentication";
+
+struct FileAttributes {
+  std::optional<std::string> protection;   // NSFileProtectionKey
+  std::optional<mode_t> posixPermissions;  // e.g. 0600, 0700; the umask default otherwise
+};
+
+struct FileInfo {
+  std::uint64_t size = 0;
+  Date creationDate;  // birth time where the file system records it, else change time
+  Date modificationDate;
+  bool isDirectory = false;
+  mode_t posixPermissions = 0;
+  std::optional<std::string> protection;
+};
+
+class FileHandle {
+ public:
+  virtual ~FileHandle() = default;
+  virtual std::uint64_t seekToEnd() = 0;
+  // Writes all bytes; false (and *error) on failure.
+  virtual bool write(const void* bytes, std::size_t length, ErrorPtr* error = nullptr) = 0;
+  bool write(const Data& data, ErrorPtr* error = nullptr) {
+    return write(data.data(), data.size(), error);
+  }
+  bool write(const std::string& text, ErrorPtr* error = nullptr) {
+    return write(text.data(), text.size(), error);
+  }
+  // Bytes from the start of the file to the current position.
+  virtual std::uint64_t offset() const = 0;
+  virtual bool synchronize(ErrorPtr* error = nullptr) = 0;  // fsync
+  virtual void close() = 0;
+};
+
+class FileManager {
+ public:
+  virtual ~FileManager() = default;
+
+  static FileManager& current();
+  // Installs a replacement (nullptr restores the POSIX backend). Call during set-up only.
+  static void setCurrent(std::shared_ptr<FileManager> manager);
+  static std::shared_ptr<FileManager> posix();
+
+  virtual bool fileExists(const std::string& path, bool* isDirectory = nullptr) = 0;
+  virtual bool createDirectory(const std::string& path, bool withIntermediates,
+                               const FileAttributes& attributes, ErrorPtr* error) = 0;
+  // Creates or replaces the file with the given contents (temp file, fsync, rename).
+  virtual bool createFile(const std::string& path, const Data& contents,
+                          const FileAttributes& attributes, ErrorPtr* error = nullptr) = 0;
+  virtual bool moveItem(const std::string& from, const std::string& to, ErrorPtr* error) = 0;
+  virtual bool copyItem(const std::string& from, const std::string& to, ErrorPtr* error) = 0;
+  // Removes a file, or a directory with everything in it.
+  virtual bool removeItem(const std::string& path, ErrorPtr* error) = 0;
+  virtual std::optional<FileInfo> attributesOfItem(const std::string& path, ErrorPtr* error) = 0;
+  virtual std::optional<Data> contentsOfFile(const std::string& path, ErrorPtr* error) = 0;
+  virtual std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& path,
+                                                                      ErrorPtr* error) = 0;
+  // Opens an existing file for reading and writing; nullptr (and *error) when it can't.
+  virtual std::unique_ptr<FileHandle> fileHandleForUpdating(const std::string& path,
+                                                            ErrorPtr* error = nullptr) = 0;
+};
+
+// Forwards every call to a target; fault fakes derive from it and override what they need.
+class FileManagerWrapper : public FileManager {
+ public:
+  explicit FileManagerWrapper(std::shared_ptr<FileManager> target) : target_(std::move(target)) {}
+  FileManager& target() { return *target_; }
+
+  bool fileExists(const std::string& path, bool* isDirectory = nullptr) override {
+    return target_->fileExists(path, isDirectory);
+  }
+  bool createDirectory(const std::string& path, bool withIntermediates,
+                       const FileAttributes& attributes, ErrorPtr* error) override {
+    return target_->createDirectory(path, withIntermediates, attributes, error);
+  }
+  bool createFile(const std::string& path, const Data& contents, const FileAttributes& attributes,
+                  ErrorPtr* error = nullptr) override {
+    return target_->createFile(path, contents, attributes, error);
+  }
+  bool moveItem(const std::string& from, const std::string& to, ErrorPtr* error) override {
+    return target_->moveItem(from, to, error);
+  }
+  bool copyItem(const std::string& from, const std::string& to, ErrorPtr* error) override {
+    return target_->copyItem(from, to, error);
+  }
+  bool removeItem(const std::string& path, ErrorPtr* error) override {
+    return target_->removeItem(path, error);
+  }
+  std::optional<FileInfo> attributesOfItem(const std::string& path, ErrorPtr* error) override {
+    return target_->attributesOfItem(path, error);
+  }
+  std::optional<Data> contentsOfFile(const std::string& path, ErrorPtr* error) override {
+    return target_->contentsOfFile(path, error);
+  }
+  std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& path,
+                                                              ErrorPtr* error) override {
+    return target_->contentsOfDirectory(path, error);
+  }
+  std::unique_ptr<FileHandle> fileHandleForUpdating(const std::string& path,
+                                                    ErrorPtr* error = nullptr) override {
+    return target_->fileHandleForUpdating(path, error);
+  }
+
+ private:
+  std::shared_ptr<FileManager> target_;
+};
+
+// Path helpers (pure string operations, no file system access).
+std::string pathByAppendingComponent(const std::string& directory, const std::string& component);
+std::string lastPathComponent(const std::string& path);
+std::string pathByDeletingLastComponent(const std::string& path);
+
+}  // namespace pnx

@@ -1,0 +1,197 @@
+#include "platform/files/file_manager.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include <cerrno>
+
+#include "platform/files/fixtures_test.h"
+
+namespace pnx {
+namespace {
+
+using testing::TempDir;
+
+Data bytes(std::string_view text) {
+  return Data(text.begin(), text.end());
+}
+
+mode_t modeOf(const std::string& path) {
+  struct stat info {};
+  stat(path.c_str(), &info);
+  return info.st_mode & 07777;
+}
+
+FileAttributes permissions(mode_t mode) {
+  FileAttributes attributes;
+  attributes.posixPermissions = mode;
+  return attributes;
+}
+
+class FileManagerTest : public ::testing::Test {
+ protected:
+  FileManager& files = *FileManager::posix();
+  TempDir dir;
+};
+
+TEST(PathTest, ComponentOperations) {
+  EXPECT_EQ(pathByAppendingComponent("a/", "b"), "a/b");
+  EXPECT_EQ(pathByAppendingComponent("/", "b"), "/b");
+  EXPECT_EQ(pathByAppendingComponent("a", "/b"), "a/b");
+  EXPECT_EQ(pathByAppendingComponent("", "b"), "b");
+  EXPECT_EQ(lastPathComponent("/a/b/"), "b");
+  EXPECT_EQ(lastPathComponent("/"), "/");
+  EXPECT_EQ(lastPathComponent("name"), "name");
+  EXPECT_EQ(pathByDeletingLastComponent("/a/b"), "/a");
+  EXPECT_EQ(pathByDeletingLastComponent("/a//b/"), "/a");
+  EXPECT_EQ(pathByDeletingLastComponent("/a"), "/");
+  EXPECT_EQ(pathByDeletingLastComponent("a"), "");
+}
+
+TEST_F(FileManagerTest, MovesAndCopiesNeverOverwrite) {
+  std::string a = dir.write("a.db", "old"), b = dir.write("Library/a.db", "new");
+  for (bool move : {true, false}) {
+    ErrorPtr error;
+    EXPECT_FALSE(move ? files.moveItem(a, b, &error) : files.copyItem(a, b, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
+    EXPECT_EQ(error->code(), 516);
+    EXPECT_EQ(*error->userInfo()[NSFilePathErrorKey].asString(), a);
+    EXPECT_EQ(error->underlyingError()->code(), EEXIST);
+    EXPECT_EQ(dir.read("a.db"), "old");
+    EXPECT_EQ(dir.read("Library/a.db"), "new");
+  }
+  ErrorPtr error;
+  EXPECT_FALSE(files.moveItem(a, b, &error));
+  EXPECT_EQ(error->localizedDescription(),
+            "\u201ca.db\u201d couldn\u2019t be moved to \u201cLibrary\u201d because an item with "
+            "the same name already exists.");
+
+  EXPECT_TRUE(files.moveItem(a, dir.file("moved.db"), &error));
+  EXPECT_FALSE(files.fileExists(a));
+  EXPECT_EQ(dir.read("moved.db"), "old");
+}
+
+TEST_F(FileManagerTest, MissingItemsReportNoSuchFileWithTheirPath) {
+  std::string missing = dir.file("PNX.log");
+  ErrorPtr error;
+  EXPECT_FALSE(files.contentsOfFile(missing, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), 4);
+  EXPECT_EQ(*error->userInfo()[NSFilePathErrorKey].asString(), missing);
+  EXPECT_EQ(error->localizedDescription(),
+            "The file \u201cPNX.log\u201d couldn\u2019t be opened because there is no such file.");
+  EXPECT_EQ(error->underlyingError()->domain(), NSPOSIXErrorDomain);
+
+  ErrorPtr handleError, removeError;
+  EXPECT_FALSE(files.fileHandleForUpdating(missing, &handleError));
+  EXPECT_FALSE(files.removeItem(missing, &removeError));
+  ASSERT_TRUE(handleError && removeError);
+  EXPECT_EQ(handleError->code(), 4);
+  EXPECT_EQ(removeError->code(), 4);
+}
+
+TEST_F(FileManagerTest, CreatesDirectoriesWithIntermediatesAndAttributes) {
+  std::string deep = dir.file("one/two/three");
+  FileAttributes attributes = permissions(0700);
+  attributes.protection = NSFileProtectionNone;
+  ErrorPtr error;
+  ASSERT_TRUE(files.createDirectory(deep, true, attributes, &error));
+  for (const char* created : {"one", "one/two", "one/two/three"}) {
+    EXPECT_EQ(modeOf(dir.file(created)), 0700u) << created;
+  }
+  auto info = files.attributesOfItem(deep, &error);
+  ASSERT_TRUE(info);
+  EXPECT_TRUE(info->isDirectory);
+  if (setxattr(dir.path().c_str(), "user.probe", "1", 1, 0) == 0) {  // file system keeps it
+    EXPECT_EQ(info->protection, std::string(NSFileProtectionNone));
+  }
+
+  // An existing directory is fine with intermediates, an error without; a missing parent
+  // is an error without intermediates.
+  EXPECT_TRUE(files.createDirectory(deep, true, {}, &error));
+  EXPECT_FALSE(files.createDirectory(deep, false, {}, &error));
+  EXPECT_EQ(error->code(), 516);
+  EXPECT_FALSE(files.createDirectory(dir.file("x/y"), false, {}, &error));
+  EXPECT_EQ(error->code(), 4);
+  EXPECT_FALSE(files.fileExists(dir.file("x")));
+
+  dir.write("file", "");
+  EXPECT_FALSE(files.createDirectory(dir.file("file"), true, {}, &error));
+  EXPECT_EQ(error->code(), 516);
+}
+
+TEST_F(FileManagerTest, CreateFileReplacesWholeAndLeavesNoTemporaries) {
+  std::string path = dir.file("config.json");
+  ErrorPtr error;
+  ASSERT_TRUE(files.createFile(path, bytes("first"), permissions(0600), &error));
+  ASSERT_TRUE(files.createFile(path, bytes("second"), permissions(0600), &error));
+  EXPECT_EQ(*files.contentsOfFile(path, &error), bytes("second"));
+  EXPECT_EQ(modeOf(path), 0600u);
+  EXPECT_EQ(*files.contentsOfDirectory(dir.path(), &error),
+            std::vector<std::string>{"config.json"});
+
+  EXPECT_FALSE(files.createFile(dir.file("none/x"), bytes("x"), {}, &error));
+  EXPECT_EQ(error->code(), 4);
+}
+
+TEST_F(FileManagerTest, CopiesAndRemovesDirectoryTrees) {
+  dir.write("src/a.txt", "A");
+  dir.write("src/sub/b.txt", "B");
+  chmod(dir.file("src/sub/b.txt").c_str(), 0640);
+  ErrorPtr error;
+  ASSERT_TRUE(files.copyItem(dir.file("src"), dir.file("dst"), &error));
+  EXPECT_EQ(dir.read("dst/sub/b.txt"), "B");
+  EXPECT_EQ(modeOf(dir.file("dst/sub/b.txt")), 0640u);
+  EXPECT_EQ(*files.contentsOfDirectory(dir.file("dst"), &error),
+            (std::vector<std::string>{"a.txt", "sub"}));
+
+  ASSERT_TRUE(files.removeItem(dir.file("src"), &error));
+  EXPECT_FALSE(files.fileExists(dir.file("src")));
+  EXPECT_EQ(dir.read("dst/a.txt"), "A");
+}
+
+TEST_F(FileManagerTest, HandleAppendsAndReportsOffsets) {
+  std::string path = dir.write("PNX.log", "12345");
+  ErrorPtr error;
+  auto handle = files.fileHandleForUpdating(path, &error);
+  ASSERT_TRUE(handle);
+  EXPECT_EQ(handle->offset(), 0u);
+  EXPECT_EQ(handle->seekToEnd(), 5u);
+  EXPECT_TRUE(handle->write(std::string("678"), &error));
+  EXPECT_EQ(handle->offset(), 8u);
+  EXPECT_TRUE(handle->synchronize(&error));
+  handle->close();
+  handle->close();
+  EXPECT_FALSE(handle->write(std::string("lost"), &error));
+  EXPECT_EQ(dir.read("PNX.log"), "12345678");
+  EXPECT_EQ(files.attributesOfItem(path, &error)->size, 8u);
+}
+
+// A disk that has filled up: whole-file writes fail, everything else forwards.
+class FullDisk : public FileManagerWrapper {
+ public:
+  using FileManagerWrapper::FileManagerWrapper;
+  bool createFile(const std::string& path, const Data&, const FileAttributes&,
+                  ErrorPtr* error) override {
+    *error = Error::withDescription(NSCocoaErrorDomain, 640, "out of space", path);
+    return false;
+  }
+};
+
+TEST_F(FileManagerTest, FaultFakeReplacesOnlyWhatItOverrides) {
+  FileManager::setCurrent(std::make_shared<FullDisk>(FileManager::posix()));
+  ErrorPtr error;
+  EXPECT_FALSE(FileManager::current().createFile(dir.file("x"), bytes("x"), {}, &error));
+  EXPECT_EQ(error->code(), 640);
+  EXPECT_TRUE(FileManager::current().createDirectory(dir.file("d"), false, {}, &error));
+  EXPECT_TRUE(files.fileExists(dir.file("d")));
+
+  FileManager::setCurrent(nullptr);
+  EXPECT_EQ(&FileManager::current(), FileManager::posix().get());
+  EXPECT_TRUE(FileManager::current().createFile(dir.file("x"), bytes("x"), {}, &error));
+}
+
+}  // namespace
+}  // namespace pnx

@@ -1,0 +1,70 @@
+#include "platform/foundation/error.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/foundation/url.h"
+
+namespace pnx {
+namespace {
+
+TEST(ErrorTest, LocalizedDescriptionFallsBackToTheGenericText) {
+  EXPECT_EQ(Error::withDescription("D", 7, "Disk full")->localizedDescription(), "Disk full");
+  const char* generic = "The operation couldn\u2019t be completed. (my.domain error -3.)";
+  EXPECT_EQ(Error("my.domain", -3).localizedDescription(), generic);
+  // A description that is not a string does not count.
+  EXPECT_EQ(
+      Error("my.domain", -3, Value::dict({{NSLocalizedDescriptionKey, 5}})).localizedDescription(),
+      generic);
+  // Anything but a dictionary is taken as an empty userInfo.
+  EXPECT_EQ(Error("D", 1, Value("junk")).userInfo(), Value(Dictionary{}));
+}
+
+TEST(ErrorTest, DescriptionListsUserInfoInDictionaryOrder) {
+  ErrorPtr error = Error::withDescription("D", 3, "Bad file", "/tmp/x");
+  EXPECT_EQ(error->description(),
+            "Error Domain=D Code=3 \"Bad file\" "
+            "UserInfo={NSFilePath=/tmp/x, NSLocalizedDescription=Bad file}");
+  EXPECT_EQ(Error::withDescription("D", 3, "Bad")->userInfo().size(), 1u);
+  EXPECT_EQ(Error("D", 2).description(),
+            "Error Domain=D Code=2 \"The operation couldn\u2019t be completed. (D error 2.)\"");
+}
+
+TEST(ErrorTest, UnderlyingErrorOrExceptionByType) {
+  ErrorPtr inner = Error::make(NSPOSIXErrorDomain, 2);
+  Error outer("D", 1, Value::dict({{NSUnderlyingErrorKey, Value(ObjectPtr(inner))}}));
+  EXPECT_EQ(outer.underlyingError(), inner);
+  EXPECT_EQ(outer.underlyingException(), nullptr);
+  EXPECT_EQ(outer.url(), nullptr);
+
+  auto exception = std::make_shared<Exception>(NSInvalidArgumentException, "bad archive");
+  Error wrapped("D", 1, Value::dict({{NSUnderlyingErrorKey, Value(ObjectPtr(exception))}}));
+  EXPECT_EQ(wrapped.underlyingException(), exception);
+  EXPECT_EQ(wrapped.underlyingError(), nullptr);
+
+  auto url = std::make_shared<URL>(URL::fileURL("/tmp/x"));
+  Error failing("D", 1, Value::dict({{NSURLErrorKey, Value(ObjectPtr(url))}}));
+  EXPECT_EQ(failing.url(), url);
+  EXPECT_EQ(failing.underlyingError(), nullptr);
+}
+
+TEST(ErrorTest, EqualityAndHashingByValue) {
+  Value a(ObjectPtr(Error::withDescription("D", 1, "x")));
+  Value same(ObjectPtr(Error::withDescription("D", 1, "x")));
+  EXPECT_EQ(a, same);
+  EXPECT_EQ(a.hash(), same.hash());
+  EXPECT_FALSE(a == Value(ObjectPtr(Error::withDescription("D", 1, "y"))));
+  EXPECT_FALSE(a == Value(ObjectPtr(Error::withDescription("E", 1, "x"))));
+  EXPECT_FALSE(a == Value(ObjectPtr(Error::withDescription("D", 2, "x"))));
+  EXPECT_TRUE(Error("D", 1).isEqual(Error("D", 1, Value())));
+
+  // Exceptions compare by name and reason; userInfo does not matter.
+  Value e1(ObjectPtr(std::make_shared<Exception>("N", "R", Value::dict({{"k", 1}}))));
+  Value e2(ObjectPtr(std::make_shared<Exception>("N", "R")));
+  EXPECT_EQ(e1, e2);
+  EXPECT_EQ(e1.hash(), e2.hash());
+  EXPECT_FALSE(e1 == Value(ObjectPtr(std::make_shared<Exception>("N", "other"))));
+  EXPECT_FALSE(a == e1);
+}
+
+}  // namespace
+}  // namespace pnx

@@ -1,0 +1,134 @@
+#include "platform/foundation/json.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+namespace pnx {
+namespace {
+
+// The description of the error a failed parse leaves behind (and checks its identity).
+std::string parseError(std::string_view text, JSONReadOptions options = {}) {
+  ErrorPtr error;
+  auto value = JSON::parse(text, &error, options);
+  EXPECT_FALSE(value.has_value()) << text;
+  if (!error) return "<no error>";
+  EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
+  EXPECT_EQ(error->code(), 3840);
+  return error->localizedDescription();
+}
+
+std::string writeError(const Value& value) {
+  ErrorPtr error;
+  EXPECT_FALSE(JSON::serialize(value, &error).has_value());
+  EXPECT_FALSE(JSON::isValidJSONObject(Value::array({value})));
+  if (!error) return "<no error>";
+  EXPECT_EQ(error->code(), 3851);
+  return error->localizedDescription();
+}
+
+TEST(JSONTest, ParsesIntoValuesOfTheRightKind) {
+  ErrorPtr untouched;
+  auto value = JSON::parse(
+      R"({"i": -7, "big": 18446744073709551615, "r": 2.0, "t": true, "n": null,
+          "s": "caf\u00e9 \ud83d\ude00", "a": [1, {"k": []}], "dup": 1, "dup": 2})",
+      &untouched);
+  ASSERT_TRUE(value);
+  EXPECT_EQ(untouched, nullptr);
+  const Value& v = *value;
+  EXPECT_TRUE(v["i"].isInteger());
+  EXPECT_EQ(v["i"].integerValue(), -7);
+  EXPECT_TRUE(v["big"].isReal());
+  EXPECT_TRUE(v["r"].isReal());
+  EXPECT_TRUE(v["t"].isBoolean());
+  EXPECT_TRUE(v["n"].isNull());
+  EXPECT_TRUE(v.contains(Value("n")));
+  EXPECT_EQ(v["s"], Value("caf\xc3\xa9 \xf0\x9f\x98\x80"));
+  EXPECT_EQ(v["a"], Value::array({1, Value::dict({{"k", Value::array({})}})}));
+  EXPECT_EQ(v["dup"], Value(2));
+  EXPECT_EQ(v.size(), 8u);
+}
+
+TEST(JSONTest, SerializesCompactlyAndRoundTrips) {
+  Value v = Value::dict({{"b", Value::array({5.0, 0.1, -3, 1e300, true, Value()})},
+                         {"a", "q\"\\/\n\x01\x7f\xc3\xa9"},
+                         {"c", Value::dict({})}});
+  auto text = JSON::serialize(v);
+  ASSERT_TRUE(text);
+  EXPECT_EQ(*text,
+            "{\"a\":\"q\\\"\\\\/\\n\\u0001\x7f\xc3\xa9\",\"b\":[5,0.1,-3,1e+300,true,null],"
+            "\"c\":{}}");
+  EXPECT_EQ(JSON::parse(*text), v);
+  EXPECT_EQ(JSON::serialize(Value(std::numeric_limits<std::int64_t>::min())),
+            "-9223372036854775808");
+  EXPECT_TRUE(JSON::isValidJSONObject(v));
+  EXPECT_FALSE(JSON::isValidJSONObject(Value("fragment")));
+}
+
+TEST(JSONTest, ErrorsSayWhatAndWhere) {
+  EXPECT_EQ(parseError("{\n  \"a\": 1,\n  \"b\": 2,\n}"),
+            "JSON parse error at line 4, column 1 (byte 22): unexpected '}'; expected string "
+            "literal");
+  EXPECT_EQ(parseError("[1, 2"),
+            "JSON parse error at line 1, column 6 (byte 5): unexpected end of input; expected ']'");
+  EXPECT_EQ(parseError(""), "JSON parse error at line 1, column 1 (byte 0): no JSON text");
+  EXPECT_NE(parseError(" \n ").find("no JSON text"), std::string::npos);
+  EXPECT_EQ(parseError("[1] x").find("JSON parse error at line 1, column 5 (byte 4)"), 0u);
+  EXPECT_NE(parseError("[1e999]").find("(byte 1): number overflow"), std::string::npos);
+  EXPECT_EQ(parseError("[1 true]")
+                .find("JSON parse error at line 1, column 4 (byte 3): unexpected "
+                      "true literal"),
+            0u);
+  // The misplaced string starts after an escaped quote and an escaped backslash.
+  EXPECT_NE(parseError(R"(["a\"\\" "b"])").find("(byte 9): unexpected string"), std::string::npos);
+}
+
+TEST(JSONTest, FragmentsOnlyWhenAllowed) {
+  EXPECT_EQ(parseError("  \"text\""),
+            "JSON parse error at line 1, column 3 (byte 2): JSON text did not start with array "
+            "or object");
+  EXPECT_EQ(JSON::parse("  \"text\"", nullptr, {.allowFragments = true}), Value("text"));
+  EXPECT_EQ(JSON::parse("-0.5", nullptr, {.allowFragments = true}), Value(-0.5));
+  EXPECT_EQ(JSON::parse("null", nullptr, {.allowFragments = true}), Value());
+}
+
+TEST(JSONTest, NestingIsCappedAt512) {
+  auto nested = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+  EXPECT_TRUE(JSON::parse(nested(512)));
+  EXPECT_EQ(parseError(nested(513)),
+            "JSON parse error at line 1, column 513 (byte 512): nesting deeper than 512 levels");
+  // Far deeper input fails the same way instead of exhausting the stack.
+  EXPECT_NE(parseError(std::string(1 << 20, '[')).find("nesting deeper"), std::string::npos);
+  EXPECT_NE(parseError("{\"k\":" + nested(600) + "}").find("(byte 516)"), std::string::npos);
+}
+
+TEST(JSONTest, InvalidUTF8IsAnError) {
+  EXPECT_NE(parseError("[\"a\xff\"]").find("(byte 3): invalid string: ill-formed UTF-8"),
+            std::string::npos);
+  parseError("[\"\xed\xa0\x80\"]");  // an encoded surrogate
+  parseError("[\"\xc0\xaf\"]");      // an overlong form
+  parseError("[\"\\ud800\"]");       // a lone escaped surrogate
+  Data bytes{'[', '"', 0xe2, 0x82, 0xac, '"', ']'};
+  EXPECT_EQ(JSON::parse(bytes), Value::array({"\xe2\x82\xac"}));
+}
+
+TEST(JSONTest, UnwritableValues) {
+  EXPECT_EQ(writeError(Value::dict({{"when", Value(Date(0))}})),
+            "Invalid type in JSON write (NSDate)");
+  EXPECT_EQ(writeError(Value(Data{1})), "Invalid type in JSON write (NSData)");
+  EXPECT_EQ(writeError(Value(Set{})), "Invalid type in JSON write (NSSet)");
+  EXPECT_EQ(writeError(Value::array({Value(ObjectPtr(Error::make("D", 1)))})),
+            "Invalid type in JSON write (NSError)");
+  EXPECT_EQ(writeError(Value(std::numeric_limits<double>::quiet_NaN())),
+            "Invalid number value (NaN) in JSON write");
+  EXPECT_EQ(writeError(Value::array({std::numeric_limits<double>::infinity()})),
+            "Invalid number value (infinite) in JSON write");
+  EXPECT_EQ(writeError(Value(Dictionary{{Value(1), Value(2)}})),
+            "Invalid (non-string) key in JSON dictionary");
+  EXPECT_EQ(writeError(Value("bad \xc3")), "Invalid string (not UTF-8) in JSON write");
+  EXPECT_EQ(writeError(Value(Dictionary{{Value("\xff"), Value(2)}})),
+            "Invalid string (not UTF-8) in JSON write");
+}
+
+}  // namespace
+}  // namespace pnx

@@ -1,0 +1,211 @@
+#include "platform/foundation/keyed_archive.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "platform/foundation/plist.h"
+
+namespace pnx {
+namespace {
+
+Value uidRef(std::int64_t index) {
+  return Value::dict({{"CF$UID", index}});
+}
+
+Value classEntry(const char* name) {
+  return Value::dict(
+      {{"$classname", name}, {"$classes", Value::array({Value(name), Value("NSObject")})}});
+}
+
+// A binary property list in the archive layout with the given object table.
+Data archiveWith(Array objects, Value root = uidRef(1), Value archiver = "NSKeyedArchiver") {
+  Value archive = Value::dict({{"$archiver", archiver},
+                               {"$version", 100000},
+                               {"$top", Value::dict({{"root", root}})},
+                               {"$objects", Value(std::move(objects))}});
+  auto bytes = PropertyList::serialize(archive, PropertyList::Format::Binary);
+  EXPECT_TRUE(bytes);
+  return bytes.value_or(Data());
+}
+
+Value roundTrip(const Value& value) {
+  ErrorPtr error;
+  auto archive = KeyedArchiver::archivedDataWithRootObject(value, &error);
+  EXPECT_TRUE(archive) << (error ? error->description() : "");
+  return KeyedUnarchiver::unarchiveObjectWithData(archive.value_or(Data()));
+}
+
+// The name and reason of the exception unarchiving raises, or "" when it raises none.
+std::string unarchiveFailure(const Data& data) {
+  try {
+    KeyedUnarchiver::unarchiveObjectWithData(data);
+  } catch (const Exception& exception) {
+    EXPECT_EQ(exception.name(), NSInvalidUnarchiveOperationException);
+    return exception.reason();
+  }
+  return "";
+}
+
+TEST(KeyedArchive, NestedValuesRoundTripWithTheirTypes) {
+  Value nested = Value::dict({
+      {"string", "héllo"},
+      {"integer", -42},
+      {"big", 9007199254740993LL},
+      {"real", 2.5},
+      {"yes", true},
+      {"date", Date(1625065452.25)},
+      {"epoch", Date(0)},
+      {"data", Data{0, 1, 2, 255}},
+      {"empty data", Data{}},
+      {"null", Value()},
+      {"records", Value(Set{Value::dict({{"userId", "u1"}, {"mailingId", 7}}),
+                            Value::dict({{"userId", "u2"}})})},
+      {"list", Value::array({Value::array({}), Value::dict({}), "x", "x", 1, "🙂 ünïcode"})},
+  });
+  // Enough objects for two-byte references, and counts that need their own integer.
+  Array many;
+  for (int i = 0; i < 300; ++i) many.push_back("a longer string number " + std::to_string(i));
+  Dictionary withMany = *nested.asDictionary();
+  withMany[Value("many")] = Value(many);
+  nested = Value(withMany);
+  Value decoded = roundTrip(nested);
+  EXPECT_EQ(decoded, nested);
+  // Numbers compare across kinds, so check that kinds survive too.
+  EXPECT_TRUE(decoded["yes"].isBoolean());
+  EXPECT_TRUE(decoded["integer"].isInteger());
+  EXPECT_EQ(decoded["big"].integerValue(), 9007199254740993LL);
+  EXPECT_TRUE(decoded["real"].isReal());
+  EXPECT_TRUE(decoded["epoch"].isDate());
+
+  EXPECT_EQ(roundTrip("just a string"), Value("just a string"));
+  EXPECT_TRUE(roundTrip(Value()).isNull());
+}
+
+TEST(KeyedArchive, WritesThePlatformLayout) {
+  auto bytes = KeyedArchiver::archivedDataWithRootObject(
+      Value::dict({{"when", Date::fromReferenceDate(10.5)}}));
+  ASSERT_TRUE(bytes);
+  EXPECT_EQ(std::string(bytes->begin(), bytes->begin() + 8), "bplist00");
+  auto archive = PropertyList::parse(*bytes);
+  ASSERT_TRUE(archive);
+  EXPECT_EQ((*archive)["$archiver"], Value("NSKeyedArchiver"));
+  EXPECT_EQ((*archive)["$version"], Value(100000));
+  const Array& objects = *(*archive)["$objects"].asArray();
+  auto at = [&](const Value& reference) { return objects.at(reference["CF$UID"].integerValue()); };
+  EXPECT_EQ(objects[0], Value("$null"));
+  Value root = at((*archive)["$top"]["root"]);
+  EXPECT_EQ(at(root["$class"]), classEntry("NSDictionary"));
+  EXPECT_EQ(at((*root["NS.keys"].asArray())[0]), Value("when"));
+  Value date = at((*root["NS.objects"].asArray())[0]);
+  EXPECT_EQ(at(date["$class"]), classEntry("NSDate"));
+  EXPECT_EQ(date["NS.time"], Value(10.5));
+}
+
+TEST(KeyedArchive, ReadsThePlatformsOtherSpellings) {
+  Data mutableForms = archiveWith(
+      {"$null",
+       Value::dict({{"$class", uidRef(2)},
+                    {"NS.objects", Value::array({uidRef(3), uidRef(5), uidRef(0)})}}),
+       classEntry("NSMutableArray"), Value::dict({{"$class", uidRef(4)}, {"NS.string", "text"}}),
+       classEntry("NSMutableString"), Data{7, 8}});
+  EXPECT_EQ(KeyedUnarchiver::unarchiveObjectWithData(mutableForms),
+            Value::array({"text", Data{7, 8}, Value()}));
+}
+
+TEST(KeyedArchive, MalformedArchivesRaiseTheUnarchiveException) {
+  Value selfArray = Value::dict({{"$class", uidRef(2)}, {"NS.objects", Value::array({uidRef(1)})}});
+  struct Case {
+    const char* what;
+    Data data;
+  };
+  std::string text = "not an archive at all";
+  auto xml = PropertyList::serialize(Value::array({1}), PropertyList::Format::XML).value();
+  Case cases[] = {
+      {"empty input", Data{}},
+      {"text", Data(text.begin(), text.end())},
+      {"a property list that is no archive", xml},
+      {"another archiver", archiveWith({"$null", "x"}, uidRef(1), "NSArchiver")},
+      {"no $null first", archiveWith({"x", "y"})},
+      {"dangling root", archiveWith({"$null", "x"}, uidRef(9))},
+      {"negative reference", archiveWith({"$null", "x"}, uidRef(-1))},
+      {"root that is no reference", archiveWith({"$null", "x"}, Value("x"))},
+      {"reference cycle", archiveWith({"$null", selfArray, classEntry("NSArray")})},
+      {"unknown class",
+       archiveWith({"$null", Value::dict({{"$class", uidRef(2)}}), classEntry("NSURL")})},
+      {"object without a class", archiveWith({"$null", Value::dict({{"NS.objects", 1}})})},
+      {"class without a name",
+       archiveWith({"$null", Value::dict({{"$class", uidRef(2)}}), Value::dict({})})},
+      {"inline array", archiveWith({"$null", Value::array({1})})},
+      {"date without time",
+       archiveWith({"$null", Value::dict({{"$class", uidRef(2)}}), classEntry("NSDate")})},
+      {"array with non-list objects",
+       archiveWith({"$null", Value::dict({{"$class", uidRef(2)}, {"NS.objects", "x"}}),
+                    classEntry("NSArray")})},
+      {"dictionary with fewer objects than keys",
+       archiveWith({"$null",
+                    Value::dict({{"$class", uidRef(2)},
+                                 {"NS.keys", Value::array({uidRef(3)})},
+                                 {"NS.objects", Value::array({})}}),
+                    classEntry("NSDictionary"), "k"})},
+  };
+  for (const Case& c : cases) {
+    EXPECT_NE(unarchiveFailure(c.data), "") << c.what;
+  }
+}
+
+// Deep chains and widely shared objects are refused rather than exhausting the stack or
+// memory; both are linear in the input, so they finish quickly.
+TEST(KeyedArchive, DeepAndExplodingArchivesAreRefused) {
+  Array deep{"$null", classEntry("NSArray")};
+  for (int i = 0; i < 1000; ++i) {
+    std::int64_t next = static_cast<std::int64_t>(deep.size()) + 1;
+    deep.push_back(
+        Value::dict({{"$class", uidRef(1)}, {"NS.objects", Value::array({uidRef(next)})}}));
+  }
+  deep.push_back("bottom");
+  EXPECT_NE(unarchiveFailure(archiveWith(deep, uidRef(2))).find("nested deeper"),
+            std::string::npos);
+
+  // Each level holds the next one twice: 2^60 objects once expanded.
+  Array doubling{"$null", classEntry("NSArray")};
+  for (int i = 0; i < 60; ++i) {
+    Value next = uidRef(static_cast<std::int64_t>(doubling.size()) + 1);
+    doubling.push_back(
+        Value::dict({{"$class", uidRef(1)}, {"NS.objects", Value::array({next, next})}}));
+  }
+  doubling.push_back("leaf");
+  EXPECT_NE(unarchiveFailure(archiveWith(doubling, uidRef(2))).find("expands"), std::string::npos);
+
+  // A shared object within the limits decodes to equal copies.
+  Data shared = archiveWith(
+      {"$null",
+       Value::dict({{"$class", uidRef(2)}, {"NS.objects", Value::array({uidRef(3), uidRef(3)})}}),
+       classEntry("NSArray"), "same"});
+  EXPECT_EQ(KeyedUnarchiver::unarchiveObjectWithData(shared), Value::array({"same", "same"}));
+}
+
+TEST(KeyedArchive, ValuesAnArchiveCannotHoldAreRefusedOnWriting) {
+  Value nestedTooDeep = "bottom";
+  for (int i = 0; i <= KeyedUnarchiver::kMaxDepth; ++i)
+    nestedTooDeep = Value::array({nestedTooDeep});
+  ErrorPtr error;
+  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(nestedTooDeep, &error));
+  ASSERT_TRUE(error);
+  EXPECT_NE(error->localizedDescription().find("nested deeper"), std::string::npos);
+
+  error = nullptr;
+  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(Value(std::string("caf\xe9")), &error));
+  ASSERT_TRUE(error);
+  EXPECT_NE(error->localizedDescription().find("not UTF-8"), std::string::npos);
+  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(Value(std::string("a\0b", 3))));
+
+  error = nullptr;
+  Value withError = Value::array({Value(ObjectPtr(Error::make("domain", 1)))});
+  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(withError, &error));
+  ASSERT_TRUE(error);
+  EXPECT_NE(error->localizedDescription().find("NSError"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace pnx

@@ -1,0 +1,340 @@
+#include "platform/foundation/plist.h"
+
+#include <gtest/gtest.h>
+#include <plist/plist.h>
+
+#include <limits>
+
+#include "platform/files/fixtures_test.h"
+
+namespace pnx {
+namespace {
+
+using Format = PropertyList::Format;
+
+Data bytesOf(std::string_view text) {
+  return Data(text.begin(), text.end());
+}
+
+Data fromHex(std::string_view hex) {
+  Data out;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+    out.push_back(static_cast<std::uint8_t>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16)));
+  }
+  return out;
+}
+
+std::string xmlPlist(std::string_view body) {
+  return "<?xml version=\"1.0\"?><plist version=\"1.0\">" + std::string(body) + "</plist>";
+}
+
+void appendBigEndian(Data& out, std::uint64_t value, int width) {
+  for (int shift = 8 * (width - 1); shift >= 0; shift -= 8)
+    out.push_back(static_cast<std::uint8_t>(value >> shift));
+}
+
+// A binary property list built by hand from encoded objects (two-byte references), for
+// shapes a writer would never produce.
+Data binaryPlist(const std::vector<Data>& objects, std::uint64_t top = 0) {
+  Data out = bytesOf("bplist00");
+  std::vector<std::uint64_t> offsets;
+  for (const Data& object : objects) {
+    offsets.push_back(out.size());
+    out.insert(out.end(), object.begin(), object.end());
+  }
+  const std::uint64_t table = out.size();
+  for (std::uint64_t offset : offsets) appendBigEndian(out, offset, 4);
+  out.insert(out.end(), {0, 0, 0, 0, 0, 0, 4, 2});
+  appendBigEndian(out, objects.size(), 8);
+  appendBigEndian(out, top, 8);
+  appendBigEndian(out, table, 8);
+  return out;
+}
+
+// Marker 0xA_ (array) or 0xD_ (dictionary) with fewer than 15 references.
+Data container(std::uint8_t kind, std::vector<std::uint16_t> references) {
+  Data out{static_cast<std::uint8_t>(kind | references.size())};
+  for (std::uint16_t reference : references) appendBigEndian(out, reference, 2);
+  return out;
+}
+
+// Arrays nested `depth` deep, object i holding object i + 1.
+Data nestedBinaryArrays(std::size_t depth) {
+  std::vector<Data> objects;
+  for (std::size_t i = 0; i + 1 < depth; ++i) {
+    objects.push_back(container(0xa0, {static_cast<std::uint16_t>(i + 1)}));
+  }
+  objects.push_back(container(0xa0, {}));
+  return binaryPlist(objects);
+}
+
+std::string nestedXMLArrays(std::size_t depth) {
+  std::string open, close;
+  for (std::size_t i = 0; i < depth; ++i) open += "<array>", close += "</array>";
+  return xmlPlist(open + close);
+}
+
+// Parsing must fail cleanly, with the platform's error.
+void expectUnreadable(const Data& bytes, const std::string& detail = {}) {
+  ErrorPtr error;
+  EXPECT_FALSE(PropertyList::parse(bytes, &error));
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code(), 3840);
+  EXPECT_EQ(error->localizedDescription(),
+            "The data couldn\u2019t be read because it isn\u2019t in the correct format.");
+  if (!detail.empty()) {
+    EXPECT_EQ(error->userInfo()[NSDebugDescriptionErrorKey], Value(detail));
+  }
+}
+
+class PropertyListFormatTest : public ::testing::TestWithParam<Format> {};
+
+TEST_P(PropertyListFormatTest, RoundTripsEveryKind) {
+  Value v = Value::dict({
+      {"negative", -5},
+      {"min", Value(std::numeric_limits<std::int64_t>::min())},
+      {"max", Value(std::numeric_limits<std::int64_t>::max())},
+      {"real", -2.5},
+      {"yes", true},
+      {"text", "caf\xc3\xa9 <&> \xf0\x9f\x98\x80"},
+      {"data", Value(Data{0, 1, 0xff})},
+      {"nested", Value::dict({{"list", Value::array({1, Value::dict({}), Value::array({})})}})},
+      {"when", Value(Date::fromReferenceDate(646758252))},
+      {"uid", Value::dict({{"CF$UID", 7}})},
+  });
+  ErrorPtr error;
+  auto bytes = PropertyList::serialize(v, GetParam(), &error);
+  ASSERT_TRUE(bytes) << error->description();
+  Format format = GetParam() == Format::XML ? Format::Binary : Format::XML;
+  EXPECT_EQ(PropertyList::parse(*bytes, &error, &format), v);
+  EXPECT_EQ(format, GetParam());
+  // Sets are written as arrays.
+  EXPECT_EQ(
+      PropertyList::parse(*PropertyList::serialize(Value(Set{Value(2), Value(1)}), GetParam())),
+      Value::array({1, 2}));
+}
+
+TEST_P(PropertyListFormatTest, UnwritableValuesFail) {
+  const Value unwritable[] = {
+      Value::array({Value()}),
+      Value::dict({{"e", Value(ObjectPtr(Error::make("D", 1)))}}),
+      Value(Dictionary{{Value(1), Value("x")}}),
+      Value(std::string("nul\0inside", 10)),
+      // Text that is not UTF-8, as a value and as a key: never written with bytes dropped.
+      Value("A\xd0"),
+      Value::dict({{"\xce"
+                    "S",
+                    1}}),
+      // Beyond 32-bit seconds since 2001.
+      Value(Date::fromReferenceDate(3124137600.0)),
+      Value(Date::fromReferenceDate(-1e20)),
+  };
+  for (const Value& value : unwritable) {
+    ErrorPtr error;
+    EXPECT_FALSE(PropertyList::serialize(value, GetParam(), &error)) << value.description();
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->code(), 3851);
+  }
+  ErrorPtr error;
+  PropertyList::serialize(Value::array({"A\xd0"}), GetParam(), &error);
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->localizedDescription(),
+            "Property list invalid for format (string is not UTF-8)");
+}
+
+TEST_P(PropertyListFormatTest, TruncatedOrDamagedInputNeverCrashes) {
+  Value v = Value::dict({{"a", Value::array({1, "two", Value(Data{3})})}, {"b", 2.5}});
+  const Data good = *PropertyList::serialize(v, GetParam());
+  for (std::size_t length = 0; length < good.size(); ++length) {
+    PropertyList::parse(Data(good.begin(), good.begin() + length));
+    Data damaged = good;
+    damaged[length] ^= 0xff;
+    PropertyList::parse(damaged);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(BothFormats, PropertyListFormatTest,
+                         ::testing::Values(Format::XML, Format::Binary),
+                         [](const ::testing::TestParamInfo<Format>& info) {
+                           return info.param == Format::XML ? "XML" : "Binary";
+                         });
+
+TEST(PropertyListTest, DatesKeepFractionsInBinary) {
+  for (double seconds : {646758252.25, -12345.75, -1.000001, 0.5}) {
+    Value date(Date::fromReferenceDate(seconds));
+    auto back = PropertyList::parse(*PropertyList::serialize(date, Format::Binary));
+    ASSERT_TRUE(back && back->isDate());
+    EXPECT_NEAR(back->asDate()->timeIntervalSinceReferenceDate(), seconds, 1e-6);
+  }
+  // XML dates carry whole seconds (the fraction is cut toward zero).
+  auto xml = PropertyList::serialize(Value(Date::fromReferenceDate(-12345.75)), Format::XML);
+  EXPECT_EQ(PropertyList::parse(*xml)->asDate()->timeIntervalSinceReferenceDate(), -12345);
+}
+
+TEST(PropertyListTest, DatesBeyond32BitSecondsReadExactlyOrNotAtAll) {
+  // Binary dates are doubles and read exactly: 2100-01-01, and -1e20 seconds.
+  auto date2100 = PropertyList::parse(
+      fromHex("62706c6973743030a1013341e746d1d0000000080a00000000000001010000000000000002000000"
+              "00000000000000000000000013"));
+  ASSERT_TRUE(date2100);
+  EXPECT_EQ(date2100, Value::array({Value(Date::fromReferenceDate(3124137600.0))}));
+  Data farPast{0x33};  // -1e20 seconds
+  for (std::uint8_t byte : fromHex("c415af1d78b58c40")) farPast.push_back(byte);
+  EXPECT_EQ(PropertyList::parse(binaryPlist({container(0xa0, {1}), farPast})),
+            Value::array({Value(Date::fromReferenceDate(-1e20))}));
+
+  // XML dates read exactly at the edges of 32-bit seconds; beyond them, or in any other
+  // form, they are refused rather than read wrongly.
+  auto edges = PropertyList::parse(bytesOf(xmlPlist(
+      "<array><date>1932-12-13T20:45:52Z</date><date>\n2069-01-19T03:14:07Z </date></array>")));
+  EXPECT_EQ(edges, Value::array({Value(Date::fromReferenceDate(-2147483648.0)),
+                                 Value(Date::fromReferenceDate(2147483647.0))}));
+  expectUnreadable(bytesOf(xmlPlist("<date>2100-01-01T00:00:00Z</date>")),
+                   "XML date \"2100-01-01T00:00:00Z\" is outside the readable range "
+                   "1932-12-13T20:45:52Z to 2069-01-19T03:14:07Z");
+  expectUnreadable(bytesOf(xmlPlist("<array><date>1932-12-13T20:45:51Z</date></array>")));
+  for (const char* malformed : {"2001-01-01", "2001-02-30T00:00:00Z", "2001-01-01T00:00:00.5Z",
+                                "2001-01-01T00:00:00+01:00", ""}) {
+    expectUnreadable(
+        bytesOf(xmlPlist("<date>" + std::string(malformed) + "</date>")),
+        "XML date \"" + std::string(malformed) + "\" is not of the form yyyy-MM-ddTHH:mm:ssZ");
+  }
+  expectUnreadable(bytesOf(xmlPlist("<date/>")));
+  expectUnreadable(bytesOf(xmlPlist("<date>2001-01-01T00:00:00Z<!-- x -->5</date>")),
+                   "XML date holds more than plain text");
+}
+
+// One-byte strings hold the platform's 8-bit encoding, read as Latin-1; two-byte strings
+// are UTF-16. Either way the Value is UTF-8 and writes back in both formats.
+TEST(PropertyListTest, BinaryStringsReadAsUTF8) {
+  const Value latin1 = Value::array({"A\xc3\x90", "\xc3\x83\xc2\xa9"});
+  EXPECT_EQ(PropertyList::parse(binaryPlist(
+                {container(0xa0, {1, 2}), Data{0x52, 'A', 0xd0}, Data{0x52, 0xc3, 0xa9}})),
+            latin1);
+  // An empty UTF-16 string, as a key and as a value.
+  EXPECT_EQ(PropertyList::parse(fromHex("62706c6973743030d10102601001080b0c00000000000001010000"
+                                        "0000000000030000000000000000000000000000000e")),
+            Value::dict({{"", 1}}));
+  EXPECT_EQ(PropertyList::parse(binaryPlist({container(0xa0, {1}), Data{0x60}})),
+            Value::array({""}));
+  // A surrogate pair joins; an unpaired surrogate, high or low, becomes U+FFFD.
+  EXPECT_EQ(PropertyList::parse(
+                binaryPlist({container(0xa0, {1}), Data{0x66, 0xd8, 0x3d, 0xde, 0x00, 0xd8, 0x00, 0,
+                                                        'x', 0xdc, 0x00, 0xd8, 0x00}})),
+            Value::array({"\xf0\x9f\x98\x80\xef\xbf\xbdx\xef\xbf\xbd\xef\xbf\xbd"}));
+
+  // Every UTF-8 length at its edges, a byte-order mark and text made only of it.
+  const Value text =
+      Value::array({"\xc2\x80\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf",
+                    "\xef\xbb\xbf", "a\xef\xbb\xbf", latin1});
+  for (Format format : {Format::Binary, Format::XML}) {
+    EXPECT_EQ(PropertyList::parse(*PropertyList::serialize(text, format)), text);
+  }
+}
+
+TEST(PropertyListTest, BinaryIntegersOfEveryWidth) {
+  const std::pair<Data, Value> cases[] = {
+      {{0x10, 0xff}, Value(255)},
+      {{0x11, 0xff, 0xff}, Value(65535)},
+      {{0x12, 0xff, 0xff, 0xff, 0xff}, Value(4294967295ll)},
+      {{0x13, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xfe}, Value(-2)},
+      {{0x14, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x80, 0, 0, 0, 0, 0, 0, 0},
+       Value(std::numeric_limits<std::int64_t>::min())},
+      // Above INT64_MAX: a real, as the JSON reader gives.
+      {{0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff},
+       Value(18446744073709551615.0)},
+      {{0x22, 0x3f, 0xc0, 0, 0}, Value(1.5)},
+  };
+  for (const auto& [encoded, expected] : cases) {
+    auto value = PropertyList::parse(binaryPlist({container(0xa0, {1}), encoded}));
+    ASSERT_TRUE(value) << expected.description();
+    EXPECT_EQ(value->asArray()->at(0).type(), expected.type());
+    EXPECT_EQ(value, Value::array({expected}));
+  }
+  expectUnreadable(binaryPlist({container(0xa0, {1}),
+                                Data{0x14, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0}}),
+                   "binary property list integer beyond 64 bits");
+}
+
+TEST(PropertyListTest, UIDReferencesAreWrittenAsUIDs) {
+  auto bytes = PropertyList::serialize(
+      Value::array({Value::dict({{"CF$UID", 3}}), Value::dict({{"CF$UID", 3}, {"x", 1}})}),
+      Format::Binary);
+  ASSERT_TRUE(bytes);
+  plist_t root = nullptr;
+  plist_from_bin(reinterpret_cast<const char*>(bytes->data()), bytes->size(), &root);
+  ASSERT_NE(root, nullptr);
+  EXPECT_EQ(plist_get_node_type(plist_array_get_item(root, 0)), PLIST_UID);
+  EXPECT_EQ(plist_get_node_type(plist_array_get_item(root, 1)), PLIST_DICT);
+  plist_free(root);
+  // UIDs are 32-bit: a larger one is kept as a dictionary, not cut short.
+  const Value large = Value::dict({{"CF$UID", Value(1ll << 40)}});
+  EXPECT_EQ(PropertyList::parse(*PropertyList::serialize(large, Format::Binary)), large);
+}
+
+TEST(PropertyListTest, ReadsNegativeIntegersFromXMLText) {
+  auto v =
+      PropertyList::parse(bytesOf("<?xml version=\"1.0\"?><plist "
+                                  "version=\"1.0\"><array><integer>-7</integer></array></plist>"));
+  EXPECT_EQ(v, Value::array({-7}));
+}
+
+TEST(PropertyListTest, GarbageIsAnError) {
+  expectUnreadable({}, "no property list data");
+  expectUnreadable(bytesOf("garbage"));
+  expectUnreadable(bytesOf("bplist00 but nothing else"), "damaged binary property list trailer");
+  expectUnreadable(bytesOf("<plist><array><integer>1</array>"));
+  // A reference past the object table, and an array that holds itself.
+  expectUnreadable(binaryPlist({container(0xa0, {5})}),
+                   "binary property list reference out of bounds");
+  expectUnreadable(binaryPlist({container(0xa0, {1}), container(0xa0, {0})}),
+                   "binary property list refers to itself");
+  expectUnreadable(binaryPlist({Data{0xd1, 0, 1, 0, 1}, Data{0x10, 1}}),
+                   "binary property list dictionary key is not a string");
+  expectUnreadable(binaryPlist({Data{0x70}}), "binary property list object of unknown kind 0x70");
+  expectUnreadable(binaryPlist({container(0xa0, {1}), Data{0x23, 0}}),
+                   "binary property list object out of bounds");
+  // XML text must be UTF-8 (a reference to a surrogate is not).
+  expectUnreadable(bytesOf(xmlPlist("<string>A\xd0</string>")), "XML text is not UTF-8");
+  expectUnreadable(bytesOf(xmlPlist("<dict><key>&#xD800;</key><true/></dict>")),
+                   "XML text is not UTF-8");
+}
+
+TEST(PropertyListTest, NestingIsCappedAt512) {
+  EXPECT_TRUE(PropertyList::parse(nestedBinaryArrays(512)));
+  EXPECT_TRUE(PropertyList::parse(bytesOf(nestedXMLArrays(512))));
+  expectUnreadable(nestedBinaryArrays(513), "nesting deeper than 512 levels");
+  expectUnreadable(bytesOf(nestedXMLArrays(513)), "nesting deeper than 512 levels");
+  // Deep enough to overflow the stack inside libplist, were it let through.
+  expectUnreadable(nestedBinaryArrays(60000), "nesting deeper than 512 levels");
+  expectUnreadable(bytesOf(nestedXMLArrays(1000000)), "nesting deeper than 512 levels");
+}
+
+TEST(PropertyListTest, SharedObjectsCannotExpandWithoutBound) {
+  // Each array refers twice to the next: 2^40 copies of the data at the bottom.
+  std::vector<Data> objects;
+  for (std::uint16_t next = 1; next <= 40; ++next) objects.push_back(container(0xa0, {next, next}));
+  Data blob{0x4f, 0x11, 0x04, 0x00};
+  blob.resize(blob.size() + 1024);
+  objects.push_back(blob);
+  expectUnreadable(binaryPlist(objects), "binary property list expands too far");
+}
+
+TEST(PropertyListTest, ReadFile) {
+  testing::TempDir dir;
+  ErrorPtr error;
+  const std::string missing = dir.file("Missing.plist");
+  EXPECT_FALSE(PropertyList::readFile(missing, &error));
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code(), 260);
+  EXPECT_EQ(error->userInfo()[NSFilePathErrorKey], Value(missing));
+  EXPECT_NE(error->localizedDescription().find("\u201cMissing.plist\u201d"), std::string::npos);
+
+  Value v = Value::dict({{"CFBundleIdentifier", "com.example.app"}});
+  Data bytes = *PropertyList::serialize(v, Format::Binary);
+  const std::string path = dir.write("Info.plist", std::string(bytes.begin(), bytes.end()));
+  EXPECT_EQ(PropertyList::readFile(path), v);
+}
+
+}  // namespace
+}  // namespace pnx

@@ -1,0 +1,85 @@
+#include "platform/foundation/url.h"
+
+#include <gtest/gtest.h>
+
+namespace pnx {
+namespace {
+
+URL parsed(std::string_view text) {
+  auto url = URL::parse(text);
+  EXPECT_TRUE(url) << text;
+  return url.value_or(URL::fileURL("/"));
+}
+
+TEST(URLTest, RefusesWhatThePlatformRefuses) {
+  for (const char* bad :
+       {"", "http://exa mple.com", "https://h/a b", "https://h/<x>", "https://h/\x01",
+        "https://h/%zz", "https://h/%4", "http://", "http:///path", "http://[bad",
+        "http://h:99999/", "http://h/[x]", "https://h/a#b#c", "https://h/\xc3\xa9", "1a:b"}) {
+    EXPECT_FALSE(URL::parse(bad)) << bad;
+  }
+}
+
+TEST(URLTest, ReadsComponentsAndKeepsTheText) {
+  URL url = parsed("HTTPS://user@Example.com:8443/a%20b/c/?q=1#frag");
+  EXPECT_EQ(url.absoluteString(), "HTTPS://user@Example.com:8443/a%20b/c/?q=1#frag");
+  EXPECT_EQ(url.scheme(), "https");
+  EXPECT_EQ(url.host(), "Example.com");
+  EXPECT_EQ(url.port(), 8443);
+  EXPECT_EQ(url.path(), "/a b/c");
+  EXPECT_EQ(url.query(), "q=1");
+
+  URL ipv6 = parsed("http://[::1]:8080/x");
+  EXPECT_EQ(ipv6.host(), "::1");
+  EXPECT_EQ(ipv6.port(), 8080);
+  EXPECT_FALSE(parsed("https://h/").port());
+
+  // Without a scheme the text is a relative reference: all of it is path.
+  URL relative = parsed("example.com/a");
+  EXPECT_EQ(relative.scheme(), "");
+  EXPECT_EQ(relative.host(), "");
+  EXPECT_EQ(relative.path(), "example.com/a");
+  EXPECT_EQ(parsed("mailto:a@b.c").scheme(), "mailto");
+}
+
+TEST(URLTest, LastPathComponent) {
+  EXPECT_EQ(parsed("https://h").lastPathComponent(), "");
+  EXPECT_EQ(parsed("https://h/").lastPathComponent(), "/");
+  EXPECT_EQ(parsed("https://h/a/b/").lastPathComponent(), "b");
+  EXPECT_EQ(parsed("https://h/media/cat%20photo.jpg?size=2#top").lastPathComponent(),
+            "cat photo.jpg");
+  // An encoded slash stays encoded: a file name must not become a path.
+  EXPECT_EQ(parsed("https://h/..%2F..%2Fetc").lastPathComponent(), "..%2F..%2Fetc");
+}
+
+TEST(URLTest, AppendsAndDeletesComponentsKeepingQueryAndFragment) {
+  URL base = parsed("https://api.example.com");
+  URL delivery = base.appendingPathComponent("3.0")
+                     .appendingPathComponent("apps")
+                     .appendingPathComponent("key/with?odd #chars")
+                     .appendingPathComponent("delivery");
+  EXPECT_EQ(delivery.absoluteString(),
+            "https://api.example.com/3.0/apps/key/with%3Fodd%20%23chars/delivery");
+  EXPECT_EQ(parsed("https://h/a/?q#f").appendingPathComponent("/b").absoluteString(),
+            "https://h/a/b?q#f");
+  EXPECT_TRUE(URL::parse(delivery.absoluteString()));
+
+  EXPECT_EQ(parsed("https://h/a/b?q#f").deletingLastPathComponent().absoluteString(),
+            "https://h/a/?q#f");
+  EXPECT_EQ(parsed("https://h/a/").deletingLastPathComponent().absoluteString(), "https://h/");
+  EXPECT_EQ(parsed("https://h/").deletingLastPathComponent().absoluteString(), "https://h/../");
+  EXPECT_EQ(parsed("name").deletingLastPathComponent().absoluteString(), "./");
+}
+
+TEST(URLTest, FileURLsAndEquality) {
+  URL file = URL::fileURL("/tmp/My File.png");
+  EXPECT_EQ(file.absoluteString(), "file:///tmp/My%20File.png");
+  EXPECT_TRUE(file.isFileURL());
+  EXPECT_EQ(file.path(), "/tmp/My File.png");
+  EXPECT_EQ(file.lastPathComponent(), "My File.png");
+  EXPECT_TRUE(file.isEqual(*URL::parse("file:///tmp/My%20File.png")));
+  EXPECT_FALSE(file.isEqual(URL::fileURL("/tmp/other")));
+}
+
+}  // namespace
+}  // namespace pnx

@@ -1,0 +1,29 @@
+#include "platform/foundation/utf8.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(UTF8Test, AcceptsOnlyWellFormedSequences) {
+  EXPECT_TRUE(isValidUTF8(""));
+  EXPECT_TRUE(isValidUTF8("plain ascii"));
+  EXPECT_TRUE(isValidUTF8("é 世 😀 \xf4\x8f\xbf\xbf"));  // up to U+10FFFF
+  EXPECT_FALSE(isValidUTF8("\xc3"));                    // cut short
+  EXPECT_FALSE(isValidUTF8("\xe4\xb8"));                // cut short
+  EXPECT_FALSE(isValidUTF8("\x80"));                    // continuation without a lead
+  EXPECT_FALSE(isValidUTF8("\xc0\x80"));                // overlong
+  EXPECT_FALSE(isValidUTF8("\xe0\x80\x80"));            // overlong
+  EXPECT_FALSE(isValidUTF8("\xed\xa0\x80"));            // a surrogate
+  EXPECT_FALSE(isValidUTF8("\xf4\x90\x80\x80"));        // beyond U+10FFFF
+  EXPECT_FALSE(isValidUTF8("\xff"));
+}
+
+TEST(UTF8Test, CountsUTF16CodeUnits) {
+  EXPECT_EQ(utf16Length("ap12345678"), 10u);
+  EXPECT_EQ(utf16Length("aé世😀"), 5u);
+  EXPECT_EQ(utf16FromUTF8("a😀"), u"a\U0001F600");
+  // Stray bytes count one unit each, standing for their own value.
+  EXPECT_EQ(utf16FromUTF8("a\xff\xc3"), u"a\u00ff\u00c3");
+}
+
+}  // namespace

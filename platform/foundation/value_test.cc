@@ -1,0 +1,242 @@
+#include "platform/foundation/value.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+
+namespace pnx {
+namespace {
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+constexpr double kInf = std::numeric_limits<double>::infinity();
+constexpr std::int64_t kInt64Max = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t kInt64Min = std::numeric_limits<std::int64_t>::min();
+
+// An object with value equality, as errors and URLs have.
+class Tag final : public Object {
+ public:
+  explicit Tag(int id) : id_(id) {}
+  std::string className() const override { return "Tag"; }
+  std::string description() const override { return "<Tag " + std::to_string(id_) + ">"; }
+  bool isEqual(const Object& other) const override {
+    auto tag = dynamic_cast<const Tag*>(&other);
+    return tag && tag->id_ == id_;
+  }
+  std::size_t hash() const override { return static_cast<std::size_t>(id_ % 2); }
+
+ private:
+  int id_;
+};
+
+Value tag(int id) {
+  return Value(ObjectPtr(std::make_shared<Tag>(id)));
+}
+
+TEST(ValueTest, NumbersCompareExactlyAcrossKinds) {
+  EXPECT_EQ(Value(true), Value(1));
+  EXPECT_EQ(Value(false), Value(0.0));
+  EXPECT_EQ(Value(5), Value(5.0));
+  EXPECT_EQ(Value(0), Value(-0.0));
+  EXPECT_LT(Value(1), Value(1.5));
+  EXPECT_LT(Value(-2), Value(-1.5));
+  EXPECT_GT(Value(-1), Value(-1.5));
+  // 2^63 as a double is above INT64_MAX even though converting would round them equal.
+  EXPECT_LT(Value(kInt64Max), Value(9223372036854775808.0));
+  EXPECT_EQ(Value(kInt64Min), Value(-9223372036854775808.0));
+  // 2^53 + 1 has no double; it must not compare equal to its nearest double.
+  EXPECT_GT(Value(std::int64_t{9007199254740993}), Value(9007199254740992.0));
+  // NaN equals NaN and sorts after every other number.
+  EXPECT_EQ(Value(kNaN), Value(-kNaN));
+  EXPECT_LT(Value(kInf), Value(kNaN));
+  EXPECT_LT(Value(kInt64Max), Value(kNaN));
+  EXPECT_LT(Value(kNaN), Value(""));
+}
+
+TEST(ValueTest, EqualNumbersHashAlikeAndCollapse) {
+  EXPECT_EQ(Value(5).hash(), Value(5.0).hash());
+  EXPECT_EQ(Value(true).hash(), Value(1).hash());
+  EXPECT_EQ(Value(-0.0).hash(), Value(0).hash());
+  EXPECT_EQ(Value(kNaN).hash(), Value(-kNaN).hash());
+  EXPECT_EQ(Value(kInt64Min).hash(), Value(-9223372036854775808.0).hash());
+  EXPECT_EQ(Value::array({1, 2.0}).hash(), Value::array({1.0, 2}).hash());
+
+  EXPECT_EQ(Value(Set{Value(1), Value(1.0), Value(true), Value(2)}).size(), 2u);
+  Dictionary dict{{Value(1), Value("one")}, {Value(Set{Value(2)}), Value("set")}};
+  EXPECT_EQ(Value(dict).get(Value(1.0)), Value("one"));
+  EXPECT_EQ(Value(dict).get(Value(true)), Value("one"));
+  EXPECT_EQ(Value(dict).get(Value(Set{Value(2.0)})), Value("set"));
+  // Records that differ only in number kind are the same record.
+  Set records{Value::dict({{"n", 3}, {"ok", true}}), Value::dict({{"n", 3.0}, {"ok", 1}})};
+  EXPECT_EQ(records.size(), 1u);
+}
+
+TEST(ValueTest, OrderIsTotalAndAgreesWithHash) {
+  const std::vector<Value> values = {
+      Value(),
+      Value(false),
+      Value(-1.5),
+      Value(kInt64Max),
+      Value(kNaN),
+      Value(""),
+      Value("a"),
+      Value("\xc3\xa9"),
+      Value(Date(0)),
+      Value(Date(1)),
+      Value(Data{}),
+      Value(Data{0}),
+      Value::array({}),
+      Value::array({1}),
+      Value::array({1.0, "x"}),
+      Value::dict({}),
+      Value::dict({{"a", 1}}),
+      Value::dict({{"a", 2}}),
+      Value(Set{}),
+      Value(Set{Value(1)}),
+      tag(1),
+      tag(2),
+      tag(3),
+      Value(1),
+  };
+  for (const Value& a : values) {
+    for (const Value& b : values) {
+      EXPECT_EQ(a.compare(b), -b.compare(a)) << a.description() << " vs " << b.description();
+      if (a == b) {
+        EXPECT_EQ(a.hash(), b.hash()) << a.description();
+      }
+      for (const Value& c : values) {
+        if (a < b && b < c) {
+          EXPECT_LT(a, c);
+        }
+      }
+    }
+  }
+  // Families in order, and within each by value; strings bytewise.
+  const std::vector<Value> ascending = {
+      Value(),
+      Value(-kInf),
+      Value(false),
+      Value(0.5),
+      Value(true),
+      Value(kNaN),
+      Value(""),
+      Value("Z"),
+      Value("a"),
+      Value("\xc3\xa9"),
+      Value(Date(-1)),
+      Value(Date(0)),
+      Value(Data{}),
+      Value(Data{0}),
+      Value(Data{1}),
+      Value::array({}),
+      Value::array({1}),
+      Value::array({1, 0}),
+      Value::array({2}),
+      Value::dict({}),
+      Value::dict({{"a", 1}}),
+      Value::dict({{"a", 2}}),
+      Value::dict({{"b", 0}}),
+      Value(Set{}),
+      Value(Set{Value(1)}),
+      tag(0),
+  };
+  for (std::size_t i = 0; i + 1 < ascending.size(); ++i) {
+    EXPECT_LT(ascending[i], ascending[i + 1]) << i;
+  }
+}
+
+TEST(ValueTest, ObjectsAreEqualByIsEqual) {
+  EXPECT_EQ(tag(1), tag(1));
+  EXPECT_NE(tag(1).compare(tag(3)), 0);  // same hash, not equal
+  EXPECT_EQ(Value(Set{tag(1), tag(1), tag(3)}).size(), 2u);
+  EXPECT_EQ(tag(1).className(), "Tag");
+  EXPECT_EQ(Value::array({tag(4)}).description(), "(\n    <Tag 4>\n)");
+}
+
+TEST(ValueTest, ConstructionAndNumericReadings) {
+  EXPECT_TRUE(Value(std::numeric_limits<std::uint64_t>::max()).isReal());
+  EXPECT_TRUE(Value(static_cast<unsigned long long>(kInt64Max)).isInteger());
+  EXPECT_TRUE(Value(static_cast<const char*>(nullptr)).isNull());
+  EXPECT_TRUE(Value(ObjectPtr()).isNull());
+
+  EXPECT_EQ(Value(-2.9).integerValue(), -2);
+  EXPECT_EQ(Value(1e300).integerValue(), kInt64Max);
+  EXPECT_EQ(Value(-kInf).integerValue(), kInt64Min);
+  EXPECT_EQ(Value(kNaN).integerValue(), 0);
+  EXPECT_EQ(Value("12").integerValue(), 0);
+  EXPECT_EQ(Value(true).doubleValue(), 1.0);
+  EXPECT_FALSE(Value("yes").boolValue());
+  EXPECT_TRUE(Value(0.5).boolValue());
+
+  Value dict = Value::dict({{"a", 1}, {"a", 2}});
+  EXPECT_EQ(dict["a"], Value(2));
+  EXPECT_TRUE(dict["missing"].isNull());
+  EXPECT_TRUE(Value(3)["a"].isNull());
+  EXPECT_EQ(&dict["missing"], &Value::array({})["x"]);  // one shared null
+  EXPECT_EQ(Value("h\xc3\xa9").size(), 3u);
+}
+
+TEST(ValueTest, DescriptionOfScalars) {
+  EXPECT_EQ(Value().description(), "(null)");
+  EXPECT_EQ(Value(true).description(), "1");
+  EXPECT_EQ(Value(-42).description(), "-42");
+  EXPECT_EQ(Value(5.0).description(), "5");
+  EXPECT_EQ(Value(0.1).description(), "0.1");
+  EXPECT_EQ(Value(1e300).description(), "1e+300");
+  EXPECT_EQ(Value(-kNaN).description(), "nan");
+  EXPECT_EQ(Value(-kInf).description(), "-inf");
+  EXPECT_EQ(Value("two words").description(), "two words");
+  EXPECT_EQ(Value(Data{0x00, 0xab, 0xff}).description(), "{length = 3, bytes = 0x00abff}");
+  Data big(100);
+  for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<std::uint8_t>(i);
+  EXPECT_EQ(Value(big).description(),
+            "{length = 100, bytes = 0x000102030405060708090a0b0c0d0e0f ... 5c5d5e5f60616263}");
+  EXPECT_EQ(Value(Data(24, 0x11)).description(),
+            "{length = 24, bytes = 0x" + std::string(48, '1') + "}");
+}
+
+TEST(ValueTest, DescriptionOfNestedContainers) {
+  Value v = Value::dict({
+      {"b", Value::array({1, Value(), "x y", Value::array({}), Value::dict({{"k", "a/b:c"}})})},
+      {"a", Value(Set{Value("q\"\\\n\t"), Value("")})},
+      {"empty", Value::dict({})},
+  });
+  EXPECT_EQ(v.description(),
+            "{\n"
+            "    a = {(\n"
+            "        \"\",\n"
+            "        \"q\\\"\\\\\\n\\t\"\n"
+            "    )};\n"
+            "    b = (\n"
+            "        1,\n"
+            "        <null>,\n"
+            "        \"x y\",\n"
+            "        (\n"
+            "        ),\n"
+            "        {\n"
+            "            k = a/b:c;\n"
+            "        }\n"
+            "    );\n"
+            "    empty = {\n"
+            "    };\n"
+            "}");
+  EXPECT_EQ(Value::array({}).description(), "(\n)");
+  EXPECT_EQ(Value(Set{}).description(), "{(\n)}");
+  EXPECT_EQ(Value::dict({{"k-1.$_:/", "v"}}).description(), "{\n    k-1.$_:/ = v;\n}");
+}
+
+TEST(ValueTest, ClassNames) {
+  EXPECT_EQ(Value().className(), "NSNull");
+  EXPECT_EQ(Value(false).className(), "NSNumber");
+  EXPECT_EQ(Value(2.5).className(), "NSNumber");
+  EXPECT_EQ(Value("").className(), "NSString");
+  EXPECT_EQ(Value(Date(0)).className(), "NSDate");
+  EXPECT_EQ(Value(Data{}).className(), "NSData");
+  EXPECT_EQ(Value::array({}).className(), "NSArray");
+  EXPECT_EQ(Value::dict({}).className(), "NSDictionary");
+  EXPECT_EQ(Value(Set{}).className(), "NSSet");
+}
+
+}  // namespace
+}  // namespace pnx

@@ -1,0 +1,58 @@
+#include "platform/security/sqlite.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/files/fixtures_test.h"
+
+namespace pnx {
+namespace {
+
+TEST(SQLite, RowsComeBackAsDictionariesOfTypedValues) {
+  auto database = SQLiteDatabase::open(":memory:");
+  ASSERT_TRUE(database);
+  ASSERT_TRUE(database->execute("CREATE TABLE t (i INTEGER, r REAL, s TEXT, b BLOB, n TEXT)"));
+  ASSERT_TRUE(
+      database->execute("INSERT INTO t VALUES (?, ?, ?, ?, ?)",
+                        {Value(-7), Value(1.5), Value("tëxt"), Value(Data{0, 9}), Value()}));
+  ASSERT_TRUE(database->execute("INSERT INTO t (b) VALUES (?)", {Value(Data{})}));
+
+  auto rows = database->query("SELECT * FROM t ORDER BY rowid");
+  ASSERT_TRUE(rows);
+  ASSERT_TRUE(rows->next());
+  EXPECT_EQ(rows->resultDictionary(),
+            Value::dict({{"i", -7}, {"r", 1.5}, {"s", "tëxt"}, {"b", Data{0, 9}}, {"n", Value()}}));
+  EXPECT_TRUE(rows->resultDictionary()["i"].isInteger());
+  ASSERT_TRUE(rows->next());
+  // An empty blob stays a blob rather than becoming null.
+  EXPECT_EQ(rows->valueForColumn("b"), Value(Data{}));
+  ErrorPtr error;
+  EXPECT_FALSE(rows->next(&error));
+  EXPECT_FALSE(error);
+}
+
+// Failures name the file; a failed transaction leaves nothing behind.
+TEST(SQLite, FailuresAreErrorsAndTransactionsRollBack) {
+  testing::TempDir directory;
+  std::string garbage = directory.write("garbage.db", std::string(4096, 'x'));
+  ErrorPtr error;
+  EXPECT_FALSE(SQLiteDatabase::open(garbage, &error));
+  ASSERT_TRUE(error);
+  EXPECT_NE(error->localizedDescription().find(garbage), std::string::npos);
+  EXPECT_FALSE(SQLiteDatabase::isBusy(error));
+
+  auto database = SQLiteDatabase::open(directory.file("good.db"));
+  ASSERT_TRUE(database && database->execute("CREATE TABLE t (v INTEGER)"));
+  error = nullptr;
+  EXPECT_FALSE(database->query("SELECT ?", {Value::array({1})}, &error));
+  EXPECT_TRUE(error);
+  EXPECT_FALSE(database->transaction([&](ErrorPtr* failure) {
+    return database->execute("INSERT INTO t VALUES (1)", {}, failure) &&
+           database->execute("INSERT INTO missing VALUES (2)", {}, failure);
+  }));
+  auto rows = database->query("SELECT count(*) AS n FROM t");
+  ASSERT_TRUE(rows && rows->next());
+  EXPECT_EQ(rows->valueForColumn("n"), Value(0));
+}
+
+}  // namespace
+}  // namespace pnx
