@@ -3,16 +3,16 @@
 #include <algorithm>
 #include <map>
 
-#include "platform/foundation/utf8.h"
 #include "config/provisioning.h"
 #include "config/value_reading.h"
 #include "diagnostics/log.h"
-#include "platform/files/bundle.h"
 #include "platform/dispatch/dispatch.h"
-#include "platform/foundation/error.h"
+#include "platform/files/bundle.h"
 #include "platform/files/file_manager.h"
+#include "platform/foundation/error.h"
 #include "platform/foundation/format.h"
 #include "platform/foundation/json.h"
+#include "platform/foundation/utf8.h"
 
 namespace {
 

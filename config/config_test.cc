@@ -8,8 +8,8 @@
 #include "config/provisioning.h"
 #include "diagnostics/log.h"
 #include "diagnostics/log_capture_test.h"
-#include "platform/foundation/error.h"
 #include "platform/files/fixtures_test.h"
+#include "platform/foundation/error.h"
 #include "platform/foundation/json.h"
 
 namespace {

@@ -5,8 +5,8 @@
 #include "codecs/hex.h"
 #include "config/value_reading.h"
 #include "diagnostics/log.h"
-#include "platform/files/bundle.h"
 #include "platform/dispatch/dispatch.h"
+#include "platform/files/bundle.h"
 #include "platform/files/file_manager.h"
 #include "platform/foundation/plist.h"
 

@@ -16,9 +16,9 @@
 #include "diagnostics/constants.h"
 #include "platform/foundation/date.h"
 #include "platform/foundation/error.h"
-#include "platform/network/http_response.h"
 #include "platform/foundation/object.h"
 #include "platform/foundation/value.h"
+#include "platform/network/http_response.h"
 
 // userInfo keys of a code-105 error (read back by the delivery manager) and of code 118.
 inline constexpr const char* PNXRetryAfterKey = "retryAfter";

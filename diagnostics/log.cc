@@ -8,8 +8,8 @@
 #include <functional>
 #include <utility>
 
-#include "platform/files/container.h"
 #include "platform/dispatch/dispatch.h"
+#include "platform/files/container.h"
 #include "platform/system/system_log.h"
 
 // Never destroyed: the log's queues may still use them while the process exits.

@@ -28,8 +28,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/foundation/date.h"
 #include "platform/files/file_manager.h"
+#include "platform/foundation/date.h"
 #include "platform/foundation/format.h"
 #include "platform/foundation/value.h"
 

@@ -29,8 +29,8 @@
 #include "config/atomic_property.h"
 #include "platform/foundation/date.h"
 #include "platform/foundation/error.h"
-#include "platform/security/keychain_items.h"
 #include "platform/foundation/value.h"
+#include "platform/security/keychain_items.h"
 
 class PNXKeychainItem {
  public:

@@ -12,8 +12,8 @@
 
 #include "platform/files/bundle.h"
 #include "platform/files/container.h"
-#include "platform/foundation/date.h"
 #include "platform/files/file_manager.h"
+#include "platform/foundation/date.h"
 #include "platform/foundation/plist.h"
 #include "platform/security/sqlite.h"
 
