@@ -22,6 +22,7 @@
 #include <string>
 
 #include "config/atomic_property.h"
+#include "platform/foundation/export.h"
 #include "platform/foundation/object.h"
 #include "platform/foundation/url.h"
 #include "platform/foundation/uuid.h"
@@ -58,7 +59,7 @@ struct PNXAppDelegateClass {
   std::function<std::shared_ptr<pnx::Object>()> make;
 };
 
-class PNXConfig {
+class PNX_EXPORT PNXConfig {
  public:
   // The process's configuration. The first call builds it, from `dictionary` when that is
   // a dictionary, else from the bundle's file; later calls ignore their argument. A build

@@ -16,6 +16,7 @@
 #include "diagnostics/constants.h"
 #include "platform/foundation/date.h"
 #include "platform/foundation/error.h"
+#include "platform/foundation/export.h"
 #include "platform/foundation/object.h"
 #include "platform/foundation/value.h"
 #include "platform/network/http_response.h"
@@ -26,7 +27,7 @@ inline constexpr const char* PNXStatusMessageKey = "statusMessage";
 inline constexpr const char* PNXStatusCodeKey = "statusCode";
 inline constexpr const char* PNXSqliteCodeKey = "sqliteCode";
 
-class NSError_PNX {
+class PNX_EXPORT NSError_PNX {
  public:
   // The builder. userInfo starts as { NSLocalizedDescriptionKey: description }; the
   // entries of extraUserInfo (a dictionary, or null) are copied over it, then a non-null

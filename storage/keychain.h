@@ -29,10 +29,11 @@
 #include "config/atomic_property.h"
 #include "platform/foundation/date.h"
 #include "platform/foundation/error.h"
+#include "platform/foundation/export.h"
 #include "platform/foundation/value.h"
-#include "platform/security/keychain_items.h"
+#include "platform/security/os_status.h"
 
-class PNXKeychainItem {
+class PNX_EXPORT PNXKeychainItem {
  public:
   PNXKeychainItem() = default;
 
@@ -56,7 +57,7 @@ class PNXKeychainItem {
   PNXAtomicProperty<pnx::Value> value_;
 };
 
-class PNXKeychain {
+class PNX_EXPORT PNXKeychain {
  public:
   // initWithService:; the group stays null.
   explicit PNXKeychain(std::optional<std::string> service);
