@@ -1,0 +1,43 @@
+# Doxygen's input filter for the public headers (see docs/Doxyfile): it reads the headers'
+# plain comments as documentation, so that the headers stay written as they are.
+#
+# The comment block above "#pragma once" describes the file. A "//" line documents the
+# declaration below it; a comment after code on the same line documents that code. In
+# comment text, the characters Doxygen would read as commands or HTML (\ @ < > & % #) are
+# escaped, so a comment renders as written; `code` spans and Markdown lists still work.
+
+function escape(text) {
+  gsub(/\\/, "\\\\\\\\", text)
+  gsub(/[@<>&%#]/, "\\\\&", text)
+  return text
+}
+
+BEGIN { inFileComment = 1 }
+
+/^#pragma once/ { inFileComment = 0; print; next }
+
+inFileComment && /^\/\// {
+  text = $0
+  sub(/^\/\/ ?/, "", text)
+  if (!fileStarted) { print "/// @file"; fileStarted = 1 }
+  print "/// " escape(text)
+  next
+}
+
+/^[ \t]*\/\// {
+  match($0, /^[ \t]*/)
+  indent = substr($0, 1, RLENGTH)
+  text = substr($0, RLENGTH + 3)
+  sub(/^ /, "", text)
+  print indent "/// " escape(text)
+  next
+}
+
+# A comment after code: two spaces and "// ", as clang-format writes it.
+/[^ \t].*  \/\/ / {
+  at = index($0, "  // ")
+  print substr($0, 1, at + 1) "///< " escape(substr($0, at + 5))
+  next
+}
+
+{ print }
