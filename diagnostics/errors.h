@@ -21,11 +21,15 @@
 #include "platform/foundation/value.h"
 #include "platform/network/http_response.h"
 
+namespace pnx {
+
 // userInfo keys of a code-105 error (read back by the delivery manager) and of code 118.
-inline constexpr const char* PNXRetryAfterKey = "retryAfter";
-inline constexpr const char* PNXStatusMessageKey = "statusMessage";
-inline constexpr const char* PNXStatusCodeKey = "statusCode";
-inline constexpr const char* PNXSqliteCodeKey = "sqliteCode";
+inline constexpr const char* kRetryAfterKey = "retryAfter";
+inline constexpr const char* kStatusMessageKey = "statusMessage";
+inline constexpr const char* kStatusCodeKey = "statusCode";
+inline constexpr const char* kSqliteCodeKey = "sqliteCode";
+
+}  // namespace pnx
 
 class PNX_EXPORT NSError_PNX {
  public:

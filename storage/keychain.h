@@ -52,9 +52,9 @@ class PNX_EXPORT PNXKeychainItem {
   void setValue(pnx::Value value) { value_.store(std::move(value)); }
 
  private:
-  PNXAtomicProperty<std::optional<pnx::Date>> created_;
-  PNXAtomicProperty<std::optional<pnx::Date>> modified_;
-  PNXAtomicProperty<pnx::Value> value_;
+  pnx::AtomicProperty<std::optional<pnx::Date>> created_;
+  pnx::AtomicProperty<std::optional<pnx::Date>> modified_;
+  pnx::AtomicProperty<pnx::Value> value_;
 };
 
 class PNX_EXPORT PNXKeychain {
@@ -101,6 +101,6 @@ class PNX_EXPORT PNXKeychain {
   pnx::Value identifier(const char* name);
   void setIdentifier(const pnx::Value& value, const char* name);
 
-  PNXAtomicProperty<std::optional<std::string>> service_;
-  PNXAtomicProperty<std::optional<std::string>> group_;
+  pnx::AtomicProperty<std::optional<std::string>> service_;
+  pnx::AtomicProperty<std::optional<std::string>> group_;
 };
