@@ -25,6 +25,30 @@ install_tree() {
   cmake --install "$1" --prefix "$2" >/dev/null
 }
 
+# check_exports PREFIX: every symbol the shared library exports is declared in an installed
+# header: no internal class, no instantiation of the C++ library's templates.
+check_exports() {
+  local library names name stray=0
+  library="$(echo "$1"/lib/libQuorvexMobilePushNotification.so.*.*.*)"
+  # The exported entity's own name: "pnx::Value::Value(...)" -> Value, "typeinfo for
+  # PNXErrorCaller" -> PNXErrorCaller, "gzippedData(...)" -> gzippedData. Anything else
+  # (a return type first, the std namespace) is kept whole, marked with "!".
+  names="$(nm -DC --defined-only "$library" | cut -d' ' -f3- |
+    sed -E 's/^(typeinfo name for|typeinfo for|vtable for|non-virtual thunk to) //' |
+    sed -nE 's/^(pnx::(log_detail::)?)?(std|__gnu_cxx)(::.*)$/!&/p
+             s/^(pnx::(log_detail::)?)?([A-Za-z_][A-Za-z0-9_]*)([:([].*)?$/\3/p
+             t
+             s/^.*$/!&/p' | sort -u)"
+  while IFS= read -r name; do
+    if [[ "$name" == !* ]] || ! grep -rqw -- "$name" "$1/include/QuorvexMobilePushNotification"; then
+      echo "exported but in no installed header: $name" >&2
+      stray=1
+    fi
+  done <<<"$names"
+  echo "exports: $(nm -D --defined-only "$library" | wc -l) symbols of $(wc -l <<<"$names") names" >&2
+  return "$stray"
+}
+
 # check_consumers PREFIX NAME EXPECTED_FRAMEWORK [pkg-config flags]
 check_consumers() {
   local prefix="$1" name="$2" framework="$3" pc_flags="${4:-}"
@@ -46,6 +70,7 @@ check_consumers() {
 echo "=== shared library (build/debug)" >&2
 cmake --preset debug >/dev/null
 install_tree build/debug "$WORK/shared"
+check_exports "$WORK/shared"
 check_consumers "$WORK/shared" shared QuorvexMobilePushNotification
 
 echo "=== static library (build/static)" >&2
