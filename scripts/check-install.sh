@@ -49,6 +49,17 @@ check_exports() {
   return "$stray"
 }
 
+# check_headers PREFIX: each installed header compiles on its own against the prefix alone,
+# so it includes what it uses and only installed headers.
+check_headers() {
+  local include="$1/include"
+  (cd "$include" && find QuorvexMobilePushNotification -name '*.h' -print0) |
+    xargs -0 -P "$JOBS" -I{} sh -c 'echo "#include <{}>" |
+      c++ -std=c++20 $2 -fsyntax-only -I"$1" -I"$1/QuorvexMobilePushNotification" -x c++ - ||
+      { echo "installed header does not compile alone: {}" >&2; exit 255; }' \
+      sh "$include" "$CONSUMER_FLAGS"
+}
+
 # check_consumers PREFIX NAME EXPECTED_FRAMEWORK [pkg-config flags]
 check_consumers() {
   local prefix="$1" name="$2" framework="$3" pc_flags="${4:-}"
@@ -71,6 +82,7 @@ echo "=== shared library (build/debug)" >&2
 cmake --preset debug >/dev/null
 install_tree build/debug "$WORK/shared"
 check_exports "$WORK/shared"
+check_headers "$WORK/shared"
 check_consumers "$WORK/shared" shared QuorvexMobilePushNotification
 
 echo "=== static library (build/static)" >&2
