@@ -3,13 +3,28 @@
 #
 # The comment block above "#pragma once" describes the file. A "//" line documents the
 # declaration below it; a comment after code on the same line documents that code. In
-# comment text, the characters Doxygen would read as commands or HTML (\ @ < > & % #) are
-# escaped, so a comment renders as written; `code` spans and Markdown lists still work.
+# comment text outside double quotes, the characters Doxygen would read as commands or HTML
+# (\ @ < > & % #) are escaped, so a comment renders as written; `code` spans and Markdown
+# lists still work.
 
-function escape(text) {
+function escapeUnquoted(text) {
   gsub(/\\/, "\\\\\\\\", text)
   gsub(/[@<>&%#]/, "\\\\&", text)
   return text
+}
+
+# Doxygen takes text in double quotes literally, so only what lies outside is escaped.
+function escape(text,    out, piece, quote, inQuotes) {
+  out = ""
+  inQuotes = 0
+  while ((quote = index(text, "\"")) > 0) {
+    piece = substr(text, 1, quote - 1)
+    out = out (inQuotes ? piece : escapeUnquoted(piece)) "\""
+    text = substr(text, quote + 1)
+    # \" inside quotes is a quote character of the quoted text, as in C.
+    if (!(inQuotes && piece ~ /\\$/)) inQuotes = !inQuotes
+  }
+  return out (inQuotes ? text : escapeUnquoted(text))
 }
 
 BEGIN { inFileComment = 1 }
@@ -33,8 +48,9 @@ inFileComment && /^\/\// {
   next
 }
 
-# A comment after code: two spaces and "// ", as clang-format writes it.
-/[^ \t].*  \/\/ / {
+# A comment after code: two spaces and "// ", as clang-format writes it; not the name
+# after a closing brace.
+/[^ \t].*  \/\/ / && !/^[ \t]*}/ {
   at = index($0, "  // ")
   print substr($0, 1, at + 1) "///< " escape(substr($0, at + 5))
   next
