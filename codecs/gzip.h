@@ -14,6 +14,7 @@
 
 #include <optional>
 
+#include "platform/foundation/export.h"
 #include "platform/foundation/value.h"
 
 // Output buffers grow by this many bytes while compressing.
@@ -21,13 +22,14 @@ inline constexpr std::size_t kGzipChunkSize = 16384;
 
 // level: 0.0 (stored) to 1.0 (best), mapped to zlib's 0..9 by rounding level * 9 half away
 // from zero; any negative level means zlib's default. Above 1.0 zlib refuses: nullopt.
-std::optional<pnx::Data> gzippedDataWithCompressionLevel(const pnx::Data& data, float level);
+PNX_EXPORT std::optional<pnx::Data> gzippedDataWithCompressionLevel(const pnx::Data& data,
+                                                                    float level);
 
 // gzippedDataWithCompressionLevel(data, -1.0f).
-std::optional<pnx::Data> gzippedData(const pnx::Data& data);
+PNX_EXPORT std::optional<pnx::Data> gzippedData(const pnx::Data& data);
 
 // Accepts gzip or zlib streams once the input starts with the gzip magic bytes.
-std::optional<pnx::Data> gunzippedData(const pnx::Data& data);
+PNX_EXPORT std::optional<pnx::Data> gunzippedData(const pnx::Data& data);
 
 // True when the buffer holds at least two bytes and starts with 0x1F 0x8B.
-bool isGzippedData(const pnx::Data& data);
+PNX_EXPORT bool isGzippedData(const pnx::Data& data);

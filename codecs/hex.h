@@ -12,12 +12,13 @@
 #include <string>
 #include <string_view>
 
+#include "platform/foundation/export.h"
 #include "platform/foundation/value.h"
 
 // "00abff" for the bytes 00 AB FF; "" for an empty buffer.
-std::string hexadecimalString(const pnx::Data& data);
+PNX_EXPORT std::string hexadecimalString(const pnx::Data& data);
 
 // Decodes pairs of characters, counted in UTF-16 code units (each unit reduced to its low
 // 8 bits before parsing); a trailing odd character is ignored. nullopt when the decoded
 // bytes are not well-formed UTF-8.
-std::optional<std::string> stringFromHex(std::string_view text);
+PNX_EXPORT std::optional<std::string> stringFromHex(std::string_view text);

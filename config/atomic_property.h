@@ -1,4 +1,4 @@
-// PNXAtomicProperty: one property whose every read and write is indivisible.
+// AtomicProperty: one property whose every read and write is indivisible.
 //
 // Scalars that the hardware can update atomically use std::atomic; anything else (strings,
 // optionals, URLs) is copied in and out under a mutex of its own. There is no lock across
@@ -12,10 +12,12 @@
 #include <type_traits>
 #include <utility>
 
+namespace pnx {
+
 template <class T, bool kLockFree = std::is_scalar_v<T>>
-class PNXAtomicProperty {
+class AtomicProperty {
  public:
-  explicit PNXAtomicProperty(T value = T()) : value_(std::move(value)) {}
+  explicit AtomicProperty(T value = T()) : value_(std::move(value)) {}
   T load() const {
     std::lock_guard lock(mutex_);
     return value_;
@@ -31,12 +33,14 @@ class PNXAtomicProperty {
 };
 
 template <class T>
-class PNXAtomicProperty<T, true> {
+class AtomicProperty<T, true> {
  public:
-  explicit PNXAtomicProperty(T value = T()) : value_(value) {}
+  explicit AtomicProperty(T value = T()) : value_(value) {}
   T load() const { return value_.load(std::memory_order_acquire); }
   void store(T value) { value_.store(value, std::memory_order_release); }
 
  private:
   std::atomic<T> value_;
 };
+
+}  // namespace pnx

@@ -42,7 +42,7 @@ std::string asciiLowercase(std::string text) {
 
 struct ClassRegistry {
   std::mutex mutex;
-  std::map<std::string, std::shared_ptr<const PNXAppDelegateClass>> classes;
+  std::map<std::string, std::shared_ptr<const pnx::AppDelegateClass>> classes;
 };
 
 ClassRegistry& classRegistry() {
@@ -184,11 +184,11 @@ std::optional<std::string> PNXConfig::stringValue(const pnx::Value& value,
 }
 
 std::int64_t PNXConfig::longLongValue(const pnx::Value& value, std::int64_t orDefault) {
-  return PNXValueReading::longLongValue(value).value_or(orDefault);
+  return pnx::ValueReading::longLongValue(value).value_or(orDefault);
 }
 
 std::int32_t PNXConfig::intValue(const pnx::Value& value, std::int32_t orDefault) {
-  return PNXValueReading::intValue(value).value_or(orDefault);
+  return pnx::ValueReading::intValue(value).value_or(orDefault);
 }
 
 pnx::Value PNXConfig::dictionaryValue(const pnx::Value& value, const pnx::Value& orDefault) {
@@ -242,12 +242,12 @@ double PNXConfig::validateGeofenceAccuracy(const std::optional<std::string>& acc
 }
 
 std::int64_t PNXConfig::validateSessionTimeout(const pnx::Value& value) const {
-  auto timeout = PNXValueReading::longLongValue(value);
+  auto timeout = pnx::ValueReading::longLongValue(value);
   if (timeout && *timeout >= 1) return *timeout;
   return kDefaultSessionTimeout;
 }
 
-std::shared_ptr<const PNXAppDelegateClass> PNXConfig::validateAppDelegateClass(
+std::shared_ptr<const pnx::AppDelegateClass> PNXConfig::validateAppDelegateClass(
     const pnx::Value& value) const {
   const std::string* name = value.asString();
   auto found = name ? appDelegateClassNamed(*name) : nullptr;
@@ -259,11 +259,11 @@ std::shared_ptr<const PNXAppDelegateClass> PNXConfig::validateAppDelegateClass(
 
 bool PNXConfig::validateAutoInitializeFlag(const pnx::Value& value) const {
   // Absent, null, or a value with no boolean reading (an object, an array): the default.
-  return PNXValueReading::boolValue(value).value_or(true);
+  return pnx::ValueReading::boolValue(value).value_or(true);
 }
 
 bool PNXConfig::checkAppKey(const std::optional<std::string>& key) const {
-  return key && key->starts_with("ap") && utf16Length(*key) == 10;
+  return key && key->starts_with("ap") && pnx::utf16Length(*key) == 10;
 }
 
 std::optional<std::string> PNXConfig::validateAppKey(const pnx::Value& dictionary) const {
@@ -310,13 +310,13 @@ pnx::URL PNXConfig::trimmedBaseUrlWithString(const std::string& text) const {
 void PNXConfig::registerAppDelegateClass(const std::string& name,
                                          std::function<std::shared_ptr<pnx::Object>()> make) {
   auto entry =
-      std::make_shared<const PNXAppDelegateClass>(PNXAppDelegateClass{name, std::move(make)});
+      std::make_shared<const pnx::AppDelegateClass>(pnx::AppDelegateClass{name, std::move(make)});
   ClassRegistry& registry = classRegistry();
   std::lock_guard lock(registry.mutex);
   registry.classes[name] = std::move(entry);
 }
 
-std::shared_ptr<const PNXAppDelegateClass> PNXConfig::appDelegateClassNamed(
+std::shared_ptr<const pnx::AppDelegateClass> PNXConfig::appDelegateClassNamed(
     const std::string& name) {
   ClassRegistry& registry = classRegistry();
   std::lock_guard lock(registry.mutex);

@@ -22,6 +22,7 @@
 #include <string>
 
 #include "config/atomic_property.h"
+#include "platform/foundation/export.h"
 #include "platform/foundation/object.h"
 #include "platform/foundation/url.h"
 #include "platform/foundation/uuid.h"
@@ -51,14 +52,18 @@ inline constexpr double kCLLocationAccuracyHundredMeters = 100;
 inline constexpr double kCLLocationAccuracyKilometer = 1000;
 inline constexpr double kCLLocationAccuracyThreeKilometers = 3000;
 
+namespace pnx {
+
 // A class reference for "appDelegateClass". There is no run-time class lookup by name
 // here, so applications register a named factory instead (registerAppDelegateClass).
-struct PNXAppDelegateClass {
+struct AppDelegateClass {
   std::string name;
   std::function<std::shared_ptr<pnx::Object>()> make;
 };
 
-class PNXConfig {
+}  // namespace pnx
+
+class PNX_EXPORT PNXConfig {
  public:
   // The process's configuration. The first call builds it, from `dictionary` when that is
   // a dictionary, else from the bundle's file; later calls ignore their argument. A build
@@ -74,7 +79,8 @@ class PNXConfig {
   // Registering a name again replaces its factory.
   static void registerAppDelegateClass(const std::string& name,
                                        std::function<std::shared_ptr<pnx::Object>()> make);
-  static std::shared_ptr<const PNXAppDelegateClass> appDelegateClassNamed(const std::string& name);
+  static std::shared_ptr<const pnx::AppDelegateClass> appDelegateClassNamed(
+      const std::string& name);
 
   // Typed getters: the value's reading, or the default when it is absent or of the wrong
   // kind. Strings "true"/"yes"/"false"/"no" (any case) are booleans, other strings are not.
@@ -93,7 +99,7 @@ class PNXConfig {
   pnx::Value validateConfigDictionary(const pnx::Value& dictionary) const;
   double validateGeofenceAccuracy(const std::optional<std::string>& accuracy) const;
   std::int64_t validateSessionTimeout(const pnx::Value& value) const;
-  std::shared_ptr<const PNXAppDelegateClass> validateAppDelegateClass(
+  std::shared_ptr<const pnx::AppDelegateClass> validateAppDelegateClass(
       const pnx::Value& value) const;
   bool validateAutoInitializeFlag(const pnx::Value& value) const;
   // The development or production key of "appKey", chosen by the provisioning environment;
@@ -123,10 +129,10 @@ class PNXConfig {
   void setAutoInitializeFlag(bool value) { autoInitializeFlag_.store(value); }
   bool autoInitializeLocationFlag() const { return autoInitializeLocationFlag_.load(); }
   void setAutoInitializeLocationFlag(bool value) { autoInitializeLocationFlag_.store(value); }
-  std::shared_ptr<const PNXAppDelegateClass> appDelegateClass() const {
+  std::shared_ptr<const pnx::AppDelegateClass> appDelegateClass() const {
     return appDelegateClass_.load();
   }
-  void setAppDelegateClass(std::shared_ptr<const PNXAppDelegateClass> value) {
+  void setAppDelegateClass(std::shared_ptr<const pnx::AppDelegateClass> value) {
     appDelegateClass_.store(std::move(value));
   }
   std::int32_t locationSyncRadius() const { return locationSyncRadius_.load(); }
@@ -186,35 +192,35 @@ class PNXConfig {
   void readGeofence(const pnx::Value& geofence);
   void readWatch(const pnx::Value& config);
 
-  PNXAtomicProperty<std::int64_t> sessionTimeout_;
-  PNXAtomicProperty<pnx::URL> baseUrl_;
-  PNXAtomicProperty<std::optional<std::string>> appKey_;
-  PNXAtomicProperty<bool> autoInitializeFlag_;
-  PNXAtomicProperty<bool> autoInitializeLocationFlag_;
-  PNXAtomicProperty<std::shared_ptr<const PNXAppDelegateClass>, false> appDelegateClass_;
-  PNXAtomicProperty<std::int32_t> locationSyncRadius_;
-  PNXAtomicProperty<std::int32_t> locationSyncTimeout_;
-  PNXAtomicProperty<bool> geofenceEnabled_;
-  PNXAtomicProperty<bool> beaconEnabled_;
-  PNXAtomicProperty<std::optional<pnx::UUID>> beaconUUID_;
-  PNXAtomicProperty<double> geofenceAccuracy_;
-  PNXAtomicProperty<std::string> handoffUserActivityName_;
-  PNXAtomicProperty<std::string> handoffInterfaceController_;
-  PNXAtomicProperty<std::string> watchCategory_;
-  PNXAtomicProperty<bool> invalidateExistingUser_;
-  PNXAtomicProperty<bool> privateDatabaseStorage_;
-  PNXAtomicProperty<bool> databaseEncryption_;
-  PNXAtomicProperty<std::int32_t> databaseKeyRotationDays_;
-  PNXAtomicProperty<bool> autoReinitialize_;
-  PNXAtomicProperty<bool> allowJailbrokenDevices_;
-  PNXAtomicProperty<std::optional<std::string>> apiKey_;
-  PNXAtomicProperty<std::optional<std::string>> orgId_;
-  PNXAtomicProperty<std::int32_t> maximumSearchRadius_;
-  PNXAtomicProperty<std::int32_t> defaultSearchRadius_;
-  PNXAtomicProperty<std::int32_t> maximumSearchCount_;
-  PNXAtomicProperty<std::int32_t> maximumGeofenceCount_;
-  PNXAtomicProperty<std::optional<std::string>> teamId_;
-  PNXAtomicProperty<bool> deliveryReporting_;
+  pnx::AtomicProperty<std::int64_t> sessionTimeout_;
+  pnx::AtomicProperty<pnx::URL> baseUrl_;
+  pnx::AtomicProperty<std::optional<std::string>> appKey_;
+  pnx::AtomicProperty<bool> autoInitializeFlag_;
+  pnx::AtomicProperty<bool> autoInitializeLocationFlag_;
+  pnx::AtomicProperty<std::shared_ptr<const pnx::AppDelegateClass>, false> appDelegateClass_;
+  pnx::AtomicProperty<std::int32_t> locationSyncRadius_;
+  pnx::AtomicProperty<std::int32_t> locationSyncTimeout_;
+  pnx::AtomicProperty<bool> geofenceEnabled_;
+  pnx::AtomicProperty<bool> beaconEnabled_;
+  pnx::AtomicProperty<std::optional<pnx::UUID>> beaconUUID_;
+  pnx::AtomicProperty<double> geofenceAccuracy_;
+  pnx::AtomicProperty<std::string> handoffUserActivityName_;
+  pnx::AtomicProperty<std::string> handoffInterfaceController_;
+  pnx::AtomicProperty<std::string> watchCategory_;
+  pnx::AtomicProperty<bool> invalidateExistingUser_;
+  pnx::AtomicProperty<bool> privateDatabaseStorage_;
+  pnx::AtomicProperty<bool> databaseEncryption_;
+  pnx::AtomicProperty<std::int32_t> databaseKeyRotationDays_;
+  pnx::AtomicProperty<bool> autoReinitialize_;
+  pnx::AtomicProperty<bool> allowJailbrokenDevices_;
+  pnx::AtomicProperty<std::optional<std::string>> apiKey_;
+  pnx::AtomicProperty<std::optional<std::string>> orgId_;
+  pnx::AtomicProperty<std::int32_t> maximumSearchRadius_;
+  pnx::AtomicProperty<std::int32_t> defaultSearchRadius_;
+  pnx::AtomicProperty<std::int32_t> maximumSearchCount_;
+  pnx::AtomicProperty<std::int32_t> maximumGeofenceCount_;
+  pnx::AtomicProperty<std::optional<std::string>> teamId_;
+  pnx::AtomicProperty<bool> deliveryReporting_;
 
   // Serialises pathForDatabase's existence checks and moves.
   std::mutex databaseMutex_;

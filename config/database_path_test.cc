@@ -7,6 +7,7 @@
 #include "diagnostics/log.h"
 #include "diagnostics/log_capture_test.h"
 #include "platform/files/container.h"
+#include "platform/files/file_manager.h"
 #include "platform/files/fixtures_test.h"
 
 namespace {

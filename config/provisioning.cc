@@ -52,7 +52,7 @@ std::optional<std::string_view> plistHexRange(std::string_view hex) {
 }
 
 bool isTrue(const pnx::Value& value) {
-  return PNXValueReading::boolValue(value).value_or(false);
+  return pnx::ValueReading::boolValue(value).value_or(false);
 }
 
 }  // namespace

@@ -18,9 +18,10 @@
 #include <string>
 
 #include "platform/foundation/date.h"
+#include "platform/foundation/export.h"
 #include "platform/foundation/value.h"
 
-class PNXProvisioning {
+class PNX_EXPORT PNXProvisioning {
  public:
   // The process's reader, which reads the main bundle's profile on first use.
   static std::shared_ptr<PNXProvisioning> sharedInstance();

@@ -4,6 +4,7 @@
 #include <limits>
 #include <string_view>
 
+namespace pnx {
 namespace {
 
 // White space as the platform's string scanner skips it (ASCII white space).
@@ -64,13 +65,13 @@ std::int32_t saturatingInt32(double value) {
 
 }  // namespace
 
-std::optional<bool> PNXValueReading::boolValue(const pnx::Value& value) {
+std::optional<bool> ValueReading::boolValue(const Value& value) {
   if (value.isNumber()) return value.boolValue();
   if (const std::string* text = value.asString()) return stringBoolValue(*text);
   return std::nullopt;
 }
 
-std::optional<std::int64_t> PNXValueReading::longLongValue(const pnx::Value& value) {
+std::optional<std::int64_t> ValueReading::longLongValue(const Value& value) {
   if (value.isNumber()) return value.integerValue();
   if (const std::string* text = value.asString()) {
     return stringIntegerValue(*text, std::numeric_limits<std::int64_t>::min(),
@@ -79,7 +80,7 @@ std::optional<std::int64_t> PNXValueReading::longLongValue(const pnx::Value& val
   return std::nullopt;
 }
 
-std::optional<std::int32_t> PNXValueReading::intValue(const pnx::Value& value) {
+std::optional<std::int32_t> ValueReading::intValue(const Value& value) {
   if (value.isReal()) return saturatingInt32(value.doubleValue());
   if (value.isNumber()) return static_cast<std::int32_t>(value.integerValue());
   if (const std::string* text = value.asString()) {
@@ -88,3 +89,5 @@ std::optional<std::int32_t> PNXValueReading::intValue(const pnx::Value& value) {
   }
   return std::nullopt;
 }
+
+}  // namespace pnx

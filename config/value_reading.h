@@ -1,4 +1,4 @@
-// PNXValueReading: the platform's lenient readings of loosely typed values, as its number
+// ValueReading: the platform's lenient readings of loosely typed values, as its number
 // and string classes answer boolValue, intValue and longLongValue. The configuration and
 // the provisioning reader read JSON and property-list values through them.
 //
@@ -10,7 +10,9 @@
 
 #include "platform/foundation/value.h"
 
-class PNXValueReading {
+namespace pnx {
+
+class ValueReading {
  public:
   // Numbers: true when non-zero. Strings: true when, after leading white space, an
   // optional sign and leading zeros, the first character is Y, y, T, t or a digit 1 to 9
@@ -27,3 +29,5 @@ class PNXValueReading {
   // saturate at the 32-bit range.
   static std::optional<std::int32_t> intValue(const pnx::Value& value);
 };
+
+}  // namespace pnx

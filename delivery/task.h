@@ -14,6 +14,7 @@
 #include <string>
 
 #include "platform/foundation/date.h"
+#include "platform/foundation/export.h"
 #include "platform/foundation/value.h"
 
 namespace pnx {
@@ -21,11 +22,11 @@ class SQLiteResultSet;
 }
 
 // The retry budget of tasks made with taskWithName(name, userInfo).
-extern const long PNXTaskMaxRetriesDefault;  // 10
+extern PNX_EXPORT const long PNXTaskMaxRetriesDefault;  // 10
 // A maxRetries value meaning "retry without limit"; any negative value does the same.
-extern const long PNXTaskAlwaysRetry;  // -1
+extern PNX_EXPORT const long PNXTaskAlwaysRetry;  // -1
 
-class PNXTask {
+class PNX_EXPORT PNXTask {
  public:
   // init: an empty payload, created and available now (created read first), no retries
   // and a budget of 0.

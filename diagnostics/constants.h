@@ -6,39 +6,41 @@
 // Thread-safety: immutable.
 #pragma once
 
-extern const char* const errorDomain;
-extern const char* const PNXSdkVersion;
+#include "platform/foundation/export.h"
 
-extern const char* const PNXRegisteredNotification;
-extern const char* const PNXRegistrationChangedNotification;
-extern const char* const PNXEventSuccess;
-extern const char* const PNXDatabaseReset;
-extern const char* const PNXEventFailure;
-extern const char* const SetUserAttributesError;
-extern const char* const SetUserAttributesSuccess;
-extern const char* const UpdateUserAttributesError;
-extern const char* const UpdateUserAttributesSuccess;
-extern const char* const DeleteUserAttributesError;
-extern const char* const DeleteUserAttributesSuccess;
-extern const char* const SetChannelAttributesError;
-extern const char* const SetChannelAttributesSuccess;
-extern const char* const UpdateChannelAttributesError;
-extern const char* const UpdateChannelAttributesSuccess;
-extern const char* const DeleteChannelAttributesError;
-extern const char* const DeleteChannelAttributesSuccess;
-extern const char* const SimpleNotificationSource;
-extern const char* const InboxSource;
-extern const char* const InAppSource;
-extern const char* const LocationDatabaseReady;
-extern const char* const LocationDatabaseUpdated;
-extern const char* const EnteredGeofence;
-extern const char* const ExitedGeofence;
-extern const char* const EnteredBeacon;
-extern const char* const ExitedBeacon;
-extern const char* const DownloadedLocations;
-extern const char* const ResetReferenceLocation;
-extern const char* const RefreshActiveGeofences;
-extern const char* const InboxCountUpdate;
-extern const char* const PNXSyncDatabase;
-extern const char* const PNXCustomPushNotRegistered;
-extern const char* const PNXCustomPushNotYetRegistered;
+extern PNX_EXPORT const char* const errorDomain;
+extern PNX_EXPORT const char* const PNXSdkVersion;
+
+extern PNX_EXPORT const char* const PNXRegisteredNotification;
+extern PNX_EXPORT const char* const PNXRegistrationChangedNotification;
+extern PNX_EXPORT const char* const PNXEventSuccess;
+extern PNX_EXPORT const char* const PNXDatabaseReset;
+extern PNX_EXPORT const char* const PNXEventFailure;
+extern PNX_EXPORT const char* const SetUserAttributesError;
+extern PNX_EXPORT const char* const SetUserAttributesSuccess;
+extern PNX_EXPORT const char* const UpdateUserAttributesError;
+extern PNX_EXPORT const char* const UpdateUserAttributesSuccess;
+extern PNX_EXPORT const char* const DeleteUserAttributesError;
+extern PNX_EXPORT const char* const DeleteUserAttributesSuccess;
+extern PNX_EXPORT const char* const SetChannelAttributesError;
+extern PNX_EXPORT const char* const SetChannelAttributesSuccess;
+extern PNX_EXPORT const char* const UpdateChannelAttributesError;
+extern PNX_EXPORT const char* const UpdateChannelAttributesSuccess;
+extern PNX_EXPORT const char* const DeleteChannelAttributesError;
+extern PNX_EXPORT const char* const DeleteChannelAttributesSuccess;
+extern PNX_EXPORT const char* const SimpleNotificationSource;
+extern PNX_EXPORT const char* const InboxSource;
+extern PNX_EXPORT const char* const InAppSource;
+extern PNX_EXPORT const char* const LocationDatabaseReady;
+extern PNX_EXPORT const char* const LocationDatabaseUpdated;
+extern PNX_EXPORT const char* const EnteredGeofence;
+extern PNX_EXPORT const char* const ExitedGeofence;
+extern PNX_EXPORT const char* const EnteredBeacon;
+extern PNX_EXPORT const char* const ExitedBeacon;
+extern PNX_EXPORT const char* const DownloadedLocations;
+extern PNX_EXPORT const char* const ResetReferenceLocation;
+extern PNX_EXPORT const char* const RefreshActiveGeofences;
+extern PNX_EXPORT const char* const InboxCountUpdate;
+extern PNX_EXPORT const char* const PNXSyncDatabase;
+extern PNX_EXPORT const char* const PNXCustomPushNotRegistered;
+extern PNX_EXPORT const char* const PNXCustomPushNotYetRegistered;

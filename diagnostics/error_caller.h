@@ -17,9 +17,10 @@
 #include <string>
 #include <vector>
 
+#include "platform/foundation/export.h"
 #include "platform/foundation/object.h"
 
-class PNXErrorCaller final : public pnx::Object {
+class PNX_EXPORT PNXErrorCaller final : public pnx::Object {
  public:
   // A record of the frame that called into the code asking for it.
   static std::shared_ptr<PNXErrorCaller> errorCaller();

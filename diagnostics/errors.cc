@@ -147,13 +147,13 @@ pnx::ErrorPtr NSError_PNX::httpResponseError(const pnx::HTTPURLResponse& respons
                                              const std::optional<pnx::Data>& data) {
   pnx::Dictionary info;
   if (auto retryAfter = retryAfterSeconds(response)) {
-    info.insert_or_assign(pnx::Value(PNXRetryAfterKey), pnx::Value(*retryAfter));
+    info.insert_or_assign(pnx::Value(pnx::kRetryAfterKey), pnx::Value(*retryAfter));
   }
   if (data && isValidUTF8(*data)) {
-    info.insert_or_assign(pnx::Value(PNXStatusMessageKey),
+    info.insert_or_assign(pnx::Value(pnx::kStatusMessageKey),
                           pnx::Value(std::string(data->begin(), data->end())));
   }
-  info.insert_or_assign(pnx::Value(PNXStatusCodeKey), pnx::Value(response.statusCode()));
+  info.insert_or_assign(pnx::Value(pnx::kStatusCodeKey), pnx::Value(response.statusCode()));
   if (response.url()) {
     info.insert_or_assign(pnx::Value(pnx::NSURLErrorKey),
                           pnx::Value(pnx::ObjectPtr(std::make_shared<pnx::URL>(*response.url()))));
@@ -236,7 +236,7 @@ pnx::ErrorPtr NSError_PNX::verificationDeleteChannelAttribute(const pnx::Value& 
 pnx::ErrorPtr NSError_PNX::genericDatabaseErrorCode(std::intptr_t code,
                                                     const std::string& description) {
   return errorWithCode(118, description, pnx::Value(),
-                       pnx::Value::dict({{PNXSqliteCodeKey, pnx::Value(code)}}));
+                       pnx::Value::dict({{pnx::kSqliteCodeKey, pnx::Value(code)}}));
 }
 
 pnx::ErrorPtr NSError_PNX::installIdNotAvailable() {

@@ -16,17 +16,22 @@
 #include "diagnostics/constants.h"
 #include "platform/foundation/date.h"
 #include "platform/foundation/error.h"
+#include "platform/foundation/export.h"
 #include "platform/foundation/object.h"
 #include "platform/foundation/value.h"
 #include "platform/network/http_response.h"
 
-// userInfo keys of a code-105 error (read back by the delivery manager) and of code 118.
-inline constexpr const char* PNXRetryAfterKey = "retryAfter";
-inline constexpr const char* PNXStatusMessageKey = "statusMessage";
-inline constexpr const char* PNXStatusCodeKey = "statusCode";
-inline constexpr const char* PNXSqliteCodeKey = "sqliteCode";
+namespace pnx {
 
-class NSError_PNX {
+// userInfo keys of a code-105 error (read back by the delivery manager) and of code 118.
+inline constexpr const char* kRetryAfterKey = "retryAfter";
+inline constexpr const char* kStatusMessageKey = "statusMessage";
+inline constexpr const char* kStatusCodeKey = "statusCode";
+inline constexpr const char* kSqliteCodeKey = "sqliteCode";
+
+}  // namespace pnx
+
+class PNX_EXPORT NSError_PNX {
  public:
   // The builder. userInfo starts as { NSLocalizedDescriptionKey: description }; the
   // entries of extraUserInfo (a dictionary, or null) are copied over it, then a non-null

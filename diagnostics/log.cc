@@ -10,15 +10,16 @@
 
 #include "platform/dispatch/dispatch.h"
 #include "platform/files/container.h"
+#include "platform/files/file_manager.h"
 #include "platform/system/system_log.h"
 
 // Never destroyed: the log's queues may still use them while the process exits.
 std::map<PNXLogLevel, std::string>& pnxFlags = *new std::map<PNXLogLevel, std::string>;
 std::shared_ptr<pnx::DateFormatter>& dateFormatter = *new std::shared_ptr<pnx::DateFormatter>;
 
-namespace pnx_log_detail {
+namespace pnx::log_detail {
 std::atomic<PNXLogLevel> currentLevel{0};
-}  // namespace pnx_log_detail
+}  // namespace pnx::log_detail
 
 namespace {
 
@@ -208,18 +209,18 @@ struct PNXLog::Pipeline {
   std::string buffer;
 };
 
-namespace pnx_log_detail {
+namespace pnx::log_detail {
 
 void submit(PNXLogLevel level, std::string text) {
   PNXLog* log = sharedLog.load(std::memory_order_acquire);
   if (log) log->enqueue(level, std::move(text));
 }
 
-}  // namespace pnx_log_detail
+}  // namespace pnx::log_detail
 
 extern "C" void PNXLogWrite(PNXLogLevel level, const char* format, va_list args) {
-  if (!pnx_log_detail::passes(level)) return;
-  pnx_log_detail::submit(level, formatVariadic(format, args));
+  if (!pnx::log_detail::passes(level)) return;
+  pnx::log_detail::submit(level, formatVariadic(format, args));
 }
 
 // ---------------------------------------------------------------------------------------
@@ -239,7 +240,7 @@ PNXLog::PNXLog()
       maximumNumberOfLogFiles_(kDefaultMaximumNumberOfLogFiles),
       lineData_{'\n'},
       pipeline_(std::make_unique<Pipeline>()) {
-  pnx_log_detail::currentLevel.store(1, std::memory_order_relaxed);
+  pnx::log_detail::currentLevel.store(1, std::memory_order_relaxed);
   pipeline_->composeBlock = [this] { composeLines(); };
   pipeline_->writeBlock = [this] { writeQueuedFileLines(); };
 }
@@ -261,7 +262,7 @@ std::map<PNXLogLevel, std::string> PNXLog::logLevelNames() {
 
 std::optional<std::string> PNXLog::logLevelName() const {
   auto names = logLevelNames();
-  auto found = names.find(pnx_log_detail::currentLevel.load(std::memory_order_relaxed));
+  auto found = names.find(pnx::log_detail::currentLevel.load(std::memory_order_relaxed));
   if (found == names.end()) return std::nullopt;
   return found->second;
 }
@@ -271,7 +272,7 @@ void PNXLog::setLogLevelName(const std::optional<std::string>& name) {
   const std::string wanted = lowercased(*name);
   for (const auto& [level, levelName] : logLevelNames()) {
     if (lowercased(levelName) == wanted) {
-      pnx_log_detail::currentLevel.store(level, std::memory_order_relaxed);
+      pnx::log_detail::currentLevel.store(level, std::memory_order_relaxed);
       return;
     }
   }

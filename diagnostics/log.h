@@ -28,8 +28,9 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/files/file_manager.h"
+#include "platform/files/file_handle.h"
 #include "platform/foundation/date.h"
+#include "platform/foundation/export.h"
 #include "platform/foundation/format.h"
 #include "platform/foundation/value.h"
 
@@ -39,27 +40,27 @@ using PNXLogLevel = std::intptr_t;
 
 // The severity mark of each level ("🛑 " for ERROR, ...). Filled on the log queue before
 // the first line is composed, unless the host installed its own marks before that.
-extern std::map<PNXLogLevel, std::string>& pnxFlags;
+extern PNX_EXPORT std::map<PNXLogLevel, std::string>& pnxFlags;
 // Stamps file lines; created on the file queue with the pattern
 // "[yyyy-MM-dd'T'HH:mm:ssZZZ] " before the first file line, unless the host installed one.
-extern std::shared_ptr<pnx::DateFormatter>& dateFormatter;
+extern PNX_EXPORT std::shared_ptr<pnx::DateFormatter>& dateFormatter;
 
 // The core, for C callers: printf conventions, where "%@" (and "%{public}@") takes a
 // NUL-terminated UTF-8 C string (a null pointer prints "(null)"); C has no objects to
 // describe. Level 0 passes at every setting and is written to the file but not to the
 // system log.
-extern "C" void PNXLogWrite(PNXLogLevel level, const char* format, va_list args);
+extern "C" PNX_EXPORT void PNXLogWrite(PNXLogLevel level, const char* format, va_list args);
 
-namespace pnx_log_detail {
+namespace pnx::log_detail {
 
-extern std::atomic<PNXLogLevel> currentLevel;
+extern PNX_EXPORT std::atomic<PNXLogLevel> currentLevel;
 
 inline bool passes(PNXLogLevel level) {
   return currentLevel.load(std::memory_order_relaxed) >= level;
 }
 
 // Queues an already formatted message; dropped when the log does not exist yet.
-void submit(PNXLogLevel level, std::string text);
+PNX_EXPORT void submit(PNXLogLevel level, std::string text);
 
 // Kept out of line so that the filtered path of the level functions stays a load, a
 // comparison and a branch.
@@ -69,40 +70,40 @@ template <class... A>
   submit(level, pnx::format(format, args...));
 }
 
-}  // namespace pnx_log_detail
+}  // namespace pnx::log_detail
 
 // Format strings follow pnx::format: "%@" prints any value's description.
 template <class... A>
 inline void PNXLogError(std::string_view format, const A&... args) {
-  if (pnx_log_detail::passes(1)) [[unlikely]]
-    pnx_log_detail::formatAndSubmit(1, format, args...);
+  if (pnx::log_detail::passes(1)) [[unlikely]]
+    pnx::log_detail::formatAndSubmit(1, format, args...);
 }
 
 template <class... A>
 inline void PNXLogWarn(std::string_view format, const A&... args) {
-  if (pnx_log_detail::passes(2)) [[unlikely]]
-    pnx_log_detail::formatAndSubmit(2, format, args...);
+  if (pnx::log_detail::passes(2)) [[unlikely]]
+    pnx::log_detail::formatAndSubmit(2, format, args...);
 }
 
 template <class... A>
 inline void PNXLogInfo(std::string_view format, const A&... args) {
-  if (pnx_log_detail::passes(3)) [[unlikely]]
-    pnx_log_detail::formatAndSubmit(3, format, args...);
+  if (pnx::log_detail::passes(3)) [[unlikely]]
+    pnx::log_detail::formatAndSubmit(3, format, args...);
 }
 
 template <class... A>
 inline void PNXLogVerbose(std::string_view format, const A&... args) {
-  if (pnx_log_detail::passes(4)) [[unlikely]]
-    pnx_log_detail::formatAndSubmit(4, format, args...);
+  if (pnx::log_detail::passes(4)) [[unlikely]]
+    pnx::log_detail::formatAndSubmit(4, format, args...);
 }
 
 template <class... A>
 inline void PNXLogTrace(std::string_view format, const A&... args) {
-  if (pnx_log_detail::passes(5)) [[unlikely]]
-    pnx_log_detail::formatAndSubmit(5, format, args...);
+  if (pnx::log_detail::passes(5)) [[unlikely]]
+    pnx::log_detail::formatAndSubmit(5, format, args...);
 }
 
-class PNXLog {
+class PNX_EXPORT PNXLog {
  public:
   // Created once per process, never destroyed.
   static PNXLog& sharedInstance();
@@ -161,7 +162,7 @@ class PNXLog {
  private:
   struct Pipeline;
   struct Line;
-  friend void pnx_log_detail::submit(PNXLogLevel level, std::string text);
+  friend void pnx::log_detail::submit(PNXLogLevel level, std::string text);
 
   PNXLog();
   ~PNXLog() = delete;

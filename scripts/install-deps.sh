@@ -9,6 +9,7 @@ PACKAGES=(
   build-essential cmake ninja-build pkg-config ccache git python3
   clang-14 libclang-rt-14-dev  # the asan and fuzz presets; sanitizer and libFuzzer runtimes
   clang-format
+  doxygen  # scripts/docs.sh: the API reference
   # libraries
   ca-certificates openssl libssl-dev libcurl4-openssl-dev
   libsqlite3-dev sqlite3 zlib1g-dev libplist-dev nlohmann-json3-dev uuid-dev

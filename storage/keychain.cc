@@ -5,6 +5,7 @@
 #include "diagnostics/log.h"
 #include "platform/files/bundle.h"
 #include "platform/foundation/keyed_archive.h"
+#include "platform/security/keychain_items.h"
 
 namespace {
 

@@ -29,10 +29,11 @@
 #include "config/atomic_property.h"
 #include "platform/foundation/date.h"
 #include "platform/foundation/error.h"
+#include "platform/foundation/export.h"
 #include "platform/foundation/value.h"
-#include "platform/security/keychain_items.h"
+#include "platform/security/os_status.h"
 
-class PNXKeychainItem {
+class PNX_EXPORT PNXKeychainItem {
  public:
   PNXKeychainItem() = default;
 
@@ -51,12 +52,12 @@ class PNXKeychainItem {
   void setValue(pnx::Value value) { value_.store(std::move(value)); }
 
  private:
-  PNXAtomicProperty<std::optional<pnx::Date>> created_;
-  PNXAtomicProperty<std::optional<pnx::Date>> modified_;
-  PNXAtomicProperty<pnx::Value> value_;
+  pnx::AtomicProperty<std::optional<pnx::Date>> created_;
+  pnx::AtomicProperty<std::optional<pnx::Date>> modified_;
+  pnx::AtomicProperty<pnx::Value> value_;
 };
 
-class PNXKeychain {
+class PNX_EXPORT PNXKeychain {
  public:
   // initWithService:; the group stays null.
   explicit PNXKeychain(std::optional<std::string> service);
@@ -100,6 +101,6 @@ class PNXKeychain {
   pnx::Value identifier(const char* name);
   void setIdentifier(const pnx::Value& value, const char* name);
 
-  PNXAtomicProperty<std::optional<std::string>> service_;
-  PNXAtomicProperty<std::optional<std::string>> group_;
+  pnx::AtomicProperty<std::optional<std::string>> service_;
+  pnx::AtomicProperty<std::optional<std::string>> group_;
 };

@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/files/file_handle.h"
 #include "platform/foundation/date.h"
 #include "platform/foundation/error.h"
 #include "platform/foundation/value.h"
@@ -45,24 +46,6 @@ struct FileInfo {
   bool isDirectory = false;
   mode_t posixPermissions = 0;
   std::optional<std::string> protection;
-};
-
-class FileHandle {
- public:
-  virtual ~FileHandle() = default;
-  virtual std::uint64_t seekToEnd() = 0;
-  // Writes all bytes; false (and *error) on failure.
-  virtual bool write(const void* bytes, std::size_t length, ErrorPtr* error = nullptr) = 0;
-  bool write(const Data& data, ErrorPtr* error = nullptr) {
-    return write(data.data(), data.size(), error);
-  }
-  bool write(const std::string& text, ErrorPtr* error = nullptr) {
-    return write(text.data(), text.size(), error);
-  }
-  // Bytes from the start of the file to the current position.
-  virtual std::uint64_t offset() const = 0;
-  virtual bool synchronize(ErrorPtr* error = nullptr) = 0;  // fsync
-  virtual void close() = 0;
 };
 
 class FileManager {

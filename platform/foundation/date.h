@@ -10,9 +10,11 @@
 #include <string>
 #include <string_view>
 
+#include "platform/foundation/export.h"
+
 namespace pnx {
 
-class Date {
+class PNX_EXPORT Date {
  public:
   // Seconds between 1970-01-01 and the platform's reference date 2001-01-01 (UTC).
   static constexpr double kReferenceDateOffset = 978307200.0;
@@ -48,7 +50,7 @@ class Date {
 
 // Process-wide clock. By default the system's real-time clock; tests pin it with set()
 // and move it with advance(). Reset with useSystemClock().
-class Clock {
+class PNX_EXPORT Clock {
  public:
   static Date now();
   static void set(Date fixed);
@@ -58,7 +60,7 @@ class Clock {
 
 // Formats dates with a Unicode pattern. Supported fields: y, yyyy, MM, dd, HH, hh, mm, ss,
 // SSS, a, Z/ZZ/ZZZ (+0100), ZZZZZ (+01:00 or Z), quoted literals ('T', '' for a quote).
-class DateFormatter {
+class PNX_EXPORT DateFormatter {
  public:
   enum class Zone { Local, UTC };
   explicit DateFormatter(std::string pattern, Zone zone = Zone::Local);

@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/foundation/export.h"
 #include "platform/foundation/object.h"
 #include "platform/foundation/value.h"
 
@@ -49,7 +50,7 @@ inline constexpr std::int64_t NSPropertyListWriteInvalidError = 3851;
 class Error;
 using ErrorPtr = std::shared_ptr<const Error>;
 
-class Error final : public Object {
+class PNX_EXPORT Error final : public Object {
  public:
   // userInfo must be a dictionary or null (treated as empty).
   Error(std::string domain, std::int64_t code, Value userInfo = {});
@@ -85,7 +86,7 @@ class Error final : public Object {
 
 // The platform's exception. Thrown by value (it is a std::exception too) and caught by
 // reference; copy it into a Value with Value(std::make_shared<Exception>(e)).
-class Exception final : public Object, public std::exception {
+class PNX_EXPORT Exception final : public Object, public std::exception {
  public:
   Exception(std::string name, std::string reason, Value userInfo = {});
 

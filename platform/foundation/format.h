@@ -19,6 +19,7 @@
 #include <variant>
 #include <vector>
 
+#include "platform/foundation/export.h"
 #include "platform/foundation/object.h"
 #include "platform/foundation/value.h"
 
@@ -56,7 +57,7 @@ class FormatArg {
 };
 
 // Expands fmt with args. Never fails; unknown conversions are copied through as written.
-std::string formatArgs(std::string_view fmt, const std::vector<FormatArg>& args);
+PNX_EXPORT std::string formatArgs(std::string_view fmt, const std::vector<FormatArg>& args);
 
 template <class... Args>
 std::string format(std::string_view fmt, const Args&... args) {

@@ -7,9 +7,11 @@
 #include <memory>
 #include <string>
 
+#include "platform/foundation/export.h"
+
 namespace pnx {
 
-class Object {
+class PNX_EXPORT Object {
  public:
   virtual ~Object() = default;
   // The platform class name, used by descriptions and type checks in messages.

@@ -17,11 +17,12 @@
 #include <string>
 #include <string_view>
 
+#include "platform/foundation/export.h"
 #include "platform/foundation/object.h"
 
 namespace pnx {
 
-class URL final : public Object {
+class PNX_EXPORT URL final : public Object {
  public:
   static std::optional<URL> parse(std::string_view text);
   static URL fileURL(const std::string& path);

@@ -1,5 +1,7 @@
 #include "platform/foundation/utf8.h"
 
+namespace pnx {
+
 namespace {
 
 // Decodes one well-formed UTF-8 sequence at the start of `bytes`. Returns its length and
@@ -86,3 +88,5 @@ std::size_t utf16Length(std::string_view text) {
   forEachCodeUnit(text, [&](char16_t) { ++count; });
   return count;
 }
+
+}  // namespace pnx

@@ -13,6 +13,8 @@
 #include <string>
 #include <string_view>
 
+namespace pnx {
+
 // True when the bytes are well-formed UTF-8: shortest forms only, no surrogates, nothing
 // above U+10FFFF.
 bool isValidUTF8(const std::uint8_t* bytes, std::size_t length);
@@ -25,3 +27,5 @@ std::u16string utf16FromUTF8(std::string_view text);
 
 // The number of UTF-16 code units of the text, without building them.
 std::size_t utf16Length(std::string_view text);
+
+}  // namespace pnx

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+namespace pnx {
 namespace {
 
 TEST(UTF8Test, AcceptsOnlyWellFormedSequences) {
@@ -27,3 +28,4 @@ TEST(UTF8Test, CountsUTF16CodeUnits) {
 }
 
 }  // namespace
+}  // namespace pnx

@@ -7,9 +7,11 @@
 #include <string>
 #include <string_view>
 
+#include "platform/foundation/export.h"
+
 namespace pnx {
 
-class UUID {
+class PNX_EXPORT UUID {
  public:
   static UUID random();
   // Accepts the 36-character hyphenated form, either case; nullopt otherwise.

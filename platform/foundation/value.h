@@ -28,13 +28,14 @@
 #include <vector>
 
 #include "platform/foundation/date.h"
+#include "platform/foundation/export.h"
 #include "platform/foundation/object.h"
 
 namespace pnx {
 
 class Value;
 
-struct ValueLess {
+struct PNX_EXPORT ValueLess {
   bool operator()(const Value& a, const Value& b) const;
 };
 
@@ -43,7 +44,7 @@ using Array = std::vector<Value>;
 using Dictionary = std::map<Value, Value, ValueLess>;
 using Set = std::set<Value, ValueLess>;
 
-class Value {
+class PNX_EXPORT Value {
  public:
   enum class Type {
     Null,
@@ -153,14 +154,14 @@ class Value {
 
 // The platform's text for a real: shortest round-trip digits, integral values without a
 // fraction ("5", "0.1", "1e+300"), "nan" and "inf"/"-inf" for the special values.
-std::string formatReal(double d);
+PNX_EXPORT std::string formatReal(double d);
 
 inline bool ValueLess::operator()(const Value& a, const Value& b) const {
   return a.compare(b) < 0;
 }
 
 // Writes the description; lets test frameworks and streams print Values readably.
-std::ostream& operator<<(std::ostream& out, const Value& value);
+PNX_EXPORT std::ostream& operator<<(std::ostream& out, const Value& value);
 
 }  // namespace pnx
 

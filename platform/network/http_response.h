@@ -7,13 +7,14 @@
 #include <string>
 #include <string_view>
 
+#include "platform/foundation/export.h"
 #include "platform/foundation/object.h"
 #include "platform/foundation/url.h"
 #include "platform/foundation/value.h"
 
 namespace pnx {
 
-class HTTPURLResponse final : public Object {
+class PNX_EXPORT HTTPURLResponse final : public Object {
  public:
   HTTPURLResponse(std::optional<URL> url, long statusCode, Value headerFields = {});
 

@@ -38,17 +38,9 @@
 #include <vector>
 
 #include "platform/foundation/value.h"
+#include "platform/security/os_status.h"
 
 namespace pnx {
-
-using OSStatus = std::int32_t;
-
-inline constexpr OSStatus errSecSuccess = 0;
-inline constexpr OSStatus errSecItemNotFound = -25300;
-inline constexpr OSStatus errSecDuplicateItem = -25299;
-inline constexpr OSStatus errSecMissingEntitlement = -34018;
-inline constexpr OSStatus errSecInteractionNotAllowed = -25308;
-inline constexpr OSStatus errSecParam = -50;
 
 // Attribute names and values, with the platform's string values.
 inline constexpr const char* kSecClass = "class";

@@ -9,6 +9,7 @@
 #include "diagnostics/log.h"
 #include "tools/pnx/command.h"
 
+namespace pnx {
 namespace {
 
 pnx::Value orNull(const std::optional<std::string>& text) {
@@ -71,3 +72,4 @@ CommandRegistration registration("config", "Load the configuration as the extens
                                  [](CLI::App&) -> PnxCommandRun { return runConfig; });
 
 }  // namespace
+}  // namespace pnx

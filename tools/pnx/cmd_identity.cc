@@ -10,6 +10,7 @@
 #include "storage/keychain.h"
 #include "tools/pnx/command.h"
 
+namespace pnx {
 namespace {
 
 struct IdentityOptions {
@@ -45,3 +46,4 @@ CommandRegistration registration(
     });
 
 }  // namespace
+}  // namespace pnx

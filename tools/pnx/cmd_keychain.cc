@@ -13,6 +13,7 @@
 #include "storage/keychain.h"
 #include "tools/pnx/command.h"
 
+namespace pnx {
 namespace {
 
 struct KeychainOptions {
@@ -102,3 +103,4 @@ CommandRegistration registration(
     });
 
 }  // namespace
+}  // namespace pnx

@@ -10,6 +10,7 @@
 #include "diagnostics/log.h"
 #include "tools/pnx/command.h"
 
+namespace pnx {
 namespace {
 
 pnx::Value profileAsJSON(const PNXProvisioning& profile) {
@@ -46,3 +47,4 @@ CommandRegistration registration(
     });
 
 }  // namespace
+}  // namespace pnx

@@ -12,6 +12,7 @@
 #include "platform/foundation/json.h"
 #include "platform/system/system_log.h"
 
+namespace pnx {
 namespace {
 
 // Function-local so that registrations from other files' static initialisers find it
@@ -147,3 +148,4 @@ int pnxUsage(const std::string& message) {
 void pnxProgress(const std::string& message) {
   std::cerr << "pnx: " << oneLine(message) << '\n' << std::flush;
 }
+}  // namespace pnx

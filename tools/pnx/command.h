@@ -31,6 +31,8 @@
 
 #include "platform/foundation/value.h"
 
+namespace pnx {
+
 // The global options, resolved: --device (else $PNX_DEVICE, else the platform's default)
 // and --bundle (else $PNX_BUNDLE, else empty: no main bundle).
 // --log also shows the library's system-log lines on stderr.
@@ -78,3 +80,5 @@ int pnxFail(const std::string& message);
 int pnxUsage(const std::string& message);
 // A progress line "pnx: <message>" on stderr, for humans.
 void pnxProgress(const std::string& message);
+
+}  // namespace pnx

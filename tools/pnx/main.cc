@@ -18,6 +18,7 @@
 #error "PNX_VERSION must be defined by the build"
 #endif
 
+namespace pnx {
 namespace {
 
 struct ChosenCommand {
@@ -107,16 +108,17 @@ int runPnx(int argc, char** argv) {
 }
 
 }  // namespace
+}  // namespace pnx
 
 int main(int argc, char** argv) {
   // Bad input must never crash pnx: whatever escapes a command becomes one line and exit 1.
   try {
-    return runPnx(argc, argv);
+    return pnx::runPnx(argc, argv);
   } catch (const pnx::Exception& exception) {
-    return pnxFail(exception.name() + ": " + exception.reason());
+    return pnx::pnxFail(exception.name() + ": " + exception.reason());
   } catch (const std::exception& exception) {
-    return pnxFail(exception.what());
+    return pnx::pnxFail(exception.what());
   } catch (...) {
-    return pnxFail("unexpected failure");
+    return pnx::pnxFail("unexpected failure");
   }
 }

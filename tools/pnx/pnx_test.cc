@@ -12,6 +12,7 @@
 #include "tools/pnx/command.h"
 #include "tools/pnx/run_pnx_test.h"
 
+namespace pnx {
 namespace {
 
 // The command names listed under "Subcommands:" in `pnx --help`.
@@ -132,3 +133,4 @@ TEST(PnxJSONText, ConvertsInsideContainersAndKeys) {
 }
 
 }  // namespace
+}  // namespace pnx
