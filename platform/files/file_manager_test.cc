@@ -1,10 +1,13 @@
 #include "platform/files/file_manager.h"
 
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 
 #include "platform/files/fixtures_test.h"
 
@@ -191,6 +194,116 @@ TEST_F(FileManagerTest, FaultFakeReplacesOnlyWhatItOverrides) {
   FileManager::setCurrent(nullptr);
   EXPECT_EQ(&FileManager::current(), FileManager::posix().get());
   EXPECT_TRUE(FileManager::current().createFile(dir.file("x"), bytes("x"), {}, &error));
+}
+
+// Sets the process's umask for the lifetime of the object.
+class ScopedUmask {
+ public:
+  explicit ScopedUmask(mode_t mask) : previous_(umask(mask)) {}
+  ~ScopedUmask() { umask(previous_); }
+
+ private:
+  mode_t previous_;
+};
+
+// The file-system events of a directory's entries, as "<event> <name>" lines in order.
+class DirectoryEvents {
+ public:
+  explicit DirectoryEvents(const std::string& directory)
+      : fd_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+    inotify_add_watch(fd_, directory.c_str(), IN_CREATE | IN_ATTRIB | IN_MODIFY);
+  }
+  ~DirectoryEvents() { close(fd_); }
+
+  std::vector<std::string> read() {
+    std::vector<std::string> events;
+    alignas(inotify_event) char buffer[16384];
+    ssize_t length;
+    while ((length = ::read(fd_, buffer, sizeof buffer)) > 0) {
+      for (char* next = buffer; next < buffer + length;) {
+        auto* event = reinterpret_cast<inotify_event*>(next);
+        const char* kind = (event->mask & IN_CREATE)   ? "create"
+                           : (event->mask & IN_ATTRIB) ? "attrib"
+                                                       : "modify";
+        events.push_back(std::string(kind) + " " + (event->len ? event->name : ""));
+        next += sizeof(inotify_event) + event->len;
+      }
+    }
+    return events;
+  }
+
+ private:
+  int fd_;
+};
+
+// Directories and files are born with their final permissions: no chmod follows the
+// creation of a directory, and none follows the first write into a temporary file, so
+// there is no moment at which they are open to others.
+TEST_F(FileManagerTest, ItemsAreCreatedWithTheirFinalPermissions) {
+  ScopedUmask mask(022);
+  DirectoryEvents events(dir.path());
+  ErrorPtr error;
+  ASSERT_TRUE(files.createDirectory(dir.file("private"), false, permissions(0700), &error));
+  ASSERT_TRUE(files.createFile(dir.file("secret"), bytes("data"), permissions(0600), &error));
+  EXPECT_EQ(modeOf(dir.file("private")), 0700u);
+  EXPECT_EQ(modeOf(dir.file("secret")), 0600u);
+  std::vector<std::string> seen = events.read();
+  EXPECT_EQ(std::count(seen.begin(), seen.end(), "attrib private"), 0);
+  auto firstWrite = std::find_if(seen.begin(), seen.end(),
+                                 [](const std::string& e) { return e.starts_with("modify "); });
+  ASSERT_NE(firstWrite, seen.end());
+  EXPECT_EQ(std::count_if(firstWrite, seen.end(),
+                          [](const std::string& e) { return e.starts_with("attrib "); }),
+            0)
+      << ::testing::PrintToString(seen);
+
+  // Modes come out exact whatever the umask, also wider ones and on every new level.
+  ScopedUmask strict(077);
+  ASSERT_TRUE(files.createDirectory(dir.file("a/b"), true, permissions(0750), &error));
+  EXPECT_EQ(modeOf(dir.file("a")), 0750u);
+  EXPECT_EQ(modeOf(dir.file("a/b")), 0750u);
+  ASSERT_TRUE(files.createFile(dir.file("shared"), bytes("x"), permissions(0644), &error));
+  EXPECT_EQ(modeOf(dir.file("shared")), 0644u);
+}
+
+TEST_F(FileManagerTest, OpeningCanCreateAndRefuseSymbolicLinks) {
+  ScopedUmask mask(077);
+  FileOpenOptions create;
+  create.create = true;
+  create.permissions = 0640;
+  ErrorPtr error;
+  auto handle = files.fileHandleForUpdating(dir.file("new.db"), create, &error);
+  ASSERT_TRUE(handle) << error->description();
+  EXPECT_TRUE(handle->write(std::string("kept"), &error));
+  handle->close();
+  EXPECT_EQ(modeOf(dir.file("new.db")), 0640u);
+
+  // Open-or-create opens an existing file as it is; exclusive refuses it.
+  chmod(dir.file("new.db").c_str(), 0600);
+  ASSERT_TRUE(files.fileHandleForUpdating(dir.file("new.db"), create, &error));
+  EXPECT_EQ(modeOf(dir.file("new.db")), 0600u);
+  EXPECT_EQ(dir.read("new.db"), "kept");
+  FileOpenOptions exclusive = create;
+  exclusive.exclusive = true;
+  EXPECT_FALSE(files.fileHandleForUpdating(dir.file("new.db"), exclusive, &error));
+  EXPECT_EQ(error->code(), NSFileWriteFileExistsError);
+
+  // A symbolic link, to a file or to nothing, is refused without touching its target.
+  FileOpenOptions noFollow = create;
+  noFollow.followSymbolicLinks = false;
+  for (const char* target : {"new.db", "nowhere.db"}) {
+    std::string link = dir.file(std::string("link-to-") + target);
+    ASSERT_EQ(symlink(dir.file(target).c_str(), link.c_str()), 0);
+    error = nullptr;
+    EXPECT_FALSE(files.fileHandleForUpdating(link, noFollow, &error)) << target;
+    ASSERT_TRUE(error);
+    EXPECT_NE(error->localizedDescription().find("because it is a symbolic link"),
+              std::string::npos)
+        << error->localizedDescription();
+    EXPECT_EQ(*error->userInfo()[NSFilePathErrorKey].asString(), link);
+  }
+  EXPECT_FALSE(std::filesystem::exists(dir.file("nowhere.db")));
+  EXPECT_EQ(dir.read("new.db"), "kept");
 }
 
 }  // namespace
