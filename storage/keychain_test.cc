@@ -1,6 +1,10 @@
 #include "storage/keychain.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "config/config.h"
 #include "diagnostics/log_capture_test.h"
@@ -190,6 +194,114 @@ TEST_F(KeychainStore, TheDefaultStoreIsTheBundleIdentifiers) {
   pnx::ErrorPtr error;
   EXPECT_THROW(broken->setObject("v", "name"), pnx::Exception);
   EXPECT_THROW(broken->objectForName("name", &error), pnx::Exception);
+}
+
+// Runs body(child) in kChildren forked processes at once; each child's exit code is the
+// number of failures it counted (capped), which the parent expects to be 0.
+template <typename Body>
+void inChildProcesses(int children, const Body& body) {
+  std::vector<pid_t> pids;
+  for (int child = 0; child < children; ++child) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) _exit(std::min(body(child), 100));
+    pids.push_back(pid);
+  }
+  for (pid_t pid : pids) {
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "failures in a child";
+  }
+}
+
+// Two processes write the same new name at the same moment, name after name (a barrier
+// in shared memory lines them up): every write succeeds and each name ends with one of the
+// two values.
+TEST_F(KeychainStore, ConcurrentFirstWritesFromTwoProcessesAllSucceed) {
+  constexpr int kNames = 40;
+  void* shared = mmap(nullptr, sizeof(pthread_barrier_t), PROT_READ | PROT_WRITE,
+                      MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(shared, MAP_FAILED);
+  auto* barrier = static_cast<pthread_barrier_t*>(shared);
+  pthread_barrierattr_t attributes;
+  pthread_barrierattr_init(&attributes);
+  pthread_barrierattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+  ASSERT_EQ(pthread_barrier_init(barrier, &attributes, 2), 0);
+  inChildProcesses(2, [barrier](int child) {
+    PNXKeychain store("svc");
+    int failures = 0;
+    for (int i = 0; i < kNames; ++i) {
+      pthread_barrier_wait(barrier);
+      if (!store.setObject("p" + std::to_string(child), "name-" + std::to_string(i))) ++failures;
+    }
+    return failures;
+  });
+  pthread_barrier_destroy(barrier);
+  munmap(shared, sizeof(pthread_barrier_t));
+  for (int i = 0; i < kNames; ++i) {
+    pnx::ErrorPtr error;
+    pnx::Value value = store_.objectForName("name-" + std::to_string(i), &error);
+    EXPECT_TRUE(value == pnx::Value("p0") || value == pnx::Value("p1")) << value.description();
+  }
+}
+
+// The delivery queue's pattern: processes merging their records into one stored array
+// through read-modify-write lose none of them.
+TEST_F(KeychainStore, ConcurrentUpdatesMergeEveryRecord) {
+  constexpr int kRecords = 30;
+  inChildProcesses(2, [](int child) {
+    PNXKeychain store("svc");
+    int failures = 0;
+    for (int i = 0; i < kRecords; ++i) {
+      pnx::Value record = pnx::Value::dict({{"child", child}, {"i", i}});
+      bool stored = store.updateObjectForName("pushQueue", [&](const pnx::Value& current) {
+        pnx::Array queue = current.isArray() ? *current.asArray() : pnx::Array();
+        queue.push_back(record);
+        return std::optional<pnx::Value>(pnx::Value(std::move(queue)));
+      });
+      if (!stored) ++failures;
+    }
+    return failures;
+  });
+  pnx::ErrorPtr error;
+  pnx::Value queue = store_.objectForName("pushQueue", &error);
+  ASSERT_TRUE(queue.isArray()) << queue.description();
+  EXPECT_EQ(queue.size(), 2u * kRecords);
+  for (int child = 0; child < 2; ++child) {
+    for (int i = 0; i < kRecords; ++i) {
+      pnx::Value record = pnx::Value::dict({{"child", child}, {"i", i}});
+      EXPECT_NE(std::find(queue.asArray()->begin(), queue.asArray()->end(), record),
+                queue.asArray()->end())
+          << record.description();
+    }
+  }
+}
+
+TEST_F(KeychainStore, AnUpdateOfUnreadableDataFailsAndWritesNothing) {
+  ASSERT_EQ(addRawItem("junk", pnx::kSecAttrAccessibleAlwaysThisDeviceOnly, "not an archive"),
+            pnx::errSecSuccess);
+  bool called = false;
+  pnx::ErrorPtr error;
+  EXPECT_FALSE(store_.updateObjectForName(
+      "junk",
+      [&](const pnx::Value&) {
+        called = true;
+        return std::optional<pnx::Value>(pnx::Value("x"));
+      },
+      &error));
+  EXPECT_FALSE(called);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), 104);
+  EXPECT_TRUE(log_.contains("Could not update keychain name junk"));
+
+  // Returning nullopt keeps the item; a missing item starts from null.
+  EXPECT_TRUE(store_.updateObjectForName("fresh", [](const pnx::Value& current) {
+    return current.isNull() ? std::optional<pnx::Value>(pnx::Value(1)) : std::nullopt;
+  }));
+  EXPECT_TRUE(store_.updateObjectForName(
+      "fresh", [](const pnx::Value&) { return std::optional<pnx::Value>(); }));
+  EXPECT_EQ(store_.objectForName("fresh", &error), pnx::Value(1));
 }
 
 }  // namespace
