@@ -1,10 +1,7 @@
 #include "platform/security/sqlite.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <stdexcept>
 
 #include "platform/files/fixtures_test.h"
@@ -74,30 +71,6 @@ TEST(SQLite, AnExceptionInATransactionRollsItBackAndFreesTheLock) {
   auto rows = database->query("SELECT group_concat(v) AS v FROM t");
   ASSERT_TRUE(rows && rows->next());
   EXPECT_EQ(rows->valueForColumn("v"), Value("2"));
-}
-
-// The database path must name the file itself: a symbolic link there is refused, with the
-// file manager's reason, and a dangling one does not create its target.
-TEST(SQLite, OpenRefusesASymbolicLinkAndCreatesPrivateFiles) {
-  testing::TempDir directory;
-  ASSERT_EQ(symlink(directory.file("target.db").c_str(), directory.file("link.db").c_str()), 0);
-  ErrorPtr error;
-  EXPECT_FALSE(SQLiteDatabase::open(directory.file("link.db"), &error));
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->domain(), SQLiteErrorDomain);
-  EXPECT_NE(error->localizedDescription().find("symbolic link"), std::string::npos)
-      << error->localizedDescription();
-  ASSERT_TRUE(error->underlyingError());
-  EXPECT_EQ(error->underlyingError()->domain(), NSCocoaErrorDomain);
-  EXPECT_FALSE(std::filesystem::exists(directory.file("target.db")));
-
-  mode_t previous = umask(0);
-  auto database = SQLiteDatabase::open(directory.file("new.db"));
-  umask(previous);
-  ASSERT_TRUE(database);
-  struct stat info {};
-  ASSERT_EQ(stat(directory.file("new.db").c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 07777, 0600u);
 }
 
 }  // namespace
