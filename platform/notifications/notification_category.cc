@@ -301,6 +301,14 @@ bool NotificationCategoryEqual::operator()(const NotificationCategoryPtr& a,
   return a->isEqual(*b);
 }
 
+bool equalCategorySets(const NotificationCategorySet& a, const NotificationCategorySet& b) {
+  if (a.size() != b.size()) return false;
+  for (const auto& category : a) {
+    if (!b.contains(category)) return false;
+  }
+  return true;
+}
+
 std::vector<NotificationCategoryPtr> sortedCategories(const NotificationCategorySet& categories) {
   std::vector<NotificationCategoryPtr> sorted;
   for (const auto& category : categories) {

@@ -167,6 +167,10 @@ using NotificationCategorySet =
     std::unordered_set<NotificationCategoryPtr, NotificationCategoryHash,
                        NotificationCategoryEqual>;
 
+// Whether the two sets hold equal categories. (The set's own == compares the pointers, as
+// the standard library defines it for every unordered set; this compares the values.)
+bool equalCategorySets(const NotificationCategorySet& a, const NotificationCategorySet& b);
+
 // The set's categories ordered by identifier, then description: a stable order for output.
 std::vector<NotificationCategoryPtr> sortedCategories(const NotificationCategorySet& categories);
 
