@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <future>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -267,7 +268,13 @@ NotificationCenter::~NotificationCenter() = default;
 
 void NotificationCenter::closeAll() {
   CenterRegistry::shared().forEach([](NotificationCenter& center) {
-    center.queue_->sync([&center] { center.storage_->database.reset(); });
+    // A handler that never returns must not hold up the end of the process.
+    auto closed = std::make_shared<std::promise<void>>();
+    center.queue_->async([&center, closed] {
+      center.storage_->database.reset();
+      closed->set_value();
+    });
+    closed->get_future().wait_for(std::chrono::seconds(1));
   });
 }
 
@@ -277,18 +284,34 @@ std::string NotificationCenter::attachmentsDirectory() const {
   return pathByAppendingComponent(app, "attachments");
 }
 
+// Counts one queued call until its block has run to the end. A handler that queues more
+// calls counts them before its own call ends, so the count never touches zero mid-chain.
+class PendingCall {
+ public:
+  explicit PendingCall(std::atomic<std::size_t>& pending) : pending_(pending) { ++pending_; }
+  PendingCall(const PendingCall&) = delete;
+  PendingCall& operator=(const PendingCall&) = delete;
+  ~PendingCall() { --pending_; }
+
+ private:
+  std::atomic<std::size_t>& pending_;
+};
+
 void NotificationCenter::getNotificationCategories(CategoriesHandler completionHandler) {
-  queue_->async([this, handler = std::move(completionHandler)] {
+  auto call = std::make_shared<PendingCall>(pending_);
+  queue_->async([this, call, handler = std::move(completionHandler)] {
     ErrorPtr error;
     auto categories = storage_->read(&error);
     if (!categories)
       logFailure("Cannot read the notification categories of " + applicationId_, error);
     if (handler) handler(categories ? std::move(*categories) : NotificationCategorySet());
+    // The count drops when the block (and with it `call`) is destroyed, after the handler.
   });
 }
 
 void NotificationCenter::setNotificationCategories(NotificationCategorySet categories) {
-  queue_->async([this, categories = std::move(categories)] {
+  auto call = std::make_shared<PendingCall>(pending_);
+  queue_->async([this, call, categories = std::move(categories)] {
     ErrorPtr error;
     if (!storage_->write(categories, &error)) {
       logFailure("Cannot store the notification categories of " + applicationId_, error);

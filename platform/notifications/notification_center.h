@@ -32,6 +32,8 @@
 // and app id and live until the process ends.
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -78,6 +80,9 @@ class NotificationCenter {
   std::optional<NotificationCategorySet> registeredCategories(ErrorPtr* error = nullptr);
   // Waits until every call queued before this one has been carried out.
   void waitUntilIdle();
+  // Category calls queued or running (a get counts until its handler has returned): zero
+  // when the center has no work in flight, so that a host can tell when it is done.
+  std::size_t pendingCalls() const { return pending_.load(); }
 
   // Shows the content (see above) and returns what is shown.
   NotificationContentPtr displayNotification(const NotificationContent& content,
@@ -90,7 +95,7 @@ class NotificationCenter {
  private:
   NotificationCenter(std::string device, std::string applicationId);
   // At exit: closes every center's connection, which folds the write-ahead log back into
-  // the database file.
+  // the database file. Waits a moment at most for a center whose queue is busy.
   static void closeAll();
   struct Storage;
 
@@ -99,6 +104,7 @@ class NotificationCenter {
   std::string databasePath_;
   std::unique_ptr<Storage> storage_;  // used only on queue_
   std::shared_ptr<DispatchQueue> queue_;
+  std::atomic<std::size_t> pending_{0};
 };
 
 }  // namespace pnx

@@ -99,6 +99,26 @@ TEST(NotificationCenter, SeesWhatAnotherConnectionWroteAndWritesWhatItCanRead) {
   EXPECT_TRUE(fetch(*center).first.empty());
 }
 
+TEST(NotificationCenter, CountsCallsInFlightUntilTheirHandlersReturn) {
+  testing::ScopedDevice device("com.example.chat");
+  auto center = NotificationCenter::currentNotificationCenter();
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  center->getNotificationCategories([&](NotificationCategorySet) {
+    released.wait();
+    // The chain of a service: register, then ask again, from inside the handler.
+    center->setNotificationCategories({category("chat")});
+    center->getNotificationCategories([](NotificationCategorySet) {});
+  });
+  center->setNotificationCategories({});
+  EXPECT_EQ(center->pendingCalls(), 2u);
+  release.set_value();
+  center->waitUntilIdle();  // the first get and the set behind it
+  center->waitUntilIdle();  // what the handler queued
+  EXPECT_EQ(center->pendingCalls(), 0u);
+  EXPECT_TRUE(equalCategorySets(center->registeredCategories().value(), {category("chat")}));
+}
+
 TEST(NotificationCenter, ReadsAnEmptyDeviceWithoutCreatingAnything) {
   testing::ScopedDevice device("com.example.chat");
   auto center = NotificationCenter::currentNotificationCenter();
