@@ -16,6 +16,7 @@
 #include "platform/files/fixtures_test.h"
 #include "platform/foundation/json.h"
 #include "platform/security/sqlite.h"
+#include "platform/system/system_log.h"
 
 namespace pnx {
 namespace {
@@ -117,6 +118,46 @@ TEST(NotificationCenter, CountsCallsInFlightUntilTheirHandlersReturn) {
   center->waitUntilIdle();  // what the handler queued
   EXPECT_EQ(center->pendingCalls(), 0u);
   EXPECT_TRUE(equalCategorySets(center->registeredCategories().value(), {category("chat")}));
+}
+
+// Keeps the system log's lines for the test to read.
+class CapturingSink : public LogSink {
+ public:
+  void systemLog(LogType, std::string_view subsystem, std::string_view,
+                 std::string_view text) override {
+    std::lock_guard lock(mutex_);
+    lines_.push_back(std::string(subsystem) + ": " + std::string(text));
+  }
+  void console(std::string_view) override {}
+  std::vector<std::string> lines() {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+TEST(NotificationCenter, KeepsTheStoredSetWhenANewOneCannotBeStoredAndLogsWhy) {
+  testing::ScopedDevice device("com.example.chat");
+  auto sink = std::make_shared<CapturingSink>();
+  SystemLog::setSink(sink);
+  auto center = NotificationCenter::currentNotificationCenter();
+  center->setNotificationCategories({category("kept")});
+  // Text that is not UTF-8 cannot be written as JSON.
+  center->setNotificationCategories({category("kept"), category("bad\xff")});
+  center->waitUntilIdle();
+  SystemLog::setSink(nullptr);
+
+  EXPECT_TRUE(equalCategorySets(center->registeredCategories().value(), {category("kept")}));
+  ASSERT_EQ(sink->lines().size(), 1u);
+  EXPECT_NE(
+      sink->lines()[0].find(
+          "pnx.notifications: Cannot store the notification categories of com.example.chat: "),
+      std::string::npos)
+      << sink->lines()[0];
+  EXPECT_NE(sink->lines()[0].find("not UTF-8"), std::string::npos) << sink->lines()[0];
 }
 
 TEST(NotificationCenter, ReadsAnEmptyDeviceWithoutCreatingAnything) {
