@@ -5,7 +5,6 @@
 #include <future>
 #include <map>
 #include <mutex>
-#include <thread>
 #include <utility>
 
 #include "platform/files/bundle.h"
@@ -110,7 +109,6 @@ class CenterRegistry {
 
 // The connection to the app's category database; used only on the center's queue.
 struct NotificationCenter::Storage {
-  std::string device;
   std::string path;
   std::unique_ptr<SQLiteDatabase> database;
 
@@ -255,7 +253,7 @@ NotificationCenter::NotificationCenter(std::string device, std::string applicati
       applicationId_(std::move(applicationId)),
       databasePath_(pathByAppendingComponent(pathByAppendingComponent(device_, "notifications"),
                                              fileNameFor(applicationId_) + ".db")),
-      storage_(std::make_unique<Storage>(Storage{device_, databasePath_, nullptr})),
+      storage_(std::make_unique<Storage>(Storage{databasePath_, nullptr})),
       queue_(DispatchQueue::create("pnx.notifications." + fileNameFor(applicationId_))) {
   static std::once_flag closeAtExit;
   std::call_once(closeAtExit, [] {
