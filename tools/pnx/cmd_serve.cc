@@ -452,6 +452,8 @@ int runServe(const ServeOptions& options) {
     if (!root) return pnxUsage("no media directory at '" + options.media + "'");
   }
 
+  // Declared before the server, so that it outlives the handlers that refer to it.
+  Backend backend(std::move(root), std::move(faults));
   std::unique_ptr<httplib::Server> server;
   if (options.tls.empty()) {
     server = std::make_unique<httplib::Server>();
@@ -462,7 +464,6 @@ int runServe(const ServeOptions& options) {
                      options.tls[1] + "'");
     }
   }
-  Backend backend(std::move(root), std::move(faults));
   backend.install(*server);
   if (!installStopSignals()) return pnxFail("cannot install the signal handlers");
 
