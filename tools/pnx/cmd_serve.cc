@@ -399,35 +399,31 @@ class Backend {
   bool stopping_ = false;
 };
 
-// SIGTERM and SIGINT only write a byte to this pipe; the main thread waits on it and stops
-// the server in an orderly way.
-int gStopPipe[2] = {-1, -1};
-
-extern "C" void onStopSignal(int) {
-  const int savedErrno = errno;
-  const char byte = 's';
-  [[maybe_unused]] const ssize_t written = write(gStopPipe[1], &byte, 1);
-  errno = savedErrno;
+// SIGTERM and SIGINT are blocked in every thread of the server (the mask is set before
+// any of them starts, and threads inherit it) and taken by the main thread with sigwait,
+// which then stops the server in an orderly way. SIGUSR1 wakes it the same way when the
+// server ends on its own.
+sigset_t stopSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGUSR1);
+  return signals;
 }
 
-bool installStopSignals() {
-  if (pipe2(gStopPipe, O_CLOEXEC) != 0) return false;
-  struct sigaction action {};
-  action.sa_handler = onStopSignal;
-  sigemptyset(&action.sa_mask);
-  action.sa_flags = SA_RESTART;
-  if (sigaction(SIGTERM, &action, nullptr) != 0 || sigaction(SIGINT, &action, nullptr) != 0) {
-    return false;
-  }
+bool blockStopSignals() {
+  const sigset_t signals = stopSignals();
   // Writes to a client that has gone must fail, not end the process (TLS writes do not ask
   // for MSG_NOSIGNAL).
   std::signal(SIGPIPE, SIG_IGN);
-  return true;
+  return pthread_sigmask(SIG_BLOCK, &signals, nullptr) == 0;
 }
 
 void waitForStop() {
-  char byte;
-  while (read(gStopPipe[0], &byte, 1) < 0 && errno == EINTR) {
+  const sigset_t signals = stopSignals();
+  int signal = 0;
+  while (sigwait(&signals, &signal) != 0) {
   }
 }
 
@@ -465,7 +461,7 @@ int runServe(const ServeOptions& options) {
     }
   }
   backend.install(*server);
-  if (!installStopSignals()) return pnxFail("cannot install the signal handlers");
+  if (!blockStopSignals()) return pnxFail("cannot block the stop signals");
 
   int port = options.port;
   if (port == 0) {
@@ -484,7 +480,7 @@ int runServe(const ServeOptions& options) {
   std::atomic<bool> listenFailed = false;
   std::thread listener([&] {
     if (!server->listen_after_bind()) listenFailed = true;
-    onStopSignal(0);  // wakes the main thread when the server ends on its own
+    kill(getpid(), SIGUSR1);  // wakes the main thread when the server ends on its own
   });
   waitForStop();
   backend.stop();

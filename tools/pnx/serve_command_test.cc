@@ -63,6 +63,8 @@ class ServeProcess {
       waitpid(pid_, nullptr, 0);
     }
     close(out_);
+    // Under the sanitizer presets the server is instrumented too; what it found is a failure.
+    EXPECT_EQ(err().find("Sanitizer"), std::string::npos) << err();
   }
 
   const std::string& url() const { return url_; }
