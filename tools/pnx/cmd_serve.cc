@@ -14,6 +14,7 @@
 
 #include <dirent.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -25,6 +26,7 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -478,9 +480,12 @@ int runServe(const ServeOptions& options) {
       pnx::Value::dict({{"listening", scheme + "://127.0.0.1:" + std::to_string(port)}}));
 
   std::atomic<bool> listenFailed = false;
+  const pthread_t mainThread = pthread_self();
   std::thread listener([&] {
     if (!server->listen_after_bind()) listenFailed = true;
-    kill(getpid(), SIGUSR1);  // wakes the main thread when the server ends on its own
+    // Wakes the main thread when the server ends on its own; after a stop, the signal
+    // stays pending and blocked until the process ends.
+    pthread_kill(mainThread, SIGUSR1);
   });
   waitForStop();
   backend.stop();
