@@ -376,6 +376,13 @@ TEST(ServeCommand, ServesHTTPSWithTheGivenCertificate) {
   ASSERT_TRUE(answer) << httplib::to_string(answer.error());
   EXPECT_EQ(answer->status, 200);
 
+  // A dropping fault closes the TLS connection without an answer too.
+  ASSERT_EQ(trusting.Post("/_pnx/faults", R"(["drop,times=1"])", "application/json")->status, 200);
+  EXPECT_FALSE(trusting.Post(kDeliveryPath, kGzip, gzip(kReport), "application/json"));
+  auto afterDrop = trusting.Post(kDeliveryPath, kGzip, gzip(kReport), "application/json");
+  ASSERT_TRUE(afterDrop);
+  EXPECT_EQ(afterDrop->status, 200);
+
   // Certificate checking is real: a client that does not trust the certificate refuses.
   httplib::SSLClient untrusting("127.0.0.1", serve.port());
   untrusting.enable_server_certificate_verification(true);
