@@ -515,7 +515,8 @@ CommandRegistration registration(
       sub.footer(
           "Endpoints: POST /3.0/apps/{appKey}/delivery (gzip JSON {\"delivery\": [...]}), "
           "GET /_pnx/reports, GET|POST /_pnx/faults (a JSON array of fault specifications "
-          "replaces the faults), GET /media/NAME. Faults apply to the delivery endpoint only. "
+          "replaces the faults), GET /media/NAME. Faults apply to the delivery endpoint only; "
+          "drop needs no status, and delay=S alone delays the normal answer. "
           "Prints {\"listening\": URL}, then one JSON line per request. SIGTERM or SIGINT "
           "stops it.");
       return [options](const PnxGlobals&) { return runServe(*options); };
