@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <thread>
 #include <utility>
 
 #include "platform/dispatch/dispatch.h"
@@ -203,20 +204,30 @@ class PNXLog::PendingLines {
   }
 
   // Moves the waiting lines into `into` (cleared first); the two buffers' storage goes
-  // back and forth. With none waiting, returns false and the block is no longer due: the
-  // next line queues a new one.
+  // back and forth. With none waiting it gives the processor up a few times first, so that
+  // a producer in the middle of a burst (formatting its next line) finds the block still
+  // due and need not wake the queue again; then it returns false and the block is no
+  // longer due: the next line queues a new one.
   bool take(Batch& into) {
     into.clear();
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (waiting_.empty()) {
-      due_ = false;
-      return false;
+    for (int round = 0;; ++round) {
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!waiting_.empty()) {
+          waiting_.swap(into);
+          return true;
+        }
+        if (round == kLingerRounds) {
+          due_ = false;
+          return false;
+        }
+      }
+      std::this_thread::yield();
     }
-    waiting_.swap(into);
-    return true;
   }
 
  private:
+  static constexpr int kLingerRounds = 3;
   std::mutex mutex_;
   Batch waiting_;
   bool due_ = false;
