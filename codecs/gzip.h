@@ -8,8 +8,9 @@
 // length, rather than an error. nullopt only when zlib refuses to start (for example a
 // compression level above 1.0).
 //
-// Thread-safety: all functions may run on any thread at once; each call owns its stream.
-// zlib needs no process-wide set-up when linked normally, so there is no once-only guard.
+// Thread-safety: all functions may run on any thread at once. Each thread keeps its own
+// zlib streams, reset between calls (their state is freed when the thread ends). zlib needs
+// no process-wide set-up when linked normally, so there is no once-only guard.
 #pragma once
 
 #include <optional>

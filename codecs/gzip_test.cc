@@ -5,6 +5,8 @@
 
 #include <random>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -101,6 +103,35 @@ TEST(GzipTest, TruncatedOrCorruptStreamsYieldAPaddedBufferNotAnError) {
   EXPECT_TRUE(std::equal(result->begin(), result->begin() + produced, input.begin()));
 
   EXPECT_TRUE(gunzippedData({0x1F, 0x8B, 0x08, 0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}));
+}
+
+// Streams are kept per thread and reset between calls: whatever a thread did before, a call
+// gives the bytes a fresh stream would.
+TEST(GzipTest, EachCallStartsAfreshWhateverCameBefore) {
+  const pnx::Data small = jsonPayload(20);
+  const pnx::Data large = jsonPayload(3000);
+  const pnx::Data expectedSmall = directGzip(small, Z_DEFAULT_COMPRESSION);
+  pnx::Data truncated = *gzippedData(large);
+  truncated.resize(truncated.size() / 3);
+
+  auto mixedCalls = [&] {
+    std::vector<pnx::Data> results;
+    results.push_back(*gzippedData(small));
+    results.push_back(*gzippedDataWithCompressionLevel(large, 1.0f));
+    EXPECT_EQ(gzippedDataWithCompressionLevel(small, 2.0f), std::nullopt);
+    results.push_back(*gzippedData(small));
+    EXPECT_TRUE(gunzippedData(truncated));  // leaves its stream in the middle of a member
+    results.push_back(*gunzippedData(*gzippedData(small)));
+    return results;
+  };
+  const std::vector<pnx::Data> expected = {expectedSmall, directGzip(large, 9), expectedSmall,
+                                           small};
+  EXPECT_EQ(mixedCalls(), expected);
+  std::vector<std::thread> threads;
+  std::vector<std::vector<pnx::Data>> results(3);
+  for (auto& result : results) threads.emplace_back([&] { result = mixedCalls(); });
+  for (auto& thread : threads) thread.join();
+  for (const auto& result : results) EXPECT_EQ(result, expected);
 }
 
 }  // namespace

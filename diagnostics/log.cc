@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <thread>
 #include <utility>
 
 #include "platform/dispatch/dispatch.h"
@@ -128,80 +130,127 @@ std::string formatVariadic(const char* format, va_list args) {
   return text;
 }
 
-// Work waiting for one serial queue. A producer queues a block only when none is pending,
-// and that block takes everything posted until it runs: a burst of lines costs one hop.
-template <class T>
-class Mailbox {
+}  // namespace
+
+// Lines on their way between threads, packed one after another into one byte buffer: each
+// is its level, its length and its bytes. Buffers are swapped between producer and
+// consumer rather than copied, so once warm, passing lines along allocates nothing.
+class PNXLog::LineBatch {
  public:
-  // The block is queued under the lock, so that a drain() queued after this call runs
-  // after the block that will take the item.
-  void post(T item, pnx::DispatchQueue& queue, const std::function<void()>& takeBlock) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    items_.push_back(std::move(item));
-    scheduleLocked(queue, takeBlock);
+  bool empty() const { return bytes_.empty(); }
+  void clear() { bytes_.clear(); }
+  void swap(LineBatch& other) { bytes_.swap(other.bytes_); }
+
+  // Appends one line made of `head` followed by `tail`.
+  void append(PNXLogLevel level, std::string_view head, std::string_view tail = {}) {
+    head = head.substr(0, UINT32_MAX);
+    tail = tail.substr(0, UINT32_MAX - head.size());
+    const auto length = static_cast<std::uint32_t>(head.size() + tail.size());
+    char header[kHeaderSize];
+    std::memcpy(header, &level, sizeof level);
+    std::memcpy(header + sizeof level, &length, sizeof length);
+    bytes_.append(header, kHeaderSize).append(head).append(tail);
   }
 
-  // Moves the items over; `items` is left empty, perhaps with spare capacity.
-  void postAll(std::vector<T>& items, pnx::DispatchQueue& queue,
-               const std::function<void()>& takeBlock) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (items_.empty()) {
-      items_.swap(items);
-    } else {
-      std::move(items.begin(), items.end(), std::back_inserter(items_));
-      items.clear();
+  void appendAll(const LineBatch& other) { bytes_.append(other.bytes_); }
+
+  // A burst leaves its storage behind for the next one, unless it was unusually large.
+  void releaseIfLarge() {
+    if (bytes_.capacity() > kKeptBytes) std::string().swap(bytes_);
+  }
+
+  // Reads the lines in order.
+  class Cursor {
+   public:
+    explicit Cursor(const LineBatch& batch) : bytes_(batch.bytes_) {}
+    bool atEnd() const { return at_ >= bytes_.size(); }
+    std::string_view next(PNXLogLevel* level = nullptr) {
+      std::uint32_t length;
+      if (level) std::memcpy(level, bytes_.data() + at_, sizeof *level);
+      std::memcpy(&length, bytes_.data() + at_ + sizeof(PNXLogLevel), sizeof length);
+      std::string_view text(bytes_.data() + at_ + kHeaderSize, length);
+      at_ += kHeaderSize + length;
+      return text;
     }
-    scheduleLocked(queue, takeBlock);
+
+   private:
+    const std::string& bytes_;
+    std::size_t at_ = 0;
+  };
+
+ private:
+  static constexpr std::size_t kHeaderSize = sizeof(PNXLogLevel) + sizeof(std::uint32_t);
+  static constexpr std::size_t kKeptBytes = 4 * kWriteChunkBytes;
+  std::string bytes_;
+};
+
+// Lines waiting for one serial queue. A producer queues the consumer's block only when none
+// is due; the block takes the lines in batches until it finds none left, so a busy log
+// costs one hop (and one wake-up) per burst, not per line, and producers never touch the
+// queue while its block is at work.
+class PNXLog::PendingLines {
+ public:
+  using Batch = LineBatch;
+
+  // The block is queued under the lock, so that a drain() queued after this call runs
+  // after the block that will take the line.
+  template <class Append>
+  void post(const Append& append, pnx::DispatchQueue& queue,
+            const pnx::DispatchQueue::Block& take) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    append(waiting_);
+    if (due_) return;
+    due_ = true;
+    queue.async(take);
   }
 
-  // Swaps the waiting items into `into` (cleared first), so that the two vectors' storage
-  // is reused from batch to batch.
-  void takeAll(std::vector<T>& into) {
+  // Moves the waiting lines into `into` (cleared first); the two buffers' storage goes
+  // back and forth. With none waiting it gives the processor up a few times first, so that
+  // a producer in the middle of a burst (formatting its next line) finds the block still
+  // due and need not wake the queue again; then it returns false and the block is no
+  // longer due: the next line queues a new one.
+  bool take(Batch& into) {
     into.clear();
-    std::lock_guard<std::mutex> lock(mutex_);
-    scheduled_ = false;
-    items_.swap(into);
+    for (int round = 0;; ++round) {
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!waiting_.empty()) {
+          waiting_.swap(into);
+          return true;
+        }
+        if (round == kLingerRounds) {
+          due_ = false;
+          return false;
+        }
+      }
+      std::this_thread::yield();
+    }
   }
 
  private:
-  void scheduleLocked(pnx::DispatchQueue& queue, const std::function<void()>& takeBlock) {
-    if (scheduled_) return;
-    scheduled_ = true;
-    queue.async(takeBlock);
-  }
-
+  static constexpr int kLingerRounds = 3;
   std::mutex mutex_;
-  std::vector<T> items_;
-  bool scheduled_ = false;
-};
-
-}  // namespace
-
-// A message on its way: the level's mark is filled in on the log queue (short marks fit
-// in the string itself, so that costs no allocation).
-struct PNXLog::Line {
-  PNXLogLevel level;
-  std::string mark;
-  std::string text;
+  Batch waiting_;
+  bool due_ = false;
 };
 
 struct PNXLog::Pipeline {
   // The file queue is created first, as the log's set-up has always done.
   std::shared_ptr<pnx::DispatchQueue> fileQueue = pnx::DispatchQueue::create(kFileQueueLabel);
   std::shared_ptr<pnx::DispatchQueue> logQueue = pnx::DispatchQueue::create(kLogQueueLabel);
-  Mailbox<Line> messages;
-  Mailbox<Line> fileLines;
-  std::function<void()> composeBlock;
-  std::function<void()> writeBlock;
+  PendingLines messages;   // level and text, for the log queue
+  PendingLines fileLines;  // mark and text, for the file queue
+  pnx::DispatchQueue::Block composeBlock;
+  pnx::DispatchQueue::Block writeBlock;
 
   // Used on the log queue only.
   std::optional<pnx::SystemLog> systemLog;
   std::string consoleLine;
-  std::vector<Line> composing;
-  std::vector<Line> forwarding;
+  LineBatch composing;
+  LineBatch forwarding;
 
   // Used on the file queue only: the stamp of the current second, and the write buffer.
-  std::vector<Line> writing;
+  LineBatch writing;
   std::string stamp;
   double stampSecond = NAN;
   const pnx::DateFormatter* stampFormatter = nullptr;
@@ -211,9 +260,9 @@ struct PNXLog::Pipeline {
 
 namespace pnx::log_detail {
 
-void submit(PNXLogLevel level, std::string text) {
+void submit(PNXLogLevel level, std::string_view text) {
   PNXLog* log = sharedLog.load(std::memory_order_acquire);
-  if (log) log->enqueue(level, std::move(text));
+  if (log) log->enqueue(level, text);
 }
 
 }  // namespace pnx::log_detail
@@ -355,43 +404,58 @@ bool PNXLog::emailLog(const pnx::Value&) {
 // ---------------------------------------------------------------------------------------
 // The two queues
 
-void PNXLog::enqueue(PNXLogLevel level, std::string text) {
-  pipeline_->messages.post(Line{level, {}, std::move(text)}, *pipeline_->logQueue,
-                           pipeline_->composeBlock);
+// The caller's share: one short lock to append the text to the waiting lines.
+void PNXLog::enqueue(PNXLogLevel level, std::string_view text) {
+  pipeline_->messages.post([&](LineBatch& waiting) { waiting.append(level, text); },
+                           *pipeline_->logQueue, pipeline_->composeBlock);
 }
 
 // On the log queue: prefix, system log, hand-over to the file queue.
 void PNXLog::composeLines() {
-  std::vector<Line>& batch = pipeline_->composing;
-  pipeline_->messages.takeAll(batch);
-  if (pnxFlags.empty()) pnxFlags = defaultSeverityMarks();
-  if (!pipeline_->systemLog) pipeline_->systemLog.emplace(kSystemLogSubsystem, kSystemLogCategory);
-  const pnx::SystemLog& systemLog = *pipeline_->systemLog;
-  std::shared_ptr<pnx::LogSink> sink = pnx::SystemLog::sink();
-  std::string& consoleLine = pipeline_->consoleLine;
-
-  std::vector<Line>& fileLines = pipeline_->forwarding;
-  for (Line& line : batch) {
-    auto mark = pnxFlags.find(line.level);
-    if (mark != pnxFlags.end()) line.mark = mark->second;
-    if (auto type = systemLogType(line.level)) {
-      consoleLine.assign(line.mark).append(line.text);
-      sink->systemLog(*type, systemLog.subsystem(), systemLog.category(), consoleLine);
+  Pipeline& p = *pipeline_;
+  while (p.messages.take(p.composing)) {
+    if (pnxFlags.empty()) pnxFlags = defaultSeverityMarks();
+    if (!p.systemLog) p.systemLog.emplace(kSystemLogSubsystem, kSystemLogCategory);
+    const pnx::SystemLog& systemLog = *p.systemLog;
+    std::shared_ptr<pnx::LogSink> sink = pnx::SystemLog::sink();
+    const bool toFile = logToFile();
+    p.forwarding.clear();
+    for (LineBatch::Cursor lines(p.composing); !lines.atEnd();) {
+      PNXLogLevel level = 0;
+      const std::string_view text = lines.next(&level);
+      auto found = pnxFlags.find(level);
+      const std::string_view mark = found != pnxFlags.end() ? found->second : std::string_view();
+      if (auto type = systemLogType(level)) {
+        p.consoleLine.assign(mark).append(text);
+        sink->systemLog(*type, systemLog.subsystem(), systemLog.category(), p.consoleLine);
+      }
+      if (toFile) p.forwarding.append(level, mark, text);
     }
-    if (logToFile()) fileLines.push_back(std::move(line));
+    if (!p.forwarding.empty()) {
+      p.fileLines.post(
+          [&](LineBatch& waiting) {
+            if (waiting.empty()) {
+              waiting.swap(p.forwarding);
+            } else {
+              waiting.appendAll(p.forwarding);
+            }
+          },
+          *p.fileQueue, p.writeBlock);
+    }
   }
-  if (!fileLines.empty()) {
-    pipeline_->fileLines.postAll(fileLines, *pipeline_->fileQueue, pipeline_->writeBlock);
-  }
+  p.composing.releaseIfLarge();
+  p.forwarding.releaseIfLarge();
 }
 
 // On the file queue: stamp and write.
 void PNXLog::writeQueuedFileLines() {
-  std::vector<Line>& lines = pipeline_->writing;
-  pipeline_->fileLines.takeAll(lines);
-  if (!dateFormatter) dateFormatter = std::make_shared<pnx::DateFormatter>(kStampPattern);
-  std::lock_guard<std::mutex> lock(fileMutex_);
-  writeLinesLocked(lines, true);
+  Pipeline& p = *pipeline_;
+  while (p.fileLines.take(p.writing)) {
+    if (!dateFormatter) dateFormatter = std::make_shared<pnx::DateFormatter>(kStampPattern);
+    std::lock_guard<std::mutex> lock(fileMutex_);
+    writeLinesLocked(p.writing, true);
+  }
+  p.writing.releaseIfLarge();
 }
 
 // The stamp only changes with the second unless the pattern prints fractions of one.
@@ -415,44 +479,45 @@ const std::string& PNXLog::stampNow() {
 // The file
 
 void PNXLog::writeFileLog(const std::string& line) {
+  LineBatch single;
+  single.append(0, line);
   std::lock_guard<std::mutex> lock(fileMutex_);
-  writeLinesLocked({Line{0, {}, line}}, false);
+  writeLinesLocked(single, false);
 }
 
 // Writes each line followed by lineData, as writeFileLog does one at a time, but gathers
 // consecutive lines into one write until one of them takes the file past maximumSize:
 // that is where a line-by-line writer would rotate. A line met without an open file is
 // lost, and the next one tries to open the file again. The lines of one write are handled
-// at the same moment and share its stamp.
-void PNXLog::writeLinesLocked(const std::vector<Line>& lines, bool stamp) {
+// at the same moment and share its stamp. The file is opened for appending, so lines of
+// other processes writing the same file land between ours, never over them.
+void PNXLog::writeLinesLocked(const LineBatch& lines, bool stamp) {
   const pnx::Data separator = lineData();
+  const std::string_view separatorText(reinterpret_cast<const char*>(separator.data()),
+                                       separator.size());
   std::string& buffer = pipeline_->buffer;
-  std::size_t next = 0;
-  while (next < lines.size()) {
+  LineBatch::Cursor cursor(lines);
+  while (!cursor.atEnd()) {
     if (!fileHandle_) fileHandle_ = openFileHandleLocked();
     if (!fileHandle_) {
-      ++next;
+      cursor.next();
       continue;
     }
+    // Held over the write and the rotation it may call for, so that no process finds the
+    // live file past maximumSize (and rotates it, losing a line) while its writer has yet to
+    // rotate it.
+    const std::unique_ptr<pnx::FileLock> lock = lockLogsDirectory();
     const std::uint64_t limit = maximumSize();
-    std::uint64_t offset = fileHandle_->offset();
-    const std::string noStamp;
-    const std::string& stampText = stamp ? stampNow() : noStamp;
+    std::uint64_t offset = fileHandle_->seekToEnd();
+    const std::string_view stampText = stamp ? std::string_view(stampNow()) : std::string_view();
     buffer.clear();
     do {
       const std::size_t before = buffer.size();
-      const Line& line = lines[next++];
-      buffer.append(stampText).append(line.mark).append(line.text);
-      buffer.append(separator.begin(), separator.end());
+      buffer.append(stampText).append(cursor.next()).append(separatorText);
       offset += buffer.size() - before;
-    } while (next < lines.size() && offset <= limit && buffer.size() < kWriteChunkBytes);
+    } while (!cursor.atEnd() && offset <= limit && buffer.size() < kWriteChunkBytes);
     fileHandle_->write(buffer);
-    if (fileHandle_->offset() > limit) {
-      fileHandle_->close();
-      fileHandle_.reset();
-      rotate();
-      fileHandle_ = openFileHandleLocked();
-    }
+    if (fileHandle_->offset() > limit) rotateAfterWriteLocked();
   }
   if (buffer.capacity() > kWriteChunkBytes) std::string().swap(buffer);
 }
@@ -463,6 +528,26 @@ std::shared_ptr<pnx::FileHandle> PNXLog::openFileHandle() {
 
 // Needs no lock of its own: it touches the file system and the settings, not fileHandle_.
 std::shared_ptr<pnx::FileHandle> PNXLog::openFileHandleLocked() {
+  prepareLogsDirectory();
+  pnx::FileManager& files = pnx::FileManager::current();
+  const std::unique_ptr<pnx::FileLock> lock = lockLogsDirectory();
+  const std::string path = numberedPath(0);
+  if (!files.fileExists(path)) return openLiveFile(true);
+
+  pnx::ErrorPtr error;
+  std::optional<pnx::FileInfo> info = files.attributesOfItem(path, &error);
+  if (error) {
+    PNXLogError("Couldn't get file attributes for %@: %@", path, error->localizedDescription());
+  }
+  const std::uint64_t size = info ? info->size : 0;
+  if (size <= maximumSize()) return openLiveFile(true);
+  // An oversized file is rotated, and no live file is created in its place: the line being
+  // written is lost, and the next line finds no file and creates it.
+  shift(0);
+  return openLiveFile(false);
+}
+
+void PNXLog::prepareLogsDirectory() {
   pnx::FileManager& files = pnx::FileManager::current();
   const std::string directory = logsDirectory();
   bool isDirectory = false;
@@ -482,27 +567,59 @@ std::shared_ptr<pnx::FileHandle> PNXLog::openFileHandleLocked() {
       storeLogsDirectory(defaultLogsDirectory());
     }
   }
+}
 
-  // After rotating an oversized file no live file exists, so the open below fails and the
-  // line being written is lost; the next line finds no file and creates it.
+// Opens "PNX.log" for appending, creating it (readable by the user only) when asked to. A
+// failure other than a missing file is reported once, not again for each line it costs.
+std::shared_ptr<pnx::FileHandle> PNXLog::openLiveFile(bool creating) {
   const std::string path = numberedPath(0);
-  if (files.fileExists(path)) {
-    pnx::ErrorPtr error;
-    std::optional<pnx::FileInfo> info = files.attributesOfItem(path, &error);
-    if (error) {
-      PNXLogError("Couldn't get file attributes for %@: %@", path, error->localizedDescription());
-    }
-    const std::uint64_t size = info ? info->size : 0;
-    if (size > maximumSize()) rotate();
-  } else {
-    pnx::ErrorPtr ignored;
-    files.createFile(path, {}, privateAttributes(0600), &ignored);
+  pnx::ErrorPtr error;
+  std::shared_ptr<pnx::FileHandle> handle = pnx::FileManager::current().fileHandleForAppending(
+      path, creating ? std::optional(privateAttributes(0600)) : std::nullopt, &error);
+  if (handle) {
+    lastOpenFailure_.clear();
+    handle->seekToEnd();
+    return handle;
   }
+  pnx::ErrorPtr reason = error ? error->underlyingError() : nullptr;
+  if (!reason || reason->code() == ENOENT) return nullptr;
+  const std::string failure =
+      reason->code() == ELOOP
+          ? pnx::format("Refused log file %@: it is a symbolic link.", path)
+          : pnx::format("Couldn't open log file %@: %@", path, reason->localizedDescription());
+  if (failure != lastOpenFailure_) {
+    lastOpenFailure_ = failure;
+    PNXLogError("%@", failure);
+  }
+  return nullptr;
+}
 
-  std::unique_ptr<pnx::FileHandle> handle = files.fileHandleForUpdating(path);
-  if (!handle) return nullptr;
-  handle->seekToEnd();
-  return handle;
+// The live file has grown past maximumSize. Rotates it, unless another process did so
+// first (the handle then no longer names "PNX.log"), and goes on in the new live file.
+// Called with the directory's lock held, so two processes that both see the file too large
+// rotate it once.
+void PNXLog::rotateAfterWriteLocked() {
+  const bool ours = holdsLiveFile();
+  fileHandle_->close();
+  fileHandle_.reset();
+  if (ours) shift(0);
+  fileHandle_ = openLiveFile(true);
+}
+
+// True unless "PNX.log" is known to be another file than the one held.
+bool PNXLog::holdsLiveFile() const {
+  std::optional<pnx::FileInfo> held = fileHandle_->attributes();
+  if (!held) return true;
+  std::optional<pnx::FileInfo> live =
+      pnx::FileManager::current().attributesOfItem(numberedPath(0), nullptr);
+  return live && live->fileSystemNumber == held->fileSystemNumber &&
+         live->fileSystemFileNumber == held->fileSystemFileNumber;
+}
+
+// Logging goes on without the lock when the directory can't be opened (the opening or
+// the moves that follow then fail and say so).
+std::unique_ptr<pnx::FileLock> PNXLog::lockLogsDirectory() {
+  return pnx::FileManager::current().lockItem(logsDirectory(), nullptr);
 }
 
 void PNXLog::rotate() {
@@ -510,13 +627,18 @@ void PNXLog::rotate() {
 }
 
 void PNXLog::rotate(std::int32_t index) {
+  const std::unique_ptr<pnx::FileLock> lock = lockLogsDirectory();
+  shift(index);
+}
+
+void PNXLog::shift(std::int32_t index) {
   pnx::FileManager& files = pnx::FileManager::current();
   const std::int64_t nextIndex = static_cast<std::int64_t>(index) + 1;
   if (nextIndex > INT32_MAX) return;
   const std::string source = numberedPath(index);
   const std::string destination = numberedPath(static_cast<std::int32_t>(nextIndex));
   if (nextIndex < maximumNumberOfLogFiles()) {
-    if (files.fileExists(destination)) rotate(static_cast<std::int32_t>(nextIndex));
+    if (files.fileExists(destination)) shift(static_cast<std::int32_t>(nextIndex));
   } else {
     pnx::ErrorPtr ignored;
     files.removeItem(destination, &ignored);

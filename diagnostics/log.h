@@ -60,7 +60,7 @@ inline bool passes(PNXLogLevel level) {
 }
 
 // Queues an already formatted message; dropped when the log does not exist yet.
-PNX_EXPORT void submit(PNXLogLevel level, std::string text);
+PNX_EXPORT void submit(PNXLogLevel level, std::string_view text);
 
 // Kept out of line so that the filtered path of the level functions stays a load, a
 // comparison and a branch.
@@ -138,12 +138,17 @@ class PNX_EXPORT PNXLog {
 
   // Prepares the logs directory (falling back to the default one when it is a file or
   // can't be created) and the live file, rotating an oversized one, and returns a handle
-  // positioned at the end of the live file; nullptr when it can't be opened.
+  // positioned at the end of the live file; nullptr when it can't be opened. The file is
+  // opened for appending and created when missing, never replaced: other processes may
+  // write the same files. A symbolic link in its place is refused.
   std::shared_ptr<pnx::FileHandle> openFileHandle();
   // Appends one line (and lineData) to the live file, rotating afterwards when the file
-  // has grown past maximumSize. Called by the file queue; safe from other threads.
+  // has grown past maximumSize; when another process has rotated it already, follows it
+  // to the new live file instead. Safe from any thread.
   void writeFileLog(const std::string& line);
-  // Shifts "PNX.log" to "PNX-1.log", moving the existing backups up first.
+  // Shifts "PNX.log" to "PNX-1.log", moving the existing backups up first. Holds the
+  // advisory lock on the logs directory meanwhile, as every process's log does for its
+  // file work, so that two processes never shift the same files at once.
   void rotate();
   // Shifts numberedPath(index) to numberedPath(index + 1), moving that one up first when
   // it exists and is still within the limit, and dropping it otherwise.
@@ -161,18 +166,25 @@ class PNX_EXPORT PNXLog {
 
  private:
   struct Pipeline;
-  struct Line;
-  friend void pnx::log_detail::submit(PNXLogLevel level, std::string text);
+  class LineBatch;
+  class PendingLines;
+  friend void pnx::log_detail::submit(PNXLogLevel level, std::string_view text);
 
   PNXLog();
   ~PNXLog() = delete;
 
-  void enqueue(PNXLogLevel level, std::string text);
+  void enqueue(PNXLogLevel level, std::string_view text);
   void composeLines();
   void writeQueuedFileLines();
-  void writeLinesLocked(const std::vector<Line>& lines, bool stamp);
+  void writeLinesLocked(const LineBatch& lines, bool stamp);
   const std::string& stampNow();
+  void prepareLogsDirectory();
   std::shared_ptr<pnx::FileHandle> openFileHandleLocked();
+  std::shared_ptr<pnx::FileHandle> openLiveFile(bool creating);
+  void rotateAfterWriteLocked();
+  bool holdsLiveFile() const;
+  void shift(std::int32_t index);
+  std::unique_ptr<pnx::FileLock> lockLogsDirectory();
   void storeLogsDirectory(std::string path);
 
   std::atomic<std::uint64_t> maximumSize_;
@@ -183,9 +195,11 @@ class PNX_EXPORT PNXLog {
   mutable std::optional<std::string> logsDirectory_;  // the default until set
   pnx::Data lineData_;
 
-  // Guards fileHandle_, and keeps file writes of the queue apart from direct calls.
+  // Guards fileHandle_ and lastOpenFailure_, and keeps file writes of the queue apart
+  // from direct calls.
   mutable std::mutex fileMutex_;
   std::shared_ptr<pnx::FileHandle> fileHandle_;
+  std::string lastOpenFailure_;  // reported once, not again for every line it costs
 
   std::unique_ptr<Pipeline> pipeline_;
 };

@@ -2,7 +2,9 @@
 
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -11,6 +13,8 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -272,6 +276,81 @@ TEST_F(LogTest, LinesFromManyThreadsKeepTheirOrderAndHostMarksAreKept) {
     ASSERT_EQ(std::sscanf(line.c_str(), "E: %d %d", &thread, &index), 2) << line;
     EXPECT_EQ(index, next[thread]++);
   }
+}
+
+// Two processes start together and write numbered lines into the same files, rotating
+// them as they go: every line ends up whole in "PNX.log" or a backup (the limit on backups
+// is set high enough that none is dropped).
+TEST_F(LogTest, TwoProcessesWritingAndRotatingTheSameFilesLoseNoLine) {
+  log.drain();
+  log.setMaximumSize(4096);
+  log.setMaximumNumberOfLogFiles(1000);
+  constexpr int kProcesses = 2;
+  constexpr int kLinesEach = 3000;
+  std::vector<pid_t> children;
+  for (int process = 0; process < kProcesses; ++process) {
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      for (int i = 0; i < kLinesEach; ++i) {
+        log.writeFileLog("process " + std::to_string(process) + " line " + std::to_string(i));
+      }
+      _exit(0);
+    }
+    children.push_back(pid);
+  }
+  for (pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+
+  std::set<std::pair<int, int>> seen;
+  std::vector<std::string> strays;
+  int files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+    ++files;
+    std::istringstream lines(dir.read(entry.path().filename().string()));
+    for (std::string line; std::getline(lines, line);) {
+      int process = -1;
+      int index = -1;
+      char end = 0;
+      if (std::sscanf(line.c_str(), "process %d line %d%c", &process, &index, &end) != 2 ||
+          !seen.insert({process, index}).second) {
+        strays.push_back(line);
+      }
+    }
+  }
+  EXPECT_GT(files, 10);  // rotated many times over
+  EXPECT_EQ(seen.size(), static_cast<std::size_t>(kProcesses * kLinesEach));
+  EXPECT_TRUE(strays.empty()) << strays.size()
+                              << " torn or repeated lines, first: " << strays.front();
+}
+
+// A symbolic link in the place of "PNX.log", dangling or not, is neither followed nor
+// replaced: the lines are refused, and said so once.
+TEST_F(LogTest, ALiveFileThatIsASymbolicLinkIsRefused) {
+  const std::string target = dir.write("elsewhere/target", "");
+  std::filesystem::create_directory(dir.file("linked"));
+  std::filesystem::create_directory(dir.file("dangling"));
+  std::filesystem::create_symlink(target, dir.file("linked/PNX.log"));
+  std::filesystem::create_symlink(dir.file("elsewhere/missing"), dir.file("dangling/PNX.log"));
+  for (const char* logs : {"linked", "dangling"}) {
+    log.setLogsDirectory(dir.file(logs));
+    PNXLogError("first");
+    PNXLogError("second");
+    log.drain();
+    EXPECT_TRUE(std::filesystem::is_symlink(dir.file(std::string(logs) + "/PNX.log"))) << logs;
+  }
+  EXPECT_EQ(dir.read("elsewhere/target"), "");
+  EXPECT_FALSE(std::filesystem::exists(dir.file("elsewhere/missing")));
+  int refusals = 0;
+  for (const std::string& line : capture.lines()) {
+    refusals += line.find("it is a symbolic link.") != std::string::npos;
+  }
+  EXPECT_EQ(refusals, 2);
+  EXPECT_TRUE(capture.contains(kError + "Refused log file " + dir.file("linked/PNX.log") +
+                               ": it is a symbolic link."));
 }
 
 }  // namespace

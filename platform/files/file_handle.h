@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/foundation/error.h"
@@ -13,6 +14,8 @@
 #include "platform/foundation/value.h"
 
 namespace pnx {
+
+struct FileInfo;  // file_manager.h
 
 class PNX_EXPORT FileHandle {
  public:
@@ -30,6 +33,15 @@ class PNX_EXPORT FileHandle {
   virtual std::uint64_t offset() const = 0;
   virtual bool synchronize(ErrorPtr* error = nullptr) = 0;  // fsync
   virtual void close() = 0;
+  // The open file's attributes, wherever it has been moved since it was opened.
+  virtual std::optional<FileInfo> attributes(ErrorPtr* error = nullptr) const = 0;
+};
+
+// An advisory lock on a file or directory, held until the object goes away. Holders of the
+// lock on the same item, in this process or another, take turns; nothing else is kept out.
+class PNX_EXPORT FileLock {
+ public:
+  virtual ~FileLock() = default;
 };
 
 }  // namespace pnx

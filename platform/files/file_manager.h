@@ -59,6 +59,10 @@ struct FileInfo {
   bool isDirectory = false;
   mode_t posixPermissions = 0;
   std::optional<std::string> protection;
+  // Which file this is: the device and the file's number on it (NSFileSystemNumber and
+  // NSFileSystemFileNumber). Two paths or handles name the same file when both are equal.
+  std::uint64_t fileSystemNumber = 0;
+  std::uint64_t fileSystemFileNumber = 0;
 };
 
 class FileManager {
@@ -95,6 +99,19 @@ class FileManager {
                                                     ErrorPtr* error = nullptr) {
     return fileHandleForUpdating(path, FileOpenOptions(), error);
   }
+  // Opens a regular file for appending: every write lands at the end of the file, even
+  // when other processes append to it at the same time. With `creating`, a missing file is
+  // created with those attributes from the start; a file that exists (or appears meanwhile)
+  // is opened as it is, never replaced. A symbolic link at the path is refused, dangling
+  // or not.
+  virtual std::unique_ptr<FileHandle> fileHandleForAppending(
+      const std::string& path, const std::optional<FileAttributes>& creating,
+      ErrorPtr* error = nullptr) = 0;
+  // Waits for the advisory lock on an existing item (a directory too); nullptr (and
+  // *error) when the item can't be opened. Not reentrant: a second lock on the same item
+  // waits for the first, even on the same thread.
+  virtual std::unique_ptr<FileLock> lockItem(const std::string& path,
+                                             ErrorPtr* error = nullptr) = 0;
 };
 
 // Forwards every call to a target; fault fakes derive from it and override what they need.
@@ -138,6 +155,14 @@ class FileManagerWrapper : public FileManager {
                                                     const FileOpenOptions& options,
                                                     ErrorPtr* error = nullptr) override {
     return target_->fileHandleForUpdating(path, options, error);
+  }
+  std::unique_ptr<FileHandle> fileHandleForAppending(const std::string& path,
+                                                     const std::optional<FileAttributes>& creating,
+                                                     ErrorPtr* error = nullptr) override {
+    return target_->fileHandleForAppending(path, creating, error);
+  }
+  std::unique_ptr<FileLock> lockItem(const std::string& path, ErrorPtr* error = nullptr) override {
+    return target_->lockItem(path, error);
   }
 
  private:

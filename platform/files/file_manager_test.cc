@@ -6,8 +6,11 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "platform/files/fixtures_test.h"
 
@@ -123,6 +126,90 @@ TEST_F(FileManagerTest, CreatesDirectoriesWithIntermediatesAndAttributes) {
   dir.write("file", "");
   EXPECT_FALSE(files.createDirectory(dir.file("file"), true, {}, &error));
   EXPECT_EQ(error->code(), 516);
+}
+
+// A directory is made with its final permissions: one watching the path while it is made
+// never sees it more open than asked for, not even for a moment.
+TEST_F(FileManagerTest, DirectoriesAreNeverMoreOpenThanAsked) {
+  const std::string parent = dir.file("watched");
+  const std::string child = parent + "/logs";
+  std::atomic<bool> done{false};
+  std::atomic<mode_t> widest{0};
+  std::thread watcher([&] {
+    while (!done.load()) {
+      for (const std::string& path : {parent, child}) {
+        struct stat info {};
+        if (stat(path.c_str(), &info) == 0) widest.fetch_or(info.st_mode & 0077);
+      }
+    }
+  });
+  for (int round = 0; round < 300 && widest.load() == 0; ++round) {
+    ErrorPtr error;
+    ASSERT_TRUE(files.createDirectory(child, true, permissions(0700), &error));
+    std::filesystem::remove_all(parent);
+  }
+  done = true;
+  watcher.join();
+  EXPECT_EQ(widest.load(), 0u);
+}
+
+TEST_F(FileManagerTest, AppendingCreatesPrivatelyNeverReplacesAndRefusesLinks) {
+  const std::string path = dir.file("live.log");
+  ErrorPtr error;
+  auto first = files.fileHandleForAppending(path, permissions(0600), &error);
+  ASSERT_TRUE(first) << error->description();
+  EXPECT_EQ(modeOf(path), 0600u);
+  // A second opening, creating or not, joins the same file; writes of both land at its end.
+  auto second = files.fileHandleForAppending(path, permissions(0600), &error);
+  auto third = files.fileHandleForAppending(path, std::nullopt, &error);
+  ASSERT_TRUE(second && third);
+  EXPECT_TRUE(first->write(std::string("one ")) && second->write(std::string("two ")) &&
+              first->write(std::string("three ")) && third->write(std::string("four")));
+  EXPECT_EQ(dir.read("live.log"), "one two three four");
+  EXPECT_EQ(first->offset(), 14u);  // the end of its own last write
+  EXPECT_FALSE(files.fileHandleForAppending(dir.file("missing"), std::nullopt, nullptr));
+
+  // The handle still names its file after a move; the path then names another.
+  ASSERT_TRUE(files.moveItem(path, dir.file("moved.log"), &error));
+  auto fresh = files.fileHandleForAppending(path, permissions(0600), &error);
+  ASSERT_TRUE(fresh);
+  const auto held = first->attributes();
+  const auto moved = files.attributesOfItem(dir.file("moved.log"), nullptr);
+  const auto live = files.attributesOfItem(path, nullptr);
+  ASSERT_TRUE(held && moved && live);
+  EXPECT_EQ(held->fileSystemFileNumber, moved->fileSystemFileNumber);
+  EXPECT_NE(held->fileSystemFileNumber, live->fileSystemFileNumber);
+  EXPECT_EQ(held->size, 18u);
+
+  // Links (dangling too), directories and FIFOs are refused and left as they are.
+  std::filesystem::create_symlink(dir.file("moved.log"), dir.file("link"));
+  std::filesystem::create_symlink(dir.file("nowhere"), dir.file("dangling"));
+  std::filesystem::create_directory(dir.file("folder"));
+  ASSERT_EQ(mkfifo(dir.file("fifo").c_str(), 0600), 0);
+  for (const char* name : {"link", "dangling", "folder", "fifo"}) {
+    error.reset();
+    EXPECT_FALSE(files.fileHandleForAppending(dir.file(name), permissions(0600), &error)) << name;
+    EXPECT_TRUE(error) << name;
+  }
+  EXPECT_TRUE(std::filesystem::is_symlink(dir.file("dangling")));
+  EXPECT_FALSE(std::filesystem::exists(dir.file("nowhere")));
+}
+
+TEST_F(FileManagerTest, LocksAreTakenInTurns) {
+  ErrorPtr error;
+  auto held = files.lockItem(dir.path(), &error);
+  ASSERT_TRUE(held);
+  std::atomic<bool> taken{false};
+  std::thread other([&] {
+    auto lock = files.lockItem(dir.path(), nullptr);
+    taken = lock != nullptr;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_FALSE(taken.load());
+  held.reset();
+  other.join();
+  EXPECT_TRUE(taken.load());
+  EXPECT_FALSE(files.lockItem(dir.file("missing"), &error));
 }
 
 TEST_F(FileManagerTest, CreateFileReplacesWholeAndLeavesNoTemporaries) {

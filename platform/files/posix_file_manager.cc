@@ -8,7 +8,9 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -168,6 +170,12 @@ class Descriptor {
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
   int get() const { return fd_; }
+  // Hands the descriptor over; it is no longer closed here.
+  int release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
   // Closes now and reports close's own failure (a deferred write error on some file systems).
   int close() {
     int result = ::close(fd_);
@@ -303,6 +311,28 @@ Date dateOf(const statx_timestamp& stamp) {
   return Date(static_cast<double>(stamp.tv_sec) + stamp.tv_nsec / 1e9);
 }
 
+// Everything but the protection, which lives in an extended attribute.
+FileInfo fileInfoOf(const struct statx& status) {
+  FileInfo info;
+  info.size = status.stx_size;
+  info.creationDate = dateOf((status.stx_mask & STATX_BTIME) ? status.stx_btime : status.stx_ctime);
+  info.modificationDate = dateOf(status.stx_mtime);
+  info.isDirectory = S_ISDIR(status.stx_mode);
+  info.posixPermissions = status.stx_mode & 07777;
+  info.fileSystemNumber = makedev(status.stx_dev_major, status.stx_dev_minor);
+  info.fileSystemFileNumber = status.stx_ino;
+  return info;
+}
+
+class PosixFileLock final : public FileLock {
+ public:
+  explicit PosixFileLock(int fd) : fd_(fd) {}
+  ~PosixFileLock() override { ::close(fd_); }  // closing the last descriptor unlocks
+
+ private:
+  int fd_;
+};
+
 class PosixFileHandle final : public FileHandle {
  public:
   PosixFileHandle(int fd, std::string path) : fd_(fd), path_(std::move(path)) {}
@@ -333,6 +363,19 @@ class PosixFileHandle final : public FileHandle {
   void close() override {
     int fd = fd_.exchange(-1);
     if (fd >= 0) ::close(fd);
+  }
+
+  std::optional<FileInfo> attributes(ErrorPtr* error) const override {
+    struct statx status {};
+    if (statx(fd_.load(), "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &status) != 0) {
+      fail(error, errno, Operation::Read, path_);
+      return std::nullopt;
+    }
+    FileInfo info = fileInfoOf(status);
+    char buffer[256];
+    ssize_t length = fgetxattr(fd_.load(), kProtectionAttribute, buffer, sizeof buffer);
+    if (length >= 0) info.protection = std::string(buffer, static_cast<std::size_t>(length));
+    return info;
   }
 
  private:
@@ -417,13 +460,7 @@ class PosixFileManager final : public FileManager {
       fail(error, errno, Operation::Read, path);
       return std::nullopt;
     }
-    FileInfo info;
-    info.size = status.stx_size;
-    info.creationDate =
-        dateOf((status.stx_mask & STATX_BTIME) ? status.stx_btime : status.stx_ctime);
-    info.modificationDate = dateOf(status.stx_mtime);
-    info.isDirectory = S_ISDIR(status.stx_mode);
-    info.posixPermissions = status.stx_mode & 07777;
+    FileInfo info = fileInfoOf(status);
     info.protection = readProtection(path);
     return info;
   }
@@ -464,7 +501,81 @@ class PosixFileManager final : public FileManager {
     return std::make_unique<PosixFileHandle>(fd, path);
   }
 
+  std::unique_ptr<FileHandle> fileHandleForAppending(const std::string& path,
+                                                     const std::optional<FileAttributes>& creating,
+                                                     ErrorPtr* error) override {
+    // O_NONBLOCK keeps a FIFO planted at the path from blocking the open; it means
+    // nothing for the regular file that is then required.
+    const int flags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    // A file removed between the two opens below is created again; a few rounds suffice.
+    for (int attempt = 0; attempt < 8; ++attempt) {
+      if (creating) {
+        const mode_t mode = creating->posixPermissions.value_or(0644);
+        Descriptor fd(open(path.c_str(), flags | O_CREAT | O_EXCL, mode));
+        if (fd.get() >= 0) {
+          // Only narrowed by the umask so far; never wider than asked for.
+          int err = 0;
+          if (creating->posixPermissions && fchmod(fd.get(), mode) != 0) err = errno;
+          if (!err) err = setProtection(path, fd.get(), creating->protection);
+          if (err) {
+            unlink(path.c_str());
+            fail(error, err, Operation::Write, path);
+            return nullptr;
+          }
+          return appendingHandle(fd, path, error);
+        }
+        if (errno != EEXIST) {
+          fail(error, errno, Operation::Write, path);
+          return nullptr;
+        }
+      }
+      Descriptor fd(open(path.c_str(), flags));
+      if (fd.get() >= 0) return appendingHandle(fd, path, error);
+      if (errno != ENOENT || !creating) {
+        fail(error, errno, Operation::Read, path);
+        return nullptr;
+      }
+    }
+    fail(error, ENOENT, Operation::Write, path);
+    return nullptr;
+  }
+
+  std::unique_ptr<FileLock> lockItem(const std::string& path, ErrorPtr* error) override {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+      fail(error, errno, Operation::Read, path);
+      return nullptr;
+    }
+    while (flock(fd, LOCK_EX) != 0) {
+      if (errno == EINTR) continue;
+      int err = errno;
+      ::close(fd);
+      fail(error, err, Operation::Read, path);
+      return nullptr;
+    }
+    return std::make_unique<PosixFileLock>(fd);
+  }
+
  private:
+  // Takes the descriptor over when it is a regular file, and gives blocking writes back.
+  static std::unique_ptr<FileHandle> appendingHandle(Descriptor& fd, const std::string& path,
+                                                     ErrorPtr* error) {
+    struct stat info {};
+    if (fstat(fd.get(), &info) != 0) {
+      fail(error, errno, Operation::Read, path);
+      return nullptr;
+    }
+    if (!S_ISREG(info.st_mode)) {
+      fail(error, S_ISDIR(info.st_mode) ? EISDIR : EINVAL, Operation::Read, path);
+      return nullptr;
+    }
+    if (fcntl(fd.get(), F_SETFL, O_APPEND) != 0) {
+      fail(error, errno, Operation::Read, path);
+      return nullptr;
+    }
+    return std::make_unique<PosixFileHandle>(fd.release(), path);
+  }
+
   // mkdir for one directory; an existing item is an error, as the platform has it.
   static int makeOne(const std::string& path, mode_t mode, std::vector<std::string>* created) {
     if (mkdir(path.c_str(), mode) != 0) return errno;

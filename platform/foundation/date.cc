@@ -59,21 +59,38 @@ struct Fields {
   std::int64_t micros = 0;
 };
 
-// localtime_r only reads TZ once, so the zone is re-read whenever TZ has changed since the
-// last call. tzset itself is thread-safe; the mutex guards our copy of the TZ text.
-void refreshLocalZone() {
-  static std::mutex mutex;
-  static bool initialised = false;
-  static bool lastWasSet = false;
-  static std::string lastTZ;
-  const char* tz = std::getenv("TZ");
-  std::lock_guard<std::mutex> lock(mutex);
-  bool unchanged = initialised && lastWasSet == (tz != nullptr) && (!tz || lastTZ == tz);
-  if (unchanged) return;
+// The C library keeps the local zone's rules in process-wide state: tzset builds it from
+// TZ, and localtime_r (ours, and the one syslog(3) calls to stamp each line of the system
+// log) builds it lazily on first use. A later tzset frees and rebuilds it. glibc guards
+// that state with a lock of its own, which ThreadSanitizer cannot see; so the first set-up
+// happens once, under a once-only guard that every user of the zone passes first
+// (prepareLocalZone), and every later tzset under zoneMutex. TZ is read again on each
+// formatting, so a changed TZ is picked up; changing it (setenv) while another thread
+// formats a date is the changer's race, as with any setenv.
+std::mutex& zoneMutex() {
+  static auto* mutex = new std::mutex;
+  return *mutex;
+}
+
+bool zoneWasSet = false;  // guarded by zoneMutex(), like zoneText
+std::string& zoneText() {
+  static auto* text = new std::string;
+  return *text;
+}
+
+// Called with zoneMutex() held.
+void loadZone(const char* tz) {
   tzset();
-  initialised = true;
-  lastWasSet = tz != nullptr;
-  lastTZ = tz ? tz : "";
+  zoneWasSet = tz != nullptr;
+  zoneText() = tz ? tz : "";
+}
+
+void refreshLocalZone() {
+  prepareLocalZone();
+  const char* tz = std::getenv("TZ");
+  std::lock_guard<std::mutex> lock(zoneMutex());
+  const bool unchanged = zoneWasSet == (tz != nullptr) && (!tz || zoneText() == tz);
+  if (!unchanged) loadZone(tz);
 }
 
 Fields fieldsOf(Date date, DateFormatter::Zone zone) {
@@ -244,6 +261,15 @@ bool parseZone(Scanner& scan, long& offset) {
 }
 
 }  // namespace
+
+void prepareLocalZone() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    const char* tz = std::getenv("TZ");
+    std::lock_guard<std::mutex> lock(zoneMutex());
+    loadZone(tz);
+  });
+}
 
 // ---------------------------------------------------------------------------------------
 

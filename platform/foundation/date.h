@@ -72,4 +72,10 @@ class PNX_EXPORT DateFormatter {
   Zone zone_;
 };
 
+// Sets up the C library's local zone from TZ, once per process; formatting in the local
+// zone does so itself. Code that reaches the C library's local time some other way (the
+// system log: syslog(3) stamps its lines) calls this first, so that the zone is never set
+// up by two threads at once.
+void prepareLocalZone();
+
 }  // namespace pnx

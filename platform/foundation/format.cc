@@ -1,6 +1,7 @@
 #include "platform/foundation/format.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -200,6 +201,19 @@ std::string cFormat(const Directive& directive, const char* length, char convers
   return out;
 }
 
+// A plain "%d", "%u", "%x" or "%o" (no flags, width or precision), the common case in
+// log messages, is written directly rather than through snprintf.
+template <class T>
+std::string integerText(const Directive& directive, T value) {
+  const bool plain = directive.flags.empty() && directive.width < 0 && directive.precision < 0;
+  if (!plain || directive.conversion == 'X')
+    return cFormat(directive, "ll", directive.conversion, value);
+  const int base = directive.conversion == 'x' ? 16 : directive.conversion == 'o' ? 8 : 10;
+  char digits[24];
+  const auto result = std::to_chars(digits, digits + sizeof digits, value, base);
+  return std::string(digits, result.ptr);
+}
+
 // Integers follow C's widths: no length modifier means int, h short, hh char, and any of
 // l ll q z t j L a 64-bit value. So "%x" of -1 prints ffffffff as it would in C.
 std::string formatInteger(const Directive& directive, std::uint64_t bits) {
@@ -210,13 +224,13 @@ std::string formatInteger(const Directive& directive, std::uint64_t bits) {
     if (len.empty()) v = static_cast<int>(bits);
     if (len == "h") v = static_cast<short>(bits);
     if (len == "hh") v = static_cast<signed char>(bits);
-    return cFormat(directive, "ll", directive.conversion, v);
+    return integerText(directive, v);
   }
   unsigned long long v = bits;
   if (len.empty()) v = static_cast<unsigned>(bits);
   if (len == "h") v = static_cast<unsigned short>(bits);
   if (len == "hh") v = static_cast<unsigned char>(bits);
-  return cFormat(directive, "ll", directive.conversion, v);
+  return integerText(directive, v);
 }
 
 std::string formatCharacter(const Directive& directive, const Arg* arg) {

@@ -31,6 +31,7 @@ int syslogPriority(LogType type) {
 class DefaultSink final : public LogSink {
  public:
   void systemLog(LogType type, std::string_view, std::string_view, std::string_view text) override {
+    prepareLocalZone();  // syslog stamps the line in local time
     syslog(LOG_USER | syslogPriority(type), "%.*s", static_cast<int>(text.size()), text.data());
   }
 

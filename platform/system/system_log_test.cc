@@ -1,0 +1,38 @@
+#include "platform/system/system_log.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "platform/foundation/date.h"
+
+namespace pnx {
+namespace {
+
+// syslog(3) stamps its lines in local time, and so does DateFormatter: the first of them in
+// the process sets up the C library's zone. Here the system log goes first on one thread
+// and a formatter follows on another, ordered by nothing ThreadSanitizer counts as
+// synchronisation (a relaxed flag), as two unrelated threads of a program would be. Setting
+// up the zone twice, or tearing down one thread's set-up on the other, is a race it
+// reports. Meaningful in a process of its own, before anything else used the zone (ctest
+// runs each test so).
+TEST(SystemLogTest, TheFirstLineAndTheFirstLocalTimeOnTwoThreadsDoNotRace) {
+  SystemLog::setSink(nullptr);  // syslog(3) itself
+  std::atomic<bool> logged{false};
+  std::thread systemLogUser([&] {
+    SystemLog("Quorvex", "PNX").write(LogType::Debug, "pnx test: a line for the system log");
+    logged.store(true, std::memory_order_relaxed);
+  });
+  std::string stamp;
+  std::thread formatter([&] {
+    while (!logged.load(std::memory_order_relaxed)) std::this_thread::yield();
+    stamp = DateFormatter("yyyy-MM-dd HH:mm:ss ZZZ").stringFromDate(Date(1625065452));
+  });
+  systemLogUser.join();
+  formatter.join();
+  EXPECT_EQ(stamp.size(), 25u) << stamp;
+}
+
+}  // namespace
+}  // namespace pnx
