@@ -293,16 +293,9 @@ std::optional<std::string> PNXConfig::validateAppKey(const pnx::Value& dictionar
 pnx::URL PNXConfig::trimmedBaseUrlWithString(const std::string& text) const {
   auto parsed = pnx::URL::parse(text);
   pnx::URL url = parsed && !parsed->scheme().empty() ? *parsed : defaultBaseUrl();
-  if (url.lastPathComponent().empty()) return url;
-  while (url.lastPathComponent() != "/") {
-    pnx::URL parent = url.deletingLastPathComponent();
-    // A parent equal to the URL itself would never reach the root: stop there.
-    if (parent.lastPathComponent().empty() || parent.absoluteString() == url.absoluteString()) {
-      return parent;
-    }
-    url = parent;
-  }
-  return url;
+  // Deleting the last path component until the root is reached, in one step: a loop over
+  // the components would copy the whole URL once per component.
+  return url.deletingPathToRoot();
 }
 
 // MARK: app delegate classes

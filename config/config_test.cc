@@ -236,10 +236,16 @@ TEST_F(ConfigTest, BaseUrlIsReducedToItsServerRoot) {
       {"https://api.example.com", "https://api.example.com"},
       {"api.example.com/path", kDefaultUrl},
       {"not a url", kDefaultUrl},
+      {"https://api.example.com/a/b?key=1#top", "https://api.example.com/?key=1#top"},
+      // ".." components cannot climb above the root (deleting them one by one never ends).
+      {"https://api.example.com/a/../b/..", "https://api.example.com/"},
   };
   for (const auto& [given, root] : cases) {
     EXPECT_EQ(config->trimmedBaseUrlWithString(given).absoluteString(), root) << given;
   }
+  std::string deep = "https://api.example.com";
+  for (int i = 0; i < 100000; ++i) deep += "/abcdefghi";
+  EXPECT_EQ(config->trimmedBaseUrlWithString(deep).absoluteString(), "https://api.example.com/");
   EXPECT_EQ(build(R"("baseUrl": 12)")->baseUrl().absoluteString(), kDefaultUrl);
 }
 
