@@ -13,6 +13,7 @@
 #include <limits>
 #include <memory>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include <plist/plist.h>
@@ -121,7 +122,6 @@ class BinaryReader {
     if (!readTrailer()) return fail("damaged binary property list trailer");
     std::string problem = checkShape();
     if (!problem.empty()) return fail(std::move(problem));
-    values_.resize(objectCount_);
     return readObject(topObject_);
   }
 
@@ -153,9 +153,11 @@ class BinaryReader {
   }
 
   // Empty when the object graph is acceptable, else what is wrong. An iterative post-order
-  // walk: each stack entry is an object and the next child to visit.
+  // walk: each stack entry is an object and the next child to visit. Only the objects
+  // reached get an entry: the count the trailer declares costs the writer a byte or two
+  // each, and must not make us allocate tens of bytes for each.
   std::string checkShape() {
-    std::vector<Info> infos(objectCount_);
+    std::unordered_map<std::uint64_t, Info> infos;
     struct Step {
       std::uint64_t object;
       std::uint64_t nextChild;
@@ -315,11 +317,11 @@ class BinaryReader {
   // ----- second pass: building Values
 
   std::optional<Value> readObject(std::uint64_t object) {
-    if (values_[object]) return values_[object];
+    if (auto found = values_.find(object); found != values_.end()) return found->second;
     Header header;
     if (!readHeader(object, header)) return fail("binary property list object out of bounds");
     auto value = readPayload(header);
-    if (value) values_[object] = value;
+    if (value) values_.emplace(object, *value);
     return value;
   }
 
@@ -471,7 +473,7 @@ class BinaryReader {
 
   std::string_view bytes_;
   std::uint64_t offsetSize_ = 0, referenceSize_ = 0, objectCount_ = 0, topObject_ = 0, tableAt_ = 0;
-  std::vector<std::optional<Value>> values_;  // each object's Value once read
+  std::unordered_map<std::uint64_t, Value> values_;  // each object's Value once read
   std::string failure_;
 };
 

@@ -2,7 +2,12 @@
 
 #include <gtest/gtest.h>
 #include <plist/plist.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <fstream>
+#include <functional>
 #include <limits>
 
 #include "platform/files/fixtures_test.h"
@@ -318,6 +323,46 @@ TEST(PropertyListTest, SharedObjectsCannotExpandWithoutBound) {
   blob.resize(blob.size() + 1024);
   objects.push_back(blob);
   expectUnreadable(binaryPlist(objects), "binary property list expands too far");
+}
+
+// The process's data segment (private writable memory, malloc's heap and mappings), in bytes.
+std::uint64_t dataSegmentBytes() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmData:")) return std::stoull(line.substr(7)) * 1024;
+  }
+  return 0;
+}
+
+// Whether `read` returns true in a child process whose memory may grow by at most `budget`
+// bytes; an allocation beyond it fails there (the child dies) instead of here.
+bool succeedsWithinMemory(std::uint64_t budget, const std::function<bool()>& read) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const rlim_t limit = dataSegmentBytes() + budget;
+    const rlimit bounds{limit, limit};
+    setrlimit(RLIMIT_DATA, &bounds);
+    _exit(read() ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+TEST(PropertyListTest, MemoryStaysProportionalToTheInputWhateverTheTrailerDeclares) {
+  // One-byte offsets all pointing at the same object: the trailer may declare one object
+  // per byte of the table, 16 million of them, while the file holds a single object.
+  constexpr std::uint64_t kDeclared = 16u << 20;
+  Data bytes = bytesOf("bplist00");
+  bytes.push_back(0x70);  // an object of no known kind: reading must fail cleanly
+  bytes.insert(bytes.end(), kDeclared, 8);
+  bytes.insert(bytes.end(), {0, 0, 0, 0, 0, 0, 1, 1});
+  appendBigEndian(bytes, kDeclared, 8);
+  appendBigEndian(bytes, 0, 8);
+  appendBigEndian(bytes, 9, 8);
+  expectUnreadable(bytes, "binary property list object of unknown kind 0x70");
+  // Tens of bytes per declared object would be a gigabyte.
+  EXPECT_TRUE(succeedsWithinMemory(256u << 20, [&] { return !PropertyList::parse(bytes); }));
 }
 
 TEST(PropertyListTest, ReadFile) {
