@@ -51,12 +51,12 @@ std::optional<std::string> stringFromHex(std::string_view text) {
       bytes[i] = static_cast<char>(digitValue(text[2 * i]) << 4 | digitValue(text[2 * i + 1]));
     }
   } else {
-    const std::u16string units = utf16FromUTF8(text);
+    const std::u16string units = pnx::utf16FromUTF8(text);
     bytes.resize(units.size() / 2);
     for (std::size_t i = 0; i < bytes.size(); ++i) {
       bytes[i] = static_cast<char>(parsePair(units[2 * i], units[2 * i + 1]));
     }
   }
-  if (!isValidUTF8(bytes)) return std::nullopt;
+  if (!pnx::isValidUTF8(bytes)) return std::nullopt;
   return bytes;
 }

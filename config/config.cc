@@ -263,7 +263,7 @@ bool PNXConfig::validateAutoInitializeFlag(const pnx::Value& value) const {
 }
 
 bool PNXConfig::checkAppKey(const std::optional<std::string>& key) const {
-  return key && key->starts_with("ap") && utf16Length(*key) == 10;
+  return key && key->starts_with("ap") && pnx::utf16Length(*key) == 10;
 }
 
 std::optional<std::string> PNXConfig::validateAppKey(const pnx::Value& dictionary) const {

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <limits>
 
+#include "platform/foundation/utf8.h"
+
 namespace pnx {
 
 namespace {
@@ -161,26 +163,6 @@ std::string padText(std::string text, const Directive& directive) {
   return hasFlag(directive, '-') ? text + padding : padding + text;
 }
 
-std::string utf8(std::uint32_t cp) {
-  std::string out;
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
-  return out;
-}
-
 // snprintf with a directive rebuilt from the parsed parts; the argument's C type is chosen
 // here, so the directive always matches it.
 template <class T>
@@ -222,7 +204,8 @@ std::string formatInteger(const Directive& directive, std::uint64_t bits) {
 std::string formatCharacter(const Directive& directive, const Arg* arg) {
   auto code = static_cast<std::uint32_t>(integerBits(arg));
   // A NUL would cut C strings made from the result; invalid code points are dropped too.
-  std::string text = (code == 0 || code > 0x10FFFF) ? std::string() : utf8(code);
+  std::string text;
+  if (code != 0 && code <= 0x10FFFF && !(code >= 0xD800 && code <= 0xDFFF)) appendUTF8(text, code);
   Directive padding = directive;
   padding.precision = -1;
   return padText(text, padding);

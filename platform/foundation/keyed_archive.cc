@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/foundation/plist.h"
+#include "platform/foundation/utf8.h"
 
 namespace pnx {
 
@@ -22,40 +23,6 @@ constexpr const char* kNullMarker = "$null";
 ErrorPtr writeError(const std::string& reason) {
   return Error::withDescription(NSCocoaErrorDomain, 4866,
                                 "The data couldn’t be written: " + reason + ".");
-}
-
-// Converts well-formed UTF-8 to UTF-16 code units (units may be null to only check it);
-// false for anything else: stray or overlong bytes, surrogates, code points past U+10FFFF.
-bool utf8ToUTF16(std::string_view text, std::vector<std::uint16_t>* units) {
-  static constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-  for (std::size_t i = 0; i < text.size();) {
-    auto lead = static_cast<unsigned char>(text[i]);
-    int length = lead < 0x80           ? 1
-                 : (lead >> 5) == 0x6  ? 2
-                 : (lead >> 4) == 0xe  ? 3
-                 : (lead >> 3) == 0x1e ? 4
-                                       : 0;
-    if (length == 0 || i + length > text.size()) return false;
-    std::uint32_t code = length == 1 ? lead : lead & (0x7f >> length);
-    for (int k = 1; k < length; ++k) {
-      auto next = static_cast<unsigned char>(text[i + k]);
-      if ((next & 0xc0) != 0x80) return false;
-      code = code << 6 | (next & 0x3f);
-    }
-    if (code < kSmallest[length] || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff)) {
-      return false;
-    }
-    i += length;
-    if (!units) continue;
-    if (code >= 0x10000) {
-      code -= 0x10000;
-      units->push_back(static_cast<std::uint16_t>(0xd800 | code >> 10));
-      units->push_back(static_cast<std::uint16_t>(0xdc00 | (code & 0x3ff)));
-    } else {
-      units->push_back(static_cast<std::uint16_t>(code));
-    }
-  }
-  return true;
 }
 
 // Builds a binary property list ("bplist00") object by object, children before the
@@ -218,13 +185,13 @@ class BinaryPlistWriter {
       out.insert(out.end(), text.begin(), text.end());
       return;
     }
-    std::vector<std::uint16_t> units;
-    if (!utf8ToUTF16(text, &units)) {
+    if (!isValidUTF8(text)) {
       failure_ = "a string is not UTF-8";
       return;
     }
+    const std::u16string units = utf16FromUTF8(text);
     encodeMarker(0x6, units.size(), out);
-    for (std::uint16_t unit : units) appendBigEndian(unit, 2, out);
+    for (char16_t unit : units) appendBigEndian(unit, 2, out);
   }
 
   std::vector<Node> nodes_;
@@ -486,7 +453,7 @@ class ArchiveReader {
   // Strings must be what the archiver writes: UTF-8 without NUL characters.
   static const Value& checkedString(const Value& text) {
     const std::string& value = *text.asString();
-    if (!utf8ToUTF16(value, nullptr)) fail("a string is not UTF-8");
+    if (!isValidUTF8(value)) fail("a string is not UTF-8");
     if (value.find('\0') != std::string::npos) fail("a string contains a NUL character");
     return text;
   }

@@ -18,6 +18,8 @@
 
 #include <plist/plist.h>
 
+#include "platform/foundation/utf8.h"
+
 namespace pnx {
 
 namespace {
@@ -49,54 +51,6 @@ void setWriteError(ErrorPtr* error, const std::string& what) {
   if (!error) return;
   *error = Error::withDescription(NSCocoaErrorDomain, NSPropertyListWriteInvalidError,
                                   "Property list invalid for format (" + what + ")");
-}
-
-// ---------------------------------------------------------------------------------------
-// UTF-8, the encoding of every string in a Value.
-
-// Whether the bytes are well-formed UTF-8: shortest forms only, no surrogates, nothing
-// above U+10FFFF.
-bool isValidUTF8(std::string_view text) {
-  static constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-  for (std::size_t i = 0; i < text.size();) {
-    const auto lead = static_cast<unsigned char>(text[i]);
-    const std::size_t length = lead < 0x80           ? 1
-                               : (lead >> 5) == 0x6  ? 2
-                               : (lead >> 4) == 0xe  ? 3
-                               : (lead >> 3) == 0x1e ? 4
-                                                     : 0;
-    if (length == 0 || text.size() - i < length) return false;
-    std::uint32_t code = length == 1 ? lead : lead & (0x7fu >> length);
-    for (std::size_t k = 1; k < length; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + k]);
-      if ((next & 0xc0) != 0x80) return false;
-      code = code << 6 | (next & 0x3f);
-    }
-    if (code < kSmallest[length] || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff)) {
-      return false;
-    }
-    i += length;
-  }
-  return true;
-}
-
-// Appends a code point (at most U+10FFFF, not a surrogate) as UTF-8.
-void appendUTF8(std::string& out, std::uint32_t code) {
-  if (code < 0x80) {
-    out += static_cast<char>(code);
-  } else if (code < 0x800) {
-    out += static_cast<char>(0xc0 | code >> 6);
-    out += static_cast<char>(0x80 | (code & 0x3f));
-  } else if (code < 0x10000) {
-    out += static_cast<char>(0xe0 | code >> 12);
-    out += static_cast<char>(0x80 | (code >> 6 & 0x3f));
-    out += static_cast<char>(0x80 | (code & 0x3f));
-  } else {
-    out += static_cast<char>(0xf0 | code >> 18);
-    out += static_cast<char>(0x80 | (code >> 12 & 0x3f));
-    out += static_cast<char>(0x80 | (code >> 6 & 0x3f));
-    out += static_cast<char>(0x80 | (code & 0x3f));
-  }
 }
 
 // ---------------------------------------------------------------------------------------
