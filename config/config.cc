@@ -216,10 +216,12 @@ pnx::Value PNXConfig::validateConfigDictionary(const pnx::Value& dictionary) con
     throw pnx::Exception("Invalid Config File", "Config file could not be parsed as JSON");
   }
   // The keys are read from an object; any other top level (an array) is no configuration.
+  // The message shows the start of it: the file may be megabytes long.
   if (!parsed->isDictionary()) {
     throw pnx::Exception(
         "Invalid Config value",
-        pnx::format("Config of %@ is invalid.", pnx::JSON::serialize(*parsed).value_or("(null)")));
+        pnx::format("Config of %@ is invalid.",
+                    pnx::excerpt(pnx::JSON::serialize(*parsed).value_or("(null)"))));
   }
   return *parsed;
 }
@@ -237,7 +239,7 @@ double PNXConfig::validateGeofenceAccuracy(const std::optional<std::string>& acc
   PNXLogError(
       "Config value for geo accuracty is specified as '%@', which is not a valid value. Using "
       "default of 3km",
-      orNull(accuracy));
+      accuracy ? pnx::Value(pnx::excerpt(*accuracy)) : pnx::Value());
   return kCLLocationAccuracyThreeKilometers;
 }
 

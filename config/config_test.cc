@@ -79,6 +79,22 @@ TEST_F(ConfigTest, ReadsTheBundleFileOnlyWithoutADictionary) {
   }
 }
 
+TEST_F(ConfigTest, BadValuesAreQuotedAsShortEscapedExcerpts) {
+  std::string array = "[";
+  while (array.size() < (1u << 20)) array += "1234567,";
+  device_.writeBundleFile("PnxConfig.json", array + "0]");
+  try {
+    PNXConfig config;
+    ADD_FAILURE() << "no exception";
+  } catch (const pnx::Exception& exception) {
+    EXPECT_LT(exception.reason().size(), 160u) << exception.reason();
+    EXPECT_TRUE(exception.reason().starts_with("Config of [1234567,1234567,"))
+        << exception.reason();
+  }
+  build(R"("location": {"geofence": {"accuracy": "\u001b[2J\u0000"}})");
+  EXPECT_TRUE(log_.contains("Config value for geo accuracty is specified as '\\x1b[2J\\x00'"));
+}
+
 TEST_F(ConfigTest, TypedGettersReadLooselyTypedValues) {
   for (const char* yes : {"YES", "True", "yes"}) EXPECT_TRUE(PNXConfig::boolValue(yes, false));
   for (const char* no : {"no", "FALSE"}) EXPECT_FALSE(PNXConfig::boolValue(no, true));

@@ -107,7 +107,10 @@ pnx::ErrorPtr NSError_PNX::invalidJsonFromServer(const pnx::ErrorPtr& error) {
 
 pnx::ErrorPtr NSError_PNX::keychainUnarchiveFailed(
     const std::optional<std::string>& name, std::shared_ptr<const pnx::Exception> exception) {
-  return errorWithCode(104, pnx::format("Keychain unarchive of %@ failed", optionalText(name)),
+  // The name may come from outside (a tool's argument): quoted as an excerpt.
+  const auto quotedName = name ? std::optional(pnx::excerpt(*name)) : std::nullopt;
+  return errorWithCode(104,
+                       pnx::format("Keychain unarchive of %@ failed", optionalText(quotedName)),
                        exception ? pnx::Value(pnx::ObjectPtr(exception)) : pnx::Value());
 }
 

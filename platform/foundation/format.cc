@@ -287,4 +287,57 @@ std::string formatArgs(std::string_view fmt, const std::vector<FormatArg>& args)
   return out;
 }
 
+namespace {
+
+// Characters a terminal acts on or that reorder the text around them: C0 and C1 controls,
+// DEL, the line and paragraph separators, and the bidirectional embeddings and isolates.
+bool needsEscape(char32_t c) {
+  return c < 0x20 || (c >= 0x7f && c <= 0x9f) || c == 0x2028 || c == 0x2029 ||
+         (c >= 0x202a && c <= 0x202e) || (c >= 0x2066 && c <= 0x2069);
+}
+
+void appendEscape(std::string& out, char32_t c, bool isByte) {
+  switch (c) {
+    case '\n':
+      out += "\\n";
+      return;
+    case '\r':
+      out += "\\r";
+      return;
+    case '\t':
+      out += "\\t";
+      return;
+    default:
+      break;
+  }
+  char buffer[12];
+  std::snprintf(buffer, sizeof buffer, isByte ? "\\x%02x" : "\\u%04x", static_cast<unsigned>(c));
+  out += buffer;
+}
+
+}  // namespace
+
+std::string excerpt(std::string_view text, std::size_t maxBytes) {
+  std::string out;
+  std::size_t i = 0;
+  while (i < text.size()) {
+    char32_t c = 0;
+    std::size_t length = utf8SequenceLength(text, i, &c);
+    if (i + std::max<std::size_t>(length, 1) > maxBytes) break;
+    if (length == 0) {
+      appendEscape(out, static_cast<unsigned char>(text[i]), true);
+      length = 1;
+    } else if (needsEscape(c)) {
+      appendEscape(out, c, c < 0x80);
+    } else {
+      out.append(text, i, length);
+    }
+    i += length;
+  }
+  if (i < text.size()) {
+    out += "\u2026 (" + std::to_string(text.size() - i) + " more bytes)";
+  }
+  return out;
+}
+
 }  // namespace pnx

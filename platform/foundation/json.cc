@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/foundation/format.h"
 #include "platform/foundation/utf8.h"
 
 namespace pnx {
@@ -33,25 +34,10 @@ std::pair<std::size_t, std::size_t> lineAndColumn(std::string_view text, std::si
   return {line, offset - lineStart + 1};
 }
 
-// Bytes that are not printable ASCII become \xNN, so a message stays readable text.
-std::string printable(std::string_view s) {
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned char c : s) {
-    if (c >= 0x20 && c < 0x7f) {
-      out += static_cast<char>(c);
-    } else {
-      out += "\\x";
-      out += kHex[c >> 4];
-      out += kHex[c & 0xf];
-    }
-  }
-  return out;
-}
-
 // nlohmann's message reads "[json.exception.parse_error.101] parse error at line 1,
 // column 4: syntax error while parsing value - unexpected '}'; expected ...": keep the
-// part that says what went wrong; our own prefix says where.
+// part that says what went wrong; our own prefix says where. The part quotes the token
+// that was last read, which may be a megabyte of string or number: an excerpt is shown.
 std::string whatWentWrong(const std::string& message) {
   std::string_view what = message;
   if (!what.empty() && what.front() == '[') {
@@ -66,7 +52,7 @@ std::string whatWentWrong(const std::string& message) {
     auto dash = what.find(" - ");
     if (dash != std::string_view::npos) what.remove_prefix(dash + 3);
   }
-  return printable(what);
+  return excerpt(what, 2 * kExcerptLength);
 }
 
 void setReadError(ErrorPtr* error, std::string_view text, std::size_t offset,

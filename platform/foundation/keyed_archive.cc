@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/foundation/format.h"
 #include "platform/foundation/plist.h"
 #include "platform/foundation/utf8.h"
 
@@ -391,7 +392,7 @@ class ArchiveReader {
   std::size_t indexOf(const Value& reference) const {
     const Value& number = reference[kUidKey];
     if (!reference.isDictionary() || reference.size() != 1 || !number.isInteger()) {
-      fail("malformed object reference " + reference.description());
+      fail("malformed object reference " + excerpt(reference.description()));
     }
     std::int64_t index = number.integerValue();
     if (index < 0 || static_cast<std::uint64_t>(index) >= objects_.size()) {
@@ -494,7 +495,7 @@ class ArchiveReader {
       return checkedString(text);
     }
     if (className == "NSNull") return Value();
-    fail("cannot decode object of class (" + className + ")");
+    fail("cannot decode object of class (" + excerpt(className) + ")");
   }
 
   Array decodeList(const Value& instance, const char* key, int depth) {
@@ -549,7 +550,7 @@ Value KeyedUnarchiver::unarchiveObjectWithData(const Data& data) {
   if (!archive->isDictionary()) fail("incomprehensible archive: not a dictionary");
   const Value& archiver = (*archive)["$archiver"];
   if (!(archiver == Value(kArchiverName))) {
-    fail("incomprehensible archive: archiver " + archiver.description() + " is not " +
+    fail("incomprehensible archive: archiver " + excerpt(archiver.description()) + " is not " +
          kArchiverName);
   }
   if (!(*archive)["$version"].isNumber()) fail("incomprehensible archive: no $version");

@@ -18,6 +18,7 @@
 
 #include <plist/plist.h>
 
+#include "platform/foundation/format.h"
 #include "platform/foundation/utf8.h"
 
 namespace pnx {
@@ -454,7 +455,7 @@ std::string xmlDateProblem(std::string_view text) {
   text = trimmedXMLSpace(text);
   const bool canonical = text.size() == 20 && text.back() == 'Z';
   const std::optional<Date> date = canonical ? Date::fromISO8601(text) : std::nullopt;
-  const std::string quoted = "\"" + std::string(text.substr(0, 40)) + "\"";
+  const std::string quoted = "\"" + excerpt(text, 40) + "\"";
   if (!date) return "XML date " + quoted + " is not of the form yyyy-MM-ddTHH:mm:ssZ";
   const double seconds = date->timeIntervalSinceReferenceDate();
   if (seconds < std::numeric_limits<std::int32_t>::min() ||

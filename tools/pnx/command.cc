@@ -9,6 +9,7 @@
 
 #include "platform/files/bundle.h"
 #include "platform/files/container.h"
+#include "platform/foundation/format.h"
 #include "platform/foundation/json.h"
 #include "platform/system/system_log.h"
 
@@ -74,12 +75,16 @@ pnx::Value jsonSafe(const pnx::Value& value) {
   }
 }
 
-// Messages are one line each, so that scripts can rely on it.
+// The longest message pnx writes; the parts that quote bad input are excerpts already.
+constexpr std::size_t kMaxMessageBytes = 1024;
+
+// Messages are one line each, so that scripts can rely on it, and nothing in them (an
+// exception's reason, a name from the command line) may flood or drive the terminal.
 std::string oneLine(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
   std::replace(text.begin(), text.end(), '\r', ' ');
   while (!text.empty() && text.back() == ' ') text.pop_back();
-  return text;
+  return pnx::excerpt(text, kMaxMessageBytes);
 }
 
 }  // namespace

@@ -59,6 +59,17 @@ TEST(PnxProgram, UsageErrorsAreOneLineAndExitTwo) {
   expectUsageError(pnx.run({"nonsense", "--more", "nonsense"}), "nonsense");
 }
 
+TEST(PnxProgram, ErrorLinesEscapeControlCharactersAndStayShort) {
+  PnxRunner pnx;
+  const PnxRun command = pnx.run({"\x1b[2J\x1b]0;title\x07" + std::string(100000, 'x')});
+  expectUsageError(command, "unknown command '\\x1b[2J\\x1b]0;title\\x07xxx");
+  EXPECT_LT(command.err.size(), 200u) << command.err;
+  // A name quoted in a command's own error, here a keychain item's.
+  const PnxRun keychain = pnx.run({"keychain", "set", "\x1b[31mred\x1b[0m", "not json"});
+  expectUsageError(keychain, "the value for \\x1b[31mred\\x1b[0m is not JSON");
+  EXPECT_EQ(keychain.err.find('\x1b'), std::string::npos) << keychain.err;
+}
+
 TEST(PnxProgram, HelpExitsZeroForTheProgramAndEveryCommand) {
   PnxRun help = runPnx({"--help"});
   EXPECT_EQ(help.exitCode, 0) << help.err;
