@@ -433,6 +433,243 @@ class BinaryReader {
 };
 
 // ---------------------------------------------------------------------------------------
+// Binary property lists are written by our own code too, in one pass over the Value and
+// linear in its size (libplist's binary writer slows down quadratically on lists of tens
+// of thousands of objects, which a keyed archive of a long delivery queue reaches).
+//
+// Objects are numbered children first; scalars are encoded at once into one buffer and
+// containers keep their references until the end, when the size of a reference is known.
+// Equal strings and equal UIDs become one object. Sets are written as arrays, and a
+// dictionary {"CF$UID": n} (n below 2^32) as the UID n, a keyed archive's reference.
+
+class BinaryWriter {
+ public:
+  std::optional<Data> write(const Value& root) {
+    auto top = add(root, 0);
+    if (!top) return std::nullopt;
+    return finish(*top);
+  }
+
+  const std::string& failure() const { return failure_; }
+
+ private:
+  using Ref = std::uint64_t;
+
+  // A scalar's encoding lies in scalars_, a container's references in references_.
+  struct Object {
+    std::uint8_t containerKind;  // 0 for a scalar, 0xa array, 0xd dictionary
+    std::size_t at;
+    std::size_t length;
+  };
+
+  std::nullopt_t fail(std::string what) {
+    failure_ = std::move(what);
+    return std::nullopt;
+  }
+
+  std::optional<Ref> add(const Value& value, std::size_t depth) {
+    switch (value.type()) {
+      case Value::Type::Boolean:
+        return scalar([&] { scalars_.push_back(value.boolValue() ? 0x09 : 0x08); });
+      case Value::Type::Integer:
+        return scalar([&] { encodeInteger(value.integerValue()); });
+      case Value::Type::Real:
+        return scalar([&] { encodeDouble(0x23, value.doubleValue()); });
+      case Value::Type::Date:
+        return scalar(
+            [&] { encodeDouble(0x33, value.asDate()->timeIntervalSinceReferenceDate()); });
+      case Value::Type::String:
+        return string(*value.asString());
+      case Value::Type::Data: {
+        const Data& bytes = *value.asData();
+        return scalar([&] {
+          encodeMarker(0x4, bytes.size());
+          scalars_.insert(scalars_.end(), bytes.begin(), bytes.end());
+        });
+      }
+      case Value::Type::Array:
+        return array(*value.asArray(), depth + 1);
+      case Value::Type::Set:
+        return array(*value.asSet(), depth + 1);
+      case Value::Type::Dictionary:
+        return dictionary(*value.asDictionary(), depth + 1);
+      default:
+        return fail("property lists cannot contain objects of type '" + value.className() + "'");
+    }
+  }
+
+  template <class Encode>
+  Ref scalar(const Encode& encode) {
+    const std::size_t at = scalars_.size();
+    encode();
+    objects_.push_back({0, at, scalars_.size() - at});
+    return objects_.size() - 1;
+  }
+
+  Ref container(std::uint8_t kind, const std::vector<Ref>& references) {
+    objects_.push_back({kind, references_.size(), references.size()});
+    references_.insert(references_.end(), references.begin(), references.end());
+    return objects_.size() - 1;
+  }
+
+  // Readers end strings at a NUL, and text that is not UTF-8 has no UTF-16 form: both are
+  // refused rather than written with characters lost.
+  std::optional<Ref> string(const std::string& text) {
+    if (auto found = strings_.find(text); found != strings_.end()) return found->second;
+    if (text.find('\0') != std::string::npos) return fail("string contains a NUL character");
+    if (!isValidUTF8(text)) return fail("string is not UTF-8");
+    const Ref ref = scalar([&] { encodeString(text); });
+    strings_.emplace(text, ref);
+    return ref;
+  }
+
+  template <class Range>
+  std::optional<Ref> array(const Range& items, std::size_t depth) {
+    if (depth > kMaxNestingDepth) return fail("nesting deeper than 512 levels");
+    std::vector<Ref> references;
+    references.reserve(items.size());
+    for (const Value& item : items) {
+      auto ref = add(item, depth);
+      if (!ref) return std::nullopt;
+      references.push_back(*ref);
+    }
+    return container(0xa, references);
+  }
+
+  std::optional<Ref> dictionary(const Dictionary& dict, std::size_t depth) {
+    if (depth > kMaxNestingDepth) return fail("nesting deeper than 512 levels");
+    if (auto uid = uidOf(dict)) return this->uid(*uid);
+    std::vector<Ref> references(2 * dict.size());
+    std::size_t i = 0;
+    for (const auto& [key, value] : dict) {
+      if (!key.isString()) return fail("dictionary keys must be strings");
+      auto keyRef = string(*key.asString());
+      if (!keyRef) return std::nullopt;
+      auto valueRef = add(value, depth);
+      if (!valueRef) return std::nullopt;
+      references[i] = *keyRef;
+      references[dict.size() + i] = *valueRef;
+      ++i;
+    }
+    return container(0xd, references);
+  }
+
+  // The n of a dictionary {"CF$UID": n} that stands for a UID.
+  static std::optional<std::uint64_t> uidOf(const Dictionary& dict) {
+    if (dict.size() != 1) return std::nullopt;
+    const auto& [key, value] = *dict.begin();
+    if (!key.isString() || *key.asString() != kUIDKey || !value.isInteger() ||
+        value.integerValue() < 0 ||
+        value.integerValue() > std::numeric_limits<std::uint32_t>::max()) {
+      return std::nullopt;
+    }
+    return static_cast<std::uint64_t>(value.integerValue());
+  }
+
+  Ref uid(std::uint64_t index) {
+    if (auto found = uids_.find(index); found != uids_.end()) return found->second;
+    const Ref ref = scalar([&] {
+      const int width = byteCount(index);
+      scalars_.push_back(static_cast<std::uint8_t>(0x80 | (width - 1)));
+      appendBigEndian(scalars_, index, width);
+    });
+    uids_.emplace(index, ref);
+    return ref;
+  }
+
+  Data finish(Ref top) const {
+    const int referenceSize = byteCount(objects_.size() - 1);
+    Data out(kBinaryMagic.begin(), kBinaryMagic.end());
+    std::vector<std::uint64_t> offsets;
+    offsets.reserve(objects_.size());
+    for (const Object& object : objects_) {
+      offsets.push_back(out.size());
+      if (object.containerKind == 0) {
+        out.insert(out.end(), scalars_.begin() + object.at,
+                   scalars_.begin() + object.at + object.length);
+        continue;
+      }
+      const std::size_t count = object.containerKind == 0xd ? object.length / 2 : object.length;
+      encodeMarker(out, object.containerKind, count);
+      for (std::size_t i = 0; i < object.length; ++i) {
+        appendBigEndian(out, references_[object.at + i], referenceSize);
+      }
+    }
+    const std::uint64_t tableAt = out.size();
+    const int offsetSize = byteCount(tableAt);
+    for (std::uint64_t offset : offsets) appendBigEndian(out, offset, offsetSize);
+    out.insert(out.end(), 6, 0);  // unused bytes and the sort version
+    out.push_back(static_cast<std::uint8_t>(offsetSize));
+    out.push_back(static_cast<std::uint8_t>(referenceSize));
+    appendBigEndian(out, objects_.size(), 8);
+    appendBigEndian(out, top, 8);
+    appendBigEndian(out, tableAt, 8);
+    return out;
+  }
+
+  static int byteCount(std::uint64_t value) {
+    if (value <= 0xff) return 1;
+    if (value <= 0xffff) return 2;
+    if (value <= 0xffffffffULL) return 4;
+    return 8;
+  }
+
+  static void appendBigEndian(Data& out, std::uint64_t value, int width) {
+    for (int shift = (width - 1) * 8; shift >= 0; shift -= 8) {
+      out.push_back(static_cast<std::uint8_t>(value >> shift));
+    }
+  }
+
+  // Negative integers take eight bytes (the only signed width); others the fewest of 1, 2,
+  // 4 and 8.
+  static void encodeInteger(Data& out, std::int64_t value) {
+    const int width = value < 0 ? 8 : byteCount(static_cast<std::uint64_t>(value));
+    const int power = width == 1 ? 0 : width == 2 ? 1 : width == 4 ? 2 : 3;
+    out.push_back(static_cast<std::uint8_t>(0x10 | power));
+    appendBigEndian(out, static_cast<std::uint64_t>(value), width);
+  }
+  void encodeInteger(std::int64_t value) { encodeInteger(scalars_, value); }
+
+  void encodeDouble(std::uint8_t marker, double value) {
+    scalars_.push_back(marker);
+    appendBigEndian(scalars_, std::bit_cast<std::uint64_t>(value), 8);
+  }
+
+  // A kind nibble with its count; a count of 15 or more follows as an integer object.
+  static void encodeMarker(Data& out, std::uint8_t kind, std::uint64_t count) {
+    if (count < 15) {
+      out.push_back(static_cast<std::uint8_t>(kind << 4 | count));
+      return;
+    }
+    out.push_back(static_cast<std::uint8_t>(kind << 4 | 0x0f));
+    encodeInteger(out, static_cast<std::int64_t>(count));
+  }
+  void encodeMarker(std::uint8_t kind, std::uint64_t count) { encodeMarker(scalars_, kind, count); }
+
+  // ASCII as it is, anything else as UTF-16 big-endian.
+  void encodeString(const std::string& text) {
+    const bool ascii = std::all_of(text.begin(), text.end(),
+                                   [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    if (ascii) {
+      encodeMarker(0x5, text.size());
+      scalars_.insert(scalars_.end(), text.begin(), text.end());
+      return;
+    }
+    const std::u16string units = utf16FromUTF8(text);
+    encodeMarker(0x6, units.size());
+    for (char16_t unit : units) appendBigEndian(scalars_, unit, 2);
+  }
+
+  std::vector<Object> objects_;
+  Data scalars_;
+  std::vector<Ref> references_;
+  // Views of strings inside the Value being written, which outlives the writer's use.
+  std::unordered_map<std::string_view, Ref> strings_;
+  std::unordered_map<std::uint64_t, Ref> uids_;
+  std::string failure_;
+};
+
+// ---------------------------------------------------------------------------------------
 // XML property lists are read by libplist, after checks for what it mishandles: its reader
 // and the tree's destructor recurse once per nesting level, and it reads dates loosely
 // (missing parts become 1970, bad fields roll over) into 32-bit seconds since 2001,
@@ -848,6 +1085,12 @@ std::optional<Value> PropertyList::parse(const Data& bytes, ErrorPtr* error, For
 }
 
 std::optional<Data> PropertyList::serialize(const Value& value, Format format, ErrorPtr* error) {
+  if (format == Format::Binary) {
+    BinaryWriter writer;
+    auto data = writer.write(value);
+    if (!data) setWriteError(error, writer.failure());
+    return data;
+  }
   NodeWriter writer;
   PlistPtr root = writer.write(value);
   if (!root) {
@@ -856,22 +1099,14 @@ std::optional<Data> PropertyList::serialize(const Value& value, Format format, E
   }
   char* out = nullptr;
   std::uint32_t length = 0;
-  if (format == Format::Binary) {
-    plist_to_bin(root.get(), &out, &length);
-  } else {
-    plist_to_xml(root.get(), &out, &length);
-  }
+  plist_to_xml(root.get(), &out, &length);
   if (!out) {
     setWriteError(error, "the property list could not be written");
     return std::nullopt;
   }
   const auto* begin = reinterpret_cast<const std::uint8_t*>(out);
   Data data(begin, begin + length);
-  if (format == Format::Binary) {
-    plist_to_bin_free(out);
-  } else {
-    plist_to_xml_free(out);
-  }
+  plist_to_xml_free(out);
   return data;
 }
 

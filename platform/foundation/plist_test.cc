@@ -6,11 +6,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <functional>
 #include <limits>
 
 #include "platform/files/fixtures_test.h"
+#include "platform/foundation/utf8.h"
 
 namespace pnx {
 namespace {
@@ -130,9 +132,6 @@ TEST_P(PropertyListFormatTest, UnwritableValuesFail) {
       Value::dict({{"\xce"
                     "S",
                     1}}),
-      // Beyond 32-bit seconds since 2001.
-      Value(Date::fromReferenceDate(3124137600.0)),
-      Value(Date::fromReferenceDate(-1e20)),
   };
   for (const Value& value : unwritable) {
     ErrorPtr error;
@@ -147,14 +146,40 @@ TEST_P(PropertyListFormatTest, UnwritableValuesFail) {
             "Property list invalid for format (string is not UTF-8)");
 }
 
-TEST_P(PropertyListFormatTest, TruncatedOrDamagedInputNeverCrashes) {
+// Whether every string in the value, keys included, is UTF-8, as the reader promises.
+bool allTextIsUTF8(const Value& value) {
+  if (const std::string* text = value.asString()) return isValidUTF8(*text);
+  if (const Array* items = value.asArray()) {
+    return std::all_of(items->begin(), items->end(), allTextIsUTF8);
+  }
+  if (const Dictionary* entries = value.asDictionary()) {
+    return std::all_of(entries->begin(), entries->end(), [](const auto& entry) {
+      return allTextIsUTF8(entry.first) && allTextIsUTF8(entry.second);
+    });
+  }
+  return true;
+}
+
+// A cut either fails with the platform's error or still holds the whole list (XML may lose
+// its closing lines); a damaged byte fails or reads a well-formed value.
+TEST_P(PropertyListFormatTest, TruncatedOrDamagedInputFailsCleanly) {
   Value v = Value::dict({{"a", Value::array({1, "two", Value(Data{3})})}, {"b", 2.5}});
   const Data good = *PropertyList::serialize(v, GetParam());
   for (std::size_t length = 0; length < good.size(); ++length) {
-    PropertyList::parse(Data(good.begin(), good.begin() + length));
+    ErrorPtr error;
+    auto prefix = PropertyList::parse(Data(good.begin(), good.begin() + length), &error);
+    if (prefix) {
+      EXPECT_EQ(*prefix, v) << length;
+      EXPECT_EQ(GetParam(), Format::XML) << length;
+    } else {
+      ASSERT_NE(error, nullptr) << length;
+      EXPECT_EQ(error->code(), 3840) << length;
+    }
     Data damaged = good;
     damaged[length] ^= 0xff;
-    PropertyList::parse(damaged);
+    error = nullptr;
+    auto value = PropertyList::parse(damaged, &error);
+    EXPECT_TRUE(value ? allTextIsUTF8(*value) : error && error->code() == 3840) << length;
   }
 }
 
@@ -198,6 +223,17 @@ TEST(PropertyListTest, DatesBeyond32BitSecondsReadExactlyOrNotAtAll) {
                    "XML date \"2100-01-01T00:00:00Z\" is outside the readable range "
                    "1932-12-13T20:45:52Z to 2069-01-19T03:14:07Z");
   expectUnreadable(bytesOf(xmlPlist("<array><date>1932-12-13T20:45:51Z</date></array>")));
+
+  // Writing follows reading: binary keeps every date, XML refuses what it would cut.
+  for (double seconds : {3124137600.0, -1e20}) {
+    const Value date(Date::fromReferenceDate(seconds));
+    EXPECT_EQ(PropertyList::parse(*PropertyList::serialize(date, Format::Binary)), date);
+    ErrorPtr error;
+    EXPECT_FALSE(PropertyList::serialize(date, Format::XML, &error));
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->localizedDescription(),
+              "Property list invalid for format (date out of range)");
+  }
   for (const char* malformed : {"2001-01-01", "2001-02-30T00:00:00Z", "2001-01-01T00:00:00.5Z",
                                 "2001-01-01T00:00:00+01:00", ""}) {
     expectUnreadable(
