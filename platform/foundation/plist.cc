@@ -109,44 +109,59 @@ class BinaryReader {
 
   // Empty when the object graph is acceptable, else what is wrong. An iterative post-order
   // walk: each stack entry is an object and the next child to visit. Only the objects
-  // reached get an entry: the count the trailer declares costs the writer a byte or two
-  // each, and must not make us allocate tens of bytes for each.
+  // reached get an Info (and later a Value); the count the trailer declares costs the
+  // writer as little as one offset byte each, so it gets no more than a slot number each.
   std::string checkShape() {
-    std::unordered_map<std::uint64_t, Info> infos;
+    slotOf_.assign(objectCount_, 0);
+    std::vector<Info> infos;
+    auto slotFor = [&](std::uint64_t object) -> std::size_t {
+      std::uint32_t& slot = slotOf_[object];
+      if (slot == 0) {
+        infos.emplace_back();
+        slot = static_cast<std::uint32_t>(infos.size());
+      }
+      return slot - 1;
+    };
     struct Step {
       std::uint64_t object;
+      std::size_t slot;
       std::uint64_t nextChild;
     };
-    std::vector<Step> stack{{topObject_, 0}};
-    infos[topObject_].state = State::Visiting;
+    std::vector<Step> stack{{topObject_, slotFor(topObject_), 0}};
+    infos[stack.back().slot].state = State::Visiting;
     while (!stack.empty()) {
       Step& step = stack.back();
-      Info& info = infos[step.object];
-      if (step.nextChild == 0 && !measureObject(step.object, info)) {
+      if (step.nextChild == 0 && !measureObject(step.object, infos[step.slot])) {
         return "binary property list object out of bounds";
       }
-      if (step.nextChild < info.childCount) {
+      if (step.nextChild < infos[step.slot].childCount) {
         std::uint64_t child;
-        if (!readReference(info.childrenAt + step.nextChild * referenceSize_, child)) {
-          return "binary property list reference out of bounds";
-        }
+        const std::uint64_t at = infos[step.slot].childrenAt + step.nextChild * referenceSize_;
+        if (!readReference(at, child)) return "binary property list reference out of bounds";
         ++step.nextChild;
-        if (infos[child].state == State::Visiting) return "binary property list refers to itself";
-        if (infos[child].state == State::Unvisited) {
-          infos[child].state = State::Visiting;
-          stack.push_back({child, 0});
+        const std::size_t parentSlot = step.slot;
+        const std::size_t childSlot = slotFor(child);  // may move the infos
+        if (infos[childSlot].state == State::Visiting) {
+          return "binary property list refers to itself";
+        }
+        if (infos[childSlot].state == State::Unvisited) {
+          infos[childSlot].state = State::Visiting;
+          stack.push_back({child, childSlot, 0});
         } else {
-          absorbChild(info, infos[child]);
+          absorbChild(infos[parentSlot], infos[childSlot]);
         }
         continue;
       }
+      const std::size_t slot = step.slot;
+      Info& info = infos[slot];
       if (info.isContainer) ++info.depth;
       if (info.depth > kMaxNestingDepth) return "nesting deeper than 512 levels";
       if (info.expandedBytes > kMaxExpandedBytes) return "binary property list expands too far";
       info.state = State::Done;
       stack.pop_back();
-      if (!stack.empty()) absorbChild(infos[stack.back().object], info);
+      if (!stack.empty()) absorbChild(infos[stack.back().slot], infos[slot]);
     }
+    values_.resize(infos.size());
     return {};
   }
 
@@ -271,12 +286,16 @@ class BinaryReader {
 
   // ----- second pass: building Values
 
+  // Objects the shape pass reached have a slot; the build follows the same references.
   std::optional<Value> readObject(std::uint64_t object) {
-    if (auto found = values_.find(object); found != values_.end()) return found->second;
+    if (slotOf_[object] == 0) return fail("binary property list object out of bounds");
+    std::optional<Value>& built = values_[slotOf_[object] - 1];
+    if (built) return built;
     Header header;
     if (!readHeader(object, header)) return fail("binary property list object out of bounds");
     auto value = readPayload(header);
-    if (value) values_.emplace(object, *value);
+    // values_ never grows while building, so `built` stays valid across the recursion.
+    if (value) built = value;
     return value;
   }
 
@@ -428,7 +447,8 @@ class BinaryReader {
 
   std::string_view bytes_;
   std::uint64_t offsetSize_ = 0, referenceSize_ = 0, objectCount_ = 0, topObject_ = 0, tableAt_ = 0;
-  std::unordered_map<std::uint64_t, Value> values_;  // each object's Value once read
+  std::vector<std::uint32_t> slotOf_;         // per object: 0 if not reached, else slot + 1
+  std::vector<std::optional<Value>> values_;  // per reached object, its Value once read
   std::string failure_;
 };
 
