@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "platform/files/fixtures_test.h"
+#include "platform/foundation/plist.h"
 
 namespace pnx {
 namespace {
@@ -169,6 +170,17 @@ TEST_F(FileManagerTest, HandleAppendsAndReportsOffsets) {
   EXPECT_EQ(files.attributesOfItem(path, &error)->size, 8u);
 }
 
+// Files that may not be read: every read fails, everything else forwards.
+class Unreadable : public FileManagerWrapper {
+ public:
+  using FileManagerWrapper::FileManagerWrapper;
+  std::optional<Data> contentsOfFile(const std::string& path, ErrorPtr* error) override {
+    *error = Error::withDescription(NSCocoaErrorDomain, NSFileReadNoPermissionError,
+                                    "no permission", path);
+    return std::nullopt;
+  }
+};
+
 // A disk that has filled up: whole-file writes fail, everything else forwards.
 class FullDisk : public FileManagerWrapper {
  public:
@@ -179,6 +191,34 @@ class FullDisk : public FileManagerWrapper {
     return false;
   }
 };
+
+TEST_F(FileManagerTest, ReadsPropertyListsWithTheFileManagersErrors) {
+  ErrorPtr error;
+  const std::string missing = dir.file("Missing.plist");
+  EXPECT_FALSE(propertyListWithContentsOfFile(missing, &error));
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code(), NSFileNoSuchFileError);
+  EXPECT_EQ(error->userInfo()[NSFilePathErrorKey], Value(missing));
+
+  error = nullptr;
+  EXPECT_FALSE(propertyListWithContentsOfFile(dir.write("Broken.plist", "<plist><dict>"), &error));
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code(), 3840);
+
+  Value v = Value::dict({{"CFBundleIdentifier", "com.example.app"}});
+  Data binary = *PropertyList::serialize(v, PropertyList::Format::Binary);
+  const std::string path = dir.write("Info.plist", std::string(binary.begin(), binary.end()));
+  EXPECT_EQ(propertyListWithContentsOfFile(path), v);
+
+  // Through the current file manager, fault fakes included.
+  FileManager::setCurrent(std::make_shared<FullDisk>(FileManager::posix()));
+  EXPECT_EQ(propertyListWithContentsOfFile(path), v);
+  FileManager::setCurrent(std::make_shared<Unreadable>(FileManager::posix()));
+  error = nullptr;
+  EXPECT_FALSE(propertyListWithContentsOfFile(path, &error));
+  EXPECT_EQ(error->code(), NSFileReadNoPermissionError);
+  FileManager::setCurrent(nullptr);
+}
 
 TEST_F(FileManagerTest, FaultFakeReplacesOnlyWhatItOverrides) {
   FileManager::setCurrent(std::make_shared<FullDisk>(FileManager::posix()));

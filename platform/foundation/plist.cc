@@ -1,15 +1,9 @@
 #include "platform/foundation/plist.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <bit>
-#include <cerrno>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <limits>
 #include <memory>
 #include <string_view>
@@ -1014,52 +1008,6 @@ class NodeWriter {
   std::string failure_;
 };
 
-std::string lastPathComponent(const std::string& path) {
-  const std::size_t slash = path.find_last_of('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-ErrorPtr fileReadError(const std::string& path, int code) {
-  const std::string name = lastPathComponent(path);
-  if (code == ENOENT || code == ENOTDIR) {
-    return Error::withDescription(
-        NSCocoaErrorDomain, NSFileReadNoSuchFileError,
-        "The file \u201c" + name + "\u201d couldn\u2019t be opened because there is no such file.",
-        path);
-  }
-  if (code == EACCES || code == EPERM) {
-    return Error::withDescription(NSCocoaErrorDomain, NSFileReadNoPermissionError,
-                                  "The file \u201c" + name +
-                                      "\u201d couldn\u2019t be opened because you don\u2019t "
-                                      "have permission to view it.",
-                                  path);
-  }
-  return Error::withDescription(
-      NSCocoaErrorDomain, NSFileReadUnknownError,
-      "The file \u201c" + name + "\u201d couldn\u2019t be opened (" + std::strerror(code) + ").",
-      path);
-}
-
-// The whole file, or the errno that stopped the read.
-int readWholeFile(const std::string& path, Data& out) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return errno;
-  int result = 0;
-  std::uint8_t buffer[64 * 1024];
-  while (true) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      result = errno;
-      break;
-    }
-    if (n == 0) break;
-    out.insert(out.end(), buffer, buffer + n);
-  }
-  ::close(fd);
-  return result;
-}
-
 std::optional<Value> parseBinary(std::string_view text, ErrorPtr* error) {
   BinaryReader reader(text);
   auto value = reader.read();
@@ -1128,15 +1076,6 @@ std::optional<Data> PropertyList::serialize(const Value& value, Format format, E
   Data data(begin, begin + length);
   plist_to_xml_free(out);
   return data;
-}
-
-std::optional<Value> PropertyList::readFile(const std::string& path, ErrorPtr* error) {
-  Data bytes;
-  if (int code = readWholeFile(path, bytes)) {
-    if (error) *error = fileReadError(path, code);
-    return std::nullopt;
-  }
-  return parse(bytes, error);
 }
 
 }  // namespace pnx

@@ -26,7 +26,6 @@ class PropertyList {
                                     Format* format = nullptr);
   static std::optional<Data> serialize(const Value& value, Format format,
                                        ErrorPtr* error = nullptr);
-  static std::optional<Value> readFile(const std::string& path, ErrorPtr* error = nullptr);
 };
 
 }  // namespace pnx

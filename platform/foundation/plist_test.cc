@@ -401,21 +401,5 @@ TEST(PropertyListTest, MemoryStaysProportionalToTheInputWhateverTheTrailerDeclar
   EXPECT_TRUE(succeedsWithinMemory(256u << 20, [&] { return !PropertyList::parse(bytes); }));
 }
 
-TEST(PropertyListTest, ReadFile) {
-  testing::TempDir dir;
-  ErrorPtr error;
-  const std::string missing = dir.file("Missing.plist");
-  EXPECT_FALSE(PropertyList::readFile(missing, &error));
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->code(), 260);
-  EXPECT_EQ(error->userInfo()[NSFilePathErrorKey], Value(missing));
-  EXPECT_NE(error->localizedDescription().find("\u201cMissing.plist\u201d"), std::string::npos);
-
-  Value v = Value::dict({{"CFBundleIdentifier", "com.example.app"}});
-  Data bytes = *PropertyList::serialize(v, Format::Binary);
-  const std::string path = dir.write("Info.plist", std::string(bytes.begin(), bytes.end()));
-  EXPECT_EQ(PropertyList::readFile(path), v);
-}
-
 }  // namespace
 }  // namespace pnx
