@@ -313,6 +313,38 @@ TEST(PropertyListTest, UIDReferencesAreWrittenAsUIDs) {
   EXPECT_EQ(PropertyList::parse(*PropertyList::serialize(large, Format::Binary)), large);
 }
 
+// libplist, an independent reader, reads what our binary writer wrote as we do (its XML
+// output read back by us gives the same value).
+TEST(PropertyListTest, AnotherReaderReadsOurBinaryAlike) {
+  Array many;
+  for (int i = 0; i < 300; ++i) many.push_back(Value(i * 1000));
+  const Value v = Value::dict({
+      {"integers", Value::array({-1, 0, 255, 65536, Value(std::numeric_limits<std::int64_t>::min()),
+                                 Value(std::numeric_limits<std::int64_t>::max())})},
+      {"real", 0.1},
+      {"flags", Value::array({true, false})},
+      {"text", Value::array({"ascii", "caf\xc3\xa9 \xf0\x9f\x98\x80", std::string(300, 'x')})},
+      {"data", Value(Data(40, 0xab))},
+      {"date", Value(Date::fromReferenceDate(646758252))},
+      {"many", Value(std::move(many))},
+      {"uid", Value::dict({{"CF$UID", 70000}})},
+      {"nested", Value::dict({{"empty", Value(Array{})}, {"also", Value(Dictionary{})}})},
+  });
+  auto bytes = PropertyList::serialize(v, Format::Binary);
+  ASSERT_TRUE(bytes);
+  plist_t root = nullptr;
+  plist_from_bin(reinterpret_cast<const char*>(bytes->data()), bytes->size(), &root);
+  ASSERT_NE(root, nullptr);
+  char* xml = nullptr;
+  std::uint32_t length = 0;
+  plist_to_xml(root, &xml, &length);
+  plist_free(root);
+  ASSERT_NE(xml, nullptr);
+  const Data xmlBytes(xml, xml + length);
+  plist_to_xml_free(xml);
+  EXPECT_EQ(PropertyList::parse(xmlBytes), v);
+}
+
 TEST(PropertyListTest, ReadsNegativeIntegersFromXMLText) {
   auto v =
       PropertyList::parse(bytesOf("<?xml version=\"1.0\"?><plist "
