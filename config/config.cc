@@ -284,9 +284,10 @@ std::optional<std::string> PNXConfig::validateAppKey(const pnx::Value& dictionar
         "prodAppKey is invalid should start with 'ap', 10 character long and should not be null.");
     return std::nullopt;
   }
-  PNXLogVerbose("ARM BINARY, defaulting to prod appkey %@", *prodKey);
+  // Only a key's start and length are checked: it is logged escaped, like any input.
+  PNXLogVerbose("ARM BINARY, defaulting to prod appkey %@", pnx::excerpt(*prodKey));
   if (provisioning->binaryEnvironment() == "debug") {
-    PNXLogVerbose("Provisioning profile override to dev appKey: %@", *devKey);
+    PNXLogVerbose("Provisioning profile override to dev appKey: %@", pnx::excerpt(*devKey));
     return devKey;
   }
   return prodKey;
@@ -327,7 +328,8 @@ void PNXConfig::logConfig() const {
   auto expiration = provisioning->certificateExpiration();
   PNXLogInfo("Application Configuration Loaded");
   PNXLogInfo("Log Level is %@", sharedLog().logLevelName().value_or("UNKNOWN"));
-  PNXLogInfo("App Key is %@", orNull(appKey()));
+  PNXLogInfo("App Key is %@",
+             orNull(appKey() ? std::optional(pnx::excerpt(*appKey())) : std::nullopt));
   PNXLogInfo("Base URL is %@", baseUrl());
   PNXLogInfo("Auto Initialize is %@", autoInitializeFlag() ? "ON" : "OFF");
   PNXLogInfo("App Delegate Class is %@",

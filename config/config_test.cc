@@ -93,6 +93,9 @@ TEST_F(ConfigTest, BadValuesAreQuotedAsShortEscapedExcerpts) {
   }
   build(R"("location": {"geofence": {"accuracy": "\u001b[2J\u0000"}})");
   EXPECT_TRUE(log_.contains("Config value for geo accuracty is specified as '\\x1b[2J\\x00'"));
+  auto config = build(R"("appKey": {"dev": "ap\u001b[2J4567", "prod": "ap\u001b[2J4567"})");
+  EXPECT_EQ(config->appKey(), "ap\x1b[2J4567");
+  EXPECT_TRUE(log_.contains("defaulting to prod appkey ap\\x1b[2J4567"));
 }
 
 TEST_F(ConfigTest, TypedGettersReadLooselyTypedValues) {
