@@ -170,17 +170,6 @@ TEST_F(FileManagerTest, HandleAppendsAndReportsOffsets) {
   EXPECT_EQ(files.attributesOfItem(path, &error)->size, 8u);
 }
 
-// Files that may not be read: every read fails, everything else forwards.
-class Unreadable : public FileManagerWrapper {
- public:
-  using FileManagerWrapper::FileManagerWrapper;
-  std::optional<Data> contentsOfFile(const std::string& path, ErrorPtr* error) override {
-    *error = Error::withDescription(NSCocoaErrorDomain, NSFileReadNoPermissionError,
-                                    "no permission", path);
-    return std::nullopt;
-  }
-};
-
 // A disk that has filled up: whole-file writes fail, everything else forwards.
 class FullDisk : public FileManagerWrapper {
  public:
@@ -209,15 +198,6 @@ TEST_F(FileManagerTest, ReadsPropertyListsWithTheFileManagersErrors) {
   Data binary = *PropertyList::serialize(v, PropertyList::Format::Binary);
   const std::string path = dir.write("Info.plist", std::string(binary.begin(), binary.end()));
   EXPECT_EQ(propertyListWithContentsOfFile(path), v);
-
-  // Through the current file manager, fault fakes included.
-  FileManager::setCurrent(std::make_shared<FullDisk>(FileManager::posix()));
-  EXPECT_EQ(propertyListWithContentsOfFile(path), v);
-  FileManager::setCurrent(std::make_shared<Unreadable>(FileManager::posix()));
-  error = nullptr;
-  EXPECT_FALSE(propertyListWithContentsOfFile(path, &error));
-  EXPECT_EQ(error->code(), NSFileReadNoPermissionError);
-  FileManager::setCurrent(nullptr);
 }
 
 TEST_F(FileManagerTest, FaultFakeReplacesOnlyWhatItOverrides) {
