@@ -1,7 +1,6 @@
 #include "platform/foundation/keyed_archive.h"
 
 #include <algorithm>
-#include <cstring>
 #include <map>
 #include <string>
 #include <string_view>
