@@ -61,7 +61,8 @@ std::shared_ptr<PNXConfig> PNXConfig::sharedInstance() {
 std::shared_ptr<PNXConfig> PNXConfig::sharedInstanceWithDictionary(const pnx::Value& dictionary) {
   static pnx::OnceFlag once;
   static std::shared_ptr<PNXConfig> instance;
-  // std::call_once lets a throwing build be retried by the next caller.
+  // A build that throws ("Invalid Config File") leaves the flag unset: the next call
+  // reads the file again.
   pnx::dispatchOnce(once, [&] { instance = std::make_shared<PNXConfig>(dictionary); });
   return instance;
 }
