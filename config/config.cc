@@ -61,7 +61,8 @@ std::shared_ptr<PNXConfig> PNXConfig::sharedInstance() {
 std::shared_ptr<PNXConfig> PNXConfig::sharedInstanceWithDictionary(const pnx::Value& dictionary) {
   static pnx::OnceFlag once;
   static std::shared_ptr<PNXConfig> instance;
-  // std::call_once lets a throwing build be retried by the next caller.
+  // A build that throws ("Invalid Config File") leaves the flag unset: the next call
+  // reads the file again.
   pnx::dispatchOnce(once, [&] { instance = std::make_shared<PNXConfig>(dictionary); });
   return instance;
 }
@@ -216,10 +217,12 @@ pnx::Value PNXConfig::validateConfigDictionary(const pnx::Value& dictionary) con
     throw pnx::Exception("Invalid Config File", "Config file could not be parsed as JSON");
   }
   // The keys are read from an object; any other top level (an array) is no configuration.
+  // The message shows the start of it: the file may be megabytes long.
   if (!parsed->isDictionary()) {
     throw pnx::Exception(
         "Invalid Config value",
-        pnx::format("Config of %@ is invalid.", pnx::JSON::serialize(*parsed).value_or("(null)")));
+        pnx::format("Config of %@ is invalid.",
+                    pnx::excerpt(pnx::JSON::serialize(*parsed).value_or("(null)"))));
   }
   return *parsed;
 }
@@ -237,7 +240,7 @@ double PNXConfig::validateGeofenceAccuracy(const std::optional<std::string>& acc
   PNXLogError(
       "Config value for geo accuracty is specified as '%@', which is not a valid value. Using "
       "default of 3km",
-      orNull(accuracy));
+      accuracy ? pnx::Value(pnx::excerpt(*accuracy)) : pnx::Value());
   return kCLLocationAccuracyThreeKilometers;
 }
 
@@ -282,9 +285,10 @@ std::optional<std::string> PNXConfig::validateAppKey(const pnx::Value& dictionar
         "prodAppKey is invalid should start with 'ap', 10 character long and should not be null.");
     return std::nullopt;
   }
-  PNXLogVerbose("ARM BINARY, defaulting to prod appkey %@", *prodKey);
+  // Only a key's start and length are checked: it is logged escaped, like any input.
+  PNXLogVerbose("ARM BINARY, defaulting to prod appkey %@", pnx::excerpt(*prodKey));
   if (provisioning->binaryEnvironment() == "debug") {
-    PNXLogVerbose("Provisioning profile override to dev appKey: %@", *devKey);
+    PNXLogVerbose("Provisioning profile override to dev appKey: %@", pnx::excerpt(*devKey));
     return devKey;
   }
   return prodKey;
@@ -293,16 +297,9 @@ std::optional<std::string> PNXConfig::validateAppKey(const pnx::Value& dictionar
 pnx::URL PNXConfig::trimmedBaseUrlWithString(const std::string& text) const {
   auto parsed = pnx::URL::parse(text);
   pnx::URL url = parsed && !parsed->scheme().empty() ? *parsed : defaultBaseUrl();
-  if (url.lastPathComponent().empty()) return url;
-  while (url.lastPathComponent() != "/") {
-    pnx::URL parent = url.deletingLastPathComponent();
-    // A parent equal to the URL itself would never reach the root: stop there.
-    if (parent.lastPathComponent().empty() || parent.absoluteString() == url.absoluteString()) {
-      return parent;
-    }
-    url = parent;
-  }
-  return url;
+  // Deleting the last path component until the root is reached, in one step: a loop over
+  // the components would copy the whole URL once per component.
+  return url.deletingPathToRoot();
 }
 
 // MARK: app delegate classes
@@ -332,7 +329,8 @@ void PNXConfig::logConfig() const {
   auto expiration = provisioning->certificateExpiration();
   PNXLogInfo("Application Configuration Loaded");
   PNXLogInfo("Log Level is %@", sharedLog().logLevelName().value_or("UNKNOWN"));
-  PNXLogInfo("App Key is %@", orNull(appKey()));
+  PNXLogInfo("App Key is %@",
+             orNull(appKey() ? std::optional(pnx::excerpt(*appKey())) : std::nullopt));
   PNXLogInfo("Base URL is %@", baseUrl());
   PNXLogInfo("Auto Initialize is %@", autoInitializeFlag() ? "ON" : "OFF");
   PNXLogInfo("App Delegate Class is %@",

@@ -79,6 +79,25 @@ TEST_F(ConfigTest, ReadsTheBundleFileOnlyWithoutADictionary) {
   }
 }
 
+TEST_F(ConfigTest, BadValuesAreQuotedAsShortEscapedExcerpts) {
+  std::string array = "[";
+  while (array.size() < (1u << 20)) array += "1234567,";
+  device_.writeBundleFile("PnxConfig.json", array + "0]");
+  try {
+    PNXConfig config;
+    ADD_FAILURE() << "no exception";
+  } catch (const pnx::Exception& exception) {
+    EXPECT_LT(exception.reason().size(), 160u) << exception.reason();
+    EXPECT_TRUE(exception.reason().starts_with("Config of [1234567,1234567,"))
+        << exception.reason();
+  }
+  build(R"("location": {"geofence": {"accuracy": "\u001b[2J\u0000"}})");
+  EXPECT_TRUE(log_.contains("Config value for geo accuracty is specified as '\\x1b[2J\\x00'"));
+  auto config = build(R"("appKey": {"dev": "ap\u001b[2J4567", "prod": "ap\u001b[2J4567"})");
+  EXPECT_EQ(config->appKey(), "ap\x1b[2J4567");
+  EXPECT_TRUE(log_.contains("defaulting to prod appkey ap\\x1b[2J4567"));
+}
+
 TEST_F(ConfigTest, TypedGettersReadLooselyTypedValues) {
   for (const char* yes : {"YES", "True", "yes"}) EXPECT_TRUE(PNXConfig::boolValue(yes, false));
   for (const char* no : {"no", "FALSE"}) EXPECT_FALSE(PNXConfig::boolValue(no, true));
@@ -236,10 +255,16 @@ TEST_F(ConfigTest, BaseUrlIsReducedToItsServerRoot) {
       {"https://api.example.com", "https://api.example.com"},
       {"api.example.com/path", kDefaultUrl},
       {"not a url", kDefaultUrl},
+      {"https://api.example.com/a/b?key=1#top", "https://api.example.com/?key=1#top"},
+      // ".." components cannot climb above the root (deleting them one by one never ends).
+      {"https://api.example.com/a/../b/..", "https://api.example.com/"},
   };
   for (const auto& [given, root] : cases) {
     EXPECT_EQ(config->trimmedBaseUrlWithString(given).absoluteString(), root) << given;
   }
+  std::string deep = "https://api.example.com";
+  for (int i = 0; i < 100000; ++i) deep += "/abcdefghi";
+  EXPECT_EQ(config->trimmedBaseUrlWithString(deep).absoluteString(), "https://api.example.com/");
   EXPECT_EQ(build(R"("baseUrl": 12)")->baseUrl().absoluteString(), kDefaultUrl);
 }
 

@@ -7,41 +7,9 @@
 #include "diagnostics/log.h"
 #include "platform/foundation/format.h"
 #include "platform/foundation/url.h"
+#include "platform/foundation/utf8.h"
 
 namespace {
-
-// Strict UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
-bool isValidUTF8(const pnx::Data& bytes) {
-  std::size_t i = 0;
-  const std::size_t n = bytes.size();
-  while (i < n) {
-    const std::uint8_t lead = bytes[i];
-    std::size_t length;
-    std::uint32_t min;
-    std::uint32_t code;
-    if (lead < 0x80) {
-      ++i;
-      continue;
-    } else if ((lead & 0xE0) == 0xC0) {
-      length = 2, min = 0x80, code = lead & 0x1F;
-    } else if ((lead & 0xF0) == 0xE0) {
-      length = 3, min = 0x800, code = lead & 0x0F;
-    } else if ((lead & 0xF8) == 0xF0) {
-      length = 4, min = 0x10000, code = lead & 0x07;
-    } else {
-      return false;
-    }
-    if (n - i < length) return false;
-    for (std::size_t k = 1; k < length; ++k) {
-      const std::uint8_t next = bytes[i + k];
-      if ((next & 0xC0) != 0x80) return false;
-      code = (code << 6) | (next & 0x3F);
-    }
-    if (code < min || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return false;
-    i += length;
-  }
-  return true;
-}
 
 // The leading decimal integer of a text after optional white space and sign, saturating at
 // the integer range; 0 when the text does not start with a number (an HTTP date).
@@ -139,7 +107,10 @@ pnx::ErrorPtr NSError_PNX::invalidJsonFromServer(const pnx::ErrorPtr& error) {
 
 pnx::ErrorPtr NSError_PNX::keychainUnarchiveFailed(
     const std::optional<std::string>& name, std::shared_ptr<const pnx::Exception> exception) {
-  return errorWithCode(104, pnx::format("Keychain unarchive of %@ failed", optionalText(name)),
+  // The name may come from outside (a tool's argument): quoted as an excerpt.
+  const auto quotedName = name ? std::optional(pnx::excerpt(*name)) : std::nullopt;
+  return errorWithCode(104,
+                       pnx::format("Keychain unarchive of %@ failed", optionalText(quotedName)),
                        exception ? pnx::Value(pnx::ObjectPtr(exception)) : pnx::Value());
 }
 
@@ -149,7 +120,7 @@ pnx::ErrorPtr NSError_PNX::httpResponseError(const pnx::HTTPURLResponse& respons
   if (auto retryAfter = retryAfterSeconds(response)) {
     info.insert_or_assign(pnx::Value(pnx::kRetryAfterKey), pnx::Value(*retryAfter));
   }
-  if (data && isValidUTF8(*data)) {
+  if (data && pnx::isValidUTF8(data->data(), data->size())) {
     info.insert_or_assign(pnx::Value(pnx::kStatusMessageKey),
                           pnx::Value(std::string(data->begin(), data->end())));
   }

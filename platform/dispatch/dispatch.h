@@ -6,6 +6,7 @@
 // its main thread. All functions are thread-safe.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -77,11 +78,31 @@ class RunLoop {
   static void runPending();
 };
 
-// dispatch_once: std::call_once under the platform's name.
-using OnceFlag = std::once_flag;
+// dispatch_once: runs f once per flag, however many threads call at the same time; the
+// others wait for it. When f throws, the exception reaches its caller and the flag stays
+// unset, so the next caller runs f again (a shared instance whose build failed is built
+// anew, never left half-built). std::call_once promises the same, but ThreadSanitizer's
+// version of it never lets a caller in again after a throw, so it is not used.
+class OnceFlag {
+ public:
+  OnceFlag() = default;
+  OnceFlag(const OnceFlag&) = delete;
+  OnceFlag& operator=(const OnceFlag&) = delete;
+
+ private:
+  template <class F>
+  friend void dispatchOnce(OnceFlag& flag, F&& f);
+  std::atomic<bool> done_{false};
+  std::mutex mutex_;
+};
+
 template <class F>
 void dispatchOnce(OnceFlag& flag, F&& f) {
-  std::call_once(flag, std::forward<F>(f));
+  if (flag.done_.load(std::memory_order_acquire)) return;
+  std::lock_guard lock(flag.mutex_);
+  if (flag.done_.load(std::memory_order_relaxed)) return;
+  std::forward<F>(f)();
+  flag.done_.store(true, std::memory_order_release);
 }
 
 }  // namespace pnx

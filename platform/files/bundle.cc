@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <mutex>
 
-#include "platform/foundation/plist.h"
+#include "platform/files/file_manager.h"
 
 namespace pnx {
 namespace {
@@ -55,7 +55,7 @@ bool isFileOrDirectory(const std::string& path) {
 Bundle::Bundle(std::string path) : path_(normalizedPath(path)), info_(Dictionary{}) {
   std::string plistPath = path_ + "/Info.plist";
   if (!isFileOrDirectory(plistPath)) return;
-  auto info = PropertyList::readFile(plistPath);
+  auto info = propertyListWithContentsOfFile(plistPath);
   if (info && info->isDictionary()) info_ = *info;
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/files/file_manager.h"
 #include "platform/files/fixtures_test.h"
 #include "platform/foundation/plist.h"
 
@@ -37,6 +38,30 @@ TEST(BundleTest, MissingOrBrokenInfoPlistGivesAnEmptyDictionary) {
     EXPECT_EQ(bundle.infoDictionary().size(), 0u);
     EXPECT_FALSE(bundle.bundleIdentifier());
   }
+}
+
+// Reads fail with the file manager's error; everything else forwards.
+class UnreadableFiles : public FileManagerWrapper {
+ public:
+  using FileManagerWrapper::FileManagerWrapper;
+  std::optional<Data> contentsOfFile(const std::string& path, ErrorPtr* error) override {
+    ++reads;
+    if (error) *error = Error::withDescription(NSCocoaErrorDomain, 257, "no permission", path);
+    return std::nullopt;
+  }
+  int reads = 0;
+};
+
+TEST(BundleTest, ReadsInfoPlistThroughTheFileManager) {
+  TempDir dir;
+  dir.write("Info.plist", testing::ScopedDevice::infoPlist("com.example.unreadable"));
+  auto unreadable = std::make_shared<UnreadableFiles>(FileManager::posix());
+  FileManager::setCurrent(unreadable);
+  Bundle bundle(dir.path());
+  FileManager::setCurrent(nullptr);
+  EXPECT_EQ(unreadable->reads, 1);
+  EXPECT_EQ(bundle.infoDictionary().size(), 0u);
+  EXPECT_EQ(Bundle(dir.path()).bundleIdentifier(), "com.example.unreadable");
 }
 
 TEST(BundleTest, FindsResourcesInsideTheBundleOnly) {

@@ -4,6 +4,8 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/foundation/plist.h"
+
 namespace pnx {
 namespace {
 
@@ -35,6 +37,12 @@ void FileManager::setCurrent(std::shared_ptr<FileManager> manager) {
   std::lock_guard lock(state.mutex);
   if (state.current) state.retired.push_back(std::move(state.current));
   state.current = std::move(manager);
+}
+
+std::optional<Value> propertyListWithContentsOfFile(const std::string& path, ErrorPtr* error) {
+  auto bytes = FileManager::current().contentsOfFile(path, error);
+  if (!bytes) return std::nullopt;
+  return PropertyList::parse(*bytes, error);
 }
 
 std::string pathByAppendingComponent(const std::string& directory, const std::string& component) {

@@ -169,6 +169,12 @@ class FileManagerWrapper : public FileManager {
   std::shared_ptr<FileManager> target_;
 };
 
+// The property list (XML or binary) in the file at path, read through FileManager::current():
+// nullopt and *error with the file manager's error (4 no such file, ...) when the file
+// cannot be read, or the parser's (3840) when it holds no property list.
+std::optional<Value> propertyListWithContentsOfFile(const std::string& path,
+                                                    ErrorPtr* error = nullptr);
+
 // Path helpers (pure string operations, no file system access).
 std::string pathByAppendingComponent(const std::string& directory, const std::string& component);
 std::string lastPathComponent(const std::string& path);

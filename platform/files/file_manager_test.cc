@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "platform/files/fixtures_test.h"
+#include "platform/foundation/plist.h"
 
 namespace pnx {
 namespace {
@@ -269,6 +270,25 @@ class FullDisk : public FileManagerWrapper {
     return false;
   }
 };
+
+TEST_F(FileManagerTest, ReadsPropertyListsWithTheFileManagersErrors) {
+  ErrorPtr error;
+  const std::string missing = dir.file("Missing.plist");
+  EXPECT_FALSE(propertyListWithContentsOfFile(missing, &error));
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code(), NSFileNoSuchFileError);
+  EXPECT_EQ(error->userInfo()[NSFilePathErrorKey], Value(missing));
+
+  error = nullptr;
+  EXPECT_FALSE(propertyListWithContentsOfFile(dir.write("Broken.plist", "<plist><dict>"), &error));
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code(), 3840);
+
+  Value v = Value::dict({{"CFBundleIdentifier", "com.example.app"}});
+  Data binary = *PropertyList::serialize(v, PropertyList::Format::Binary);
+  const std::string path = dir.write("Info.plist", std::string(binary.begin(), binary.end()));
+  EXPECT_EQ(propertyListWithContentsOfFile(path), v);
+}
 
 TEST_F(FileManagerTest, FaultFakeReplacesOnlyWhatItOverrides) {
   FileManager::setCurrent(std::make_shared<FullDisk>(FileManager::posix()));

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <limits>
 
+#include "platform/foundation/utf8.h"
+
 namespace pnx {
 
 namespace {
@@ -162,26 +164,6 @@ std::string padText(std::string text, const Directive& directive) {
   return hasFlag(directive, '-') ? text + padding : padding + text;
 }
 
-std::string utf8(std::uint32_t cp) {
-  std::string out;
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
-  return out;
-}
-
 // snprintf with a directive rebuilt from the parsed parts; the argument's C type is chosen
 // here, so the directive always matches it.
 template <class T>
@@ -236,7 +218,8 @@ std::string formatInteger(const Directive& directive, std::uint64_t bits) {
 std::string formatCharacter(const Directive& directive, const Arg* arg) {
   auto code = static_cast<std::uint32_t>(integerBits(arg));
   // A NUL would cut C strings made from the result; invalid code points are dropped too.
-  std::string text = (code == 0 || code > 0x10FFFF) ? std::string() : utf8(code);
+  std::string text;
+  if (code != 0 && code <= 0x10FFFF && !(code >= 0xD800 && code <= 0xDFFF)) appendUTF8(text, code);
   Directive padding = directive;
   padding.precision = -1;
   return padText(text, padding);
@@ -314,6 +297,59 @@ std::string formatArgs(std::string_view fmt, const std::vector<FormatArg>& args)
         directive.position >= 0 ? static_cast<std::size_t>(directive.position) : next++;
     const Arg* arg = index < args.size() ? &args[index].value() : nullptr;
     out += formatOne(directive, arg);
+  }
+  return out;
+}
+
+namespace {
+
+// Characters a terminal acts on or that reorder the text around them: C0 and C1 controls,
+// DEL, the line and paragraph separators, and the bidirectional embeddings and isolates.
+bool needsEscape(char32_t c) {
+  return c < 0x20 || (c >= 0x7f && c <= 0x9f) || c == 0x2028 || c == 0x2029 ||
+         (c >= 0x202a && c <= 0x202e) || (c >= 0x2066 && c <= 0x2069);
+}
+
+void appendEscape(std::string& out, char32_t c, bool isByte) {
+  switch (c) {
+    case '\n':
+      out += "\\n";
+      return;
+    case '\r':
+      out += "\\r";
+      return;
+    case '\t':
+      out += "\\t";
+      return;
+    default:
+      break;
+  }
+  char buffer[12];
+  std::snprintf(buffer, sizeof buffer, isByte ? "\\x%02x" : "\\u%04x", static_cast<unsigned>(c));
+  out += buffer;
+}
+
+}  // namespace
+
+std::string excerpt(std::string_view text, std::size_t maxBytes) {
+  std::string out;
+  std::size_t i = 0;
+  while (i < text.size()) {
+    char32_t c = 0;
+    std::size_t length = utf8SequenceLength(text, i, &c);
+    if (i + std::max<std::size_t>(length, 1) > maxBytes) break;
+    if (length == 0) {
+      appendEscape(out, static_cast<unsigned char>(text[i]), true);
+      length = 1;
+    } else if (needsEscape(c)) {
+      appendEscape(out, c, c < 0x80);
+    } else {
+      out.append(text, i, length);
+    }
+    i += length;
+  }
+  if (i < text.size()) {
+    out += "\u2026 (" + std::to_string(text.size() - i) + " more bytes)";
   }
   return out;
 }

@@ -64,4 +64,12 @@ std::string format(std::string_view fmt, const Args&... args) {
   return formatArgs(fmt, std::vector<FormatArg>{FormatArg(args)...});
 }
 
+// Untrusted text (file contents, names, values from outside) made fit to quote in a message:
+// at most maxBytes of it, cut at a character boundary and followed by "…" and the number of
+// bytes left out; control characters, the characters that reorder a line, and bytes that
+// are not UTF-8 written as escapes (\n, \t, \x1b, \u202e). So bad input can neither flood a
+// log or terminal nor drive it. Every message that quotes bad input goes through this.
+inline constexpr std::size_t kExcerptLength = 80;
+std::string excerpt(std::string_view text, std::size_t maxBytes = kExcerptLength);
+
 }  // namespace pnx

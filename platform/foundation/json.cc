@@ -9,6 +9,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/foundation/format.h"
+#include "platform/foundation/utf8.h"
+
 namespace pnx {
 
 namespace {
@@ -31,25 +34,10 @@ std::pair<std::size_t, std::size_t> lineAndColumn(std::string_view text, std::si
   return {line, offset - lineStart + 1};
 }
 
-// Bytes that are not printable ASCII become \xNN, so a message stays readable text.
-std::string printable(std::string_view s) {
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned char c : s) {
-    if (c >= 0x20 && c < 0x7f) {
-      out += static_cast<char>(c);
-    } else {
-      out += "\\x";
-      out += kHex[c >> 4];
-      out += kHex[c & 0xf];
-    }
-  }
-  return out;
-}
-
 // nlohmann's message reads "[json.exception.parse_error.101] parse error at line 1,
 // column 4: syntax error while parsing value - unexpected '}'; expected ...": keep the
-// part that says what went wrong; our own prefix says where.
+// part that says what went wrong; our own prefix says where. The part quotes the token
+// that was last read, which may be a megabyte of string or number: an excerpt is shown.
 std::string whatWentWrong(const std::string& message) {
   std::string_view what = message;
   if (!what.empty() && what.front() == '[') {
@@ -64,7 +52,7 @@ std::string whatWentWrong(const std::string& message) {
     auto dash = what.find(" - ");
     if (dash != std::string_view::npos) what.remove_prefix(dash + 3);
   }
-  return printable(what);
+  return excerpt(what, 2 * kExcerptLength);
 }
 
 void setReadError(ErrorPtr* error, std::string_view text, std::size_t offset,
@@ -238,35 +226,6 @@ class ValueBuilder {
   bool misplacedToken_ = false;
   std::string what_;
 };
-
-// Length of the valid UTF-8 sequence starting at s[i], or 0 when it is not one
-// (overlong forms, surrogates and code points above U+10FFFF are invalid).
-std::size_t utf8SequenceLength(std::string_view s, std::size_t i) {
-  const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(s[k]); };
-  const unsigned char lead = byte(i);
-  if (lead < 0x80) return 1;
-  std::size_t length;
-  unsigned char low = 0x80, high = 0xbf;
-  if (lead >= 0xc2 && lead <= 0xdf) {
-    length = 2;
-  } else if (lead >= 0xe0 && lead <= 0xef) {
-    length = 3;
-    if (lead == 0xe0) low = 0xa0;
-    if (lead == 0xed) high = 0x9f;
-  } else if (lead >= 0xf0 && lead <= 0xf4) {
-    length = 4;
-    if (lead == 0xf0) low = 0x90;
-    if (lead == 0xf4) high = 0x8f;
-  } else {
-    return 0;
-  }
-  if (i + length > s.size()) return 0;
-  if (byte(i + 1) < low || byte(i + 1) > high) return 0;
-  for (std::size_t k = 2; k < length; ++k) {
-    if (byte(i + k) < 0x80 || byte(i + k) > 0xbf) return 0;
-  }
-  return length;
-}
 
 // Writes compact JSON; stops at the first value that JSON cannot hold.
 class JSONWriter {

@@ -83,6 +83,16 @@ TEST(JSONTest, ErrorsSayWhatAndWhere) {
   EXPECT_NE(parseError(R"(["a\"\\" "b"])").find("(byte 9): unexpected string"), std::string::npos);
 }
 
+TEST(JSONTest, ErrorsQuoteAnExcerptOfTheBadToken) {
+  // A megabyte of unterminated string, and of a number too large for a double.
+  const std::string megabyte(1 << 20, '1');
+  for (const std::string& text : {"[\"" + megabyte, "[" + megabyte + "e400]"}) {
+    const std::string message = parseError(text);
+    EXPECT_LT(message.size(), 300u) << message;
+    EXPECT_NE(message.find("more bytes)"), std::string::npos) << message;
+  }
+}
+
 TEST(JSONTest, FragmentsOnlyWhenAllowed) {
   EXPECT_EQ(parseError("  \"text\""),
             "JSON parse error at line 1, column 3 (byte 2): JSON text did not start with array "

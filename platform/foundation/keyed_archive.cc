@@ -1,14 +1,15 @@
 #include "platform/foundation/keyed_archive.h"
 
 #include <algorithm>
-#include <cstring>
 #include <map>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
 
+#include "platform/foundation/format.h"
 #include "platform/foundation/plist.h"
+#include "platform/foundation/utf8.h"
 
 namespace pnx {
 
@@ -24,220 +25,11 @@ ErrorPtr writeError(const std::string& reason) {
                                 "The data couldn’t be written: " + reason + ".");
 }
 
-// Converts well-formed UTF-8 to UTF-16 code units (units may be null to only check it);
-// false for anything else: stray or overlong bytes, surrogates, code points past U+10FFFF.
-bool utf8ToUTF16(std::string_view text, std::vector<std::uint16_t>* units) {
-  static constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-  for (std::size_t i = 0; i < text.size();) {
-    auto lead = static_cast<unsigned char>(text[i]);
-    int length = lead < 0x80           ? 1
-                 : (lead >> 5) == 0x6  ? 2
-                 : (lead >> 4) == 0xe  ? 3
-                 : (lead >> 3) == 0x1e ? 4
-                                       : 0;
-    if (length == 0 || i + length > text.size()) return false;
-    std::uint32_t code = length == 1 ? lead : lead & (0x7f >> length);
-    for (int k = 1; k < length; ++k) {
-      auto next = static_cast<unsigned char>(text[i + k]);
-      if ((next & 0xc0) != 0x80) return false;
-      code = code << 6 | (next & 0x3f);
-    }
-    if (code < kSmallest[length] || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff)) {
-      return false;
-    }
-    i += length;
-    if (!units) continue;
-    if (code >= 0x10000) {
-      code -= 0x10000;
-      units->push_back(static_cast<std::uint16_t>(0xd800 | code >> 10));
-      units->push_back(static_cast<std::uint16_t>(0xdc00 | (code & 0x3ff)));
-    } else {
-      units->push_back(static_cast<std::uint16_t>(code));
-    }
-  }
-  return true;
-}
-
-// Builds a binary property list ("bplist00") object by object, children before the
-// containers that refer to them, and writes it out at the end, when the size of the
-// references is known. Equal strings and equal UIDs become one object. Linear in the
-// number of objects (libplist's writer slows down quadratically on archives of tens of
-// thousands of objects, which a long delivery queue reaches).
-class BinaryPlistWriter {
- public:
-  using Ref = std::uint64_t;
-
-  Ref string(std::string_view text) {
-    auto found = strings_.find(text);
-    if (found != strings_.end()) return found->second;
-    Ref ref = scalar([&](Data& out) { encodeString(text, out); });
-    strings_.emplace(std::string(text), ref);
-    return ref;
-  }
-
-  Ref integer(std::int64_t value) {
-    return scalar([&](Data& out) { encodeInteger(value, out); });
-  }
-
-  Ref real(double value) {
-    return scalar([&](Data& out) {
-      std::uint64_t bits;
-      std::memcpy(&bits, &value, sizeof bits);
-      out.push_back(0x23);
-      appendBigEndian(bits, 8, out);
-    });
-  }
-
-  Ref boolean(bool value) {
-    return scalar([&](Data& out) { out.push_back(value ? 0x09 : 0x08); });
-  }
-
-  Ref data(const Data& bytes) {
-    return scalar([&](Data& out) {
-      encodeMarker(0x4, bytes.size(), out);
-      out.insert(out.end(), bytes.begin(), bytes.end());
-    });
-  }
-
-  Ref uid(std::uint64_t index) {
-    auto found = uids_.find(index);
-    if (found != uids_.end()) return found->second;
-    Ref ref = scalar([&](Data& out) {
-      int bytes = byteCount(index);
-      out.push_back(static_cast<std::uint8_t>(0x80 | (bytes - 1)));
-      appendBigEndian(index, bytes, out);
-    });
-    uids_.emplace(index, ref);
-    return ref;
-  }
-
-  Ref array(std::vector<Ref> items) {
-    nodes_.push_back({{}, 0xa, std::move(items)});
-    return nodes_.size() - 1;
-  }
-
-  // entries: the keys (string objects) and their values.
-  Ref dictionary(const std::vector<std::pair<Ref, Ref>>& entries) {
-    std::vector<Ref> references;
-    references.reserve(entries.size() * 2);
-    for (const auto& entry : entries) references.push_back(entry.first);
-    for (const auto& entry : entries) references.push_back(entry.second);
-    nodes_.push_back({{}, 0xd, std::move(references)});
-    return nodes_.size() - 1;
-  }
-
-  // The whole property list with top as its root; nullopt and *error when a string was
-  // not UTF-8.
-  std::optional<Data> finish(Ref top, ErrorPtr* error) {
-    if (!failure_.empty()) {
-      if (error) *error = writeError(failure_);
-      return std::nullopt;
-    }
-    int refSize = byteCount(nodes_.size() - 1);
-    Data out{'b', 'p', 'l', 'i', 's', 't', '0', '0'};
-    std::vector<std::uint64_t> offsets;
-    offsets.reserve(nodes_.size());
-    for (const Node& node : nodes_) {
-      offsets.push_back(out.size());
-      if (node.containerType == 0) {
-        out.insert(out.end(), node.bytes.begin(), node.bytes.end());
-        continue;
-      }
-      std::size_t count = node.references.size() / (node.containerType == 0xd ? 2 : 1);
-      encodeMarker(node.containerType, count, out);
-      for (Ref reference : node.references) appendBigEndian(reference, refSize, out);
-    }
-    std::uint64_t tableOffset = out.size();
-    int offsetSize = byteCount(tableOffset);
-    for (std::uint64_t offset : offsets) appendBigEndian(offset, offsetSize, out);
-    out.insert(out.end(), 6, 0);  // unused bytes and the sort version
-    out.push_back(static_cast<std::uint8_t>(offsetSize));
-    out.push_back(static_cast<std::uint8_t>(refSize));
-    appendBigEndian(nodes_.size(), 8, out);
-    appendBigEndian(top, 8, out);
-    appendBigEndian(tableOffset, 8, out);
-    return out;
-  }
-
- private:
-  struct Node {
-    Data bytes;                   // a scalar, encoded
-    std::uint8_t containerType;   // 0 for a scalar, 0xa array, 0xd dictionary
-    std::vector<Ref> references;  // a dictionary's keys, then its values
-  };
-
-  template <class Encode>
-  Ref scalar(const Encode& encode) {
-    nodes_.push_back({{}, 0, {}});
-    encode(nodes_.back().bytes);
-    return nodes_.size() - 1;
-  }
-
-  static int byteCount(std::uint64_t value) {
-    if (value <= 0xff) return 1;
-    if (value <= 0xffff) return 2;
-    if (value <= 0xffffffffULL) return 4;
-    return 8;
-  }
-
-  static void appendBigEndian(std::uint64_t value, int bytes, Data& out) {
-    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8) {
-      out.push_back(static_cast<std::uint8_t>(value >> shift));
-    }
-  }
-
-  static void encodeInteger(std::int64_t value, Data& out) {
-    // Negative integers always take eight bytes; others the fewest of 1, 2, 4, 8.
-    int bytes = value < 0 ? 8 : byteCount(static_cast<std::uint64_t>(value));
-    int power = bytes == 1 ? 0 : bytes == 2 ? 1 : bytes == 4 ? 2 : 3;
-    out.push_back(static_cast<std::uint8_t>(0x10 | power));
-    appendBigEndian(static_cast<std::uint64_t>(value), bytes, out);
-  }
-
-  // A type nibble with its count; a count of 15 or more follows as an integer object.
-  static void encodeMarker(std::uint8_t type, std::uint64_t count, Data& out) {
-    if (count < 15) {
-      out.push_back(static_cast<std::uint8_t>(type << 4 | count));
-      return;
-    }
-    out.push_back(static_cast<std::uint8_t>(type << 4 | 0x0f));
-    encodeInteger(static_cast<std::int64_t>(count), out);
-  }
-
-  // ASCII as it is, anything else as UTF-16 big-endian.
-  void encodeString(std::string_view text, Data& out) {
-    // Property-list readers end strings at a NUL: refuse rather than lose what follows.
-    if (text.find('\0') != std::string_view::npos) {
-      failure_ = "a string contains a NUL character";
-      return;
-    }
-    bool ascii = std::all_of(text.begin(), text.end(),
-                             [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-    if (ascii) {
-      encodeMarker(0x5, text.size(), out);
-      out.insert(out.end(), text.begin(), text.end());
-      return;
-    }
-    std::vector<std::uint16_t> units;
-    if (!utf8ToUTF16(text, &units)) {
-      failure_ = "a string is not UTF-8";
-      return;
-    }
-    encodeMarker(0x6, units.size(), out);
-    for (std::uint16_t unit : units) appendBigEndian(unit, 2, out);
-  }
-
-  std::vector<Node> nodes_;
-  std::map<std::string, Ref, std::less<>> strings_;
-  std::unordered_map<std::uint64_t, Ref> uids_;
-  std::string failure_;
-};
-
-// Lays values out in the archive's object table ($objects) and writes the archive.
+// Lays values out in the archive's object table ($objects), as property-list values with
+// UIDs ({"CF$UID": n}) for the references, and writes the archive with the property-list
+// writer.
 class ArchiveWriter {
  public:
-  using Ref = BinaryPlistWriter::Ref;
-
   // Appends value (and everything it holds) to $objects; returns its UID, or nullopt and
   // *error for a value that cannot be archived.
   std::optional<std::uint64_t> encode(const Value& value, int depth, ErrorPtr* error) {
@@ -254,21 +46,18 @@ class ArchiveWriter {
     }
     switch (value.type()) {
       case Value::Type::Boolean:
-        return append(plist_.boolean(value.boolValue()));
       case Value::Type::Integer:
-        return append(plist_.integer(value.integerValue()));
       case Value::Type::Real:
-        return append(plist_.real(value.doubleValue()));
+        return append(value);
       case Value::Type::String:
-        return appendString(*value.asString());
+        return appendString(*value.asString(), error);
       case Value::Type::Null:
         return append(instance("NSNull", {}));
       case Value::Type::Date:
-        return append(
-            instance("NSDate",
-                     {{"NS.time", plist_.real(value.asDate()->timeIntervalSinceReferenceDate())}}));
+        return append(instance(
+            "NSDate", {{"NS.time", Value(value.asDate()->timeIntervalSinceReferenceDate())}}));
       case Value::Type::Data:
-        return append(instance("NSData", {{"NS.data", plist_.data(*value.asData())}}));
+        return append(instance("NSData", {{"NS.data", value}}));
       case Value::Type::Array:
         return encodeElements("NSArray", *value.asArray(), depth, error);
       case Value::Type::Set:
@@ -282,14 +71,18 @@ class ArchiveWriter {
   }
 
   std::optional<Data> finish(std::uint64_t root, ErrorPtr* error) {
-    Ref top = plist_.dictionary({{plist_.string("root"), plist_.uid(root)}});
-    Ref archive = plist_.dictionary({
-        {plist_.string("$version"), plist_.integer(kArchiveVersion)},
-        {plist_.string("$archiver"), plist_.string(kArchiverName)},
-        {plist_.string("$top"), top},
-        {plist_.string("$objects"), plist_.array(objects_)},
-    });
-    return plist_.finish(archive, error);
+    Dictionary archive;
+    archive.emplace(Value("$version"), Value(kArchiveVersion));
+    archive.emplace(Value("$archiver"), Value(kArchiverName));
+    archive.emplace(Value("$top"), Value::dict({{"root", uid(root)}}));
+    archive.emplace(Value("$objects"), Value(std::move(objects_)));
+    ErrorPtr plistError;
+    auto data = PropertyList::serialize(Value(std::move(archive)), PropertyList::Format::Binary,
+                                        &plistError);
+    if (!data) {
+      return fail(plistError ? plistError->localizedDescription() : "no property list", error);
+    }
+    return data;
   }
 
  private:
@@ -298,56 +91,68 @@ class ArchiveWriter {
     return std::nullopt;
   }
 
-  std::uint64_t append(Ref object) {
-    objects_.push_back(object);
+  std::uint64_t append(Value object) {
+    objects_.push_back(std::move(object));
     return objects_.size() - 1;
   }
 
-  // Equal strings are stored once, as the platform's archiver does.
-  std::uint64_t appendString(const std::string& text) {
-    auto found = strings_.find(text);
-    if (found != strings_.end()) return found->second;
-    std::uint64_t index = append(plist_.string(text));
+  // A reference to the object at index; one shared Value per index.
+  Value uid(std::uint64_t index) {
+    if (index >= uids_.size()) uids_.resize(index + 1);
+    if (uids_[index].isNull()) uids_[index] = Value::dict({{kUidKey, Value(index)}});
+    return uids_[index];
+  }
+
+  // Equal strings are stored once, as the platform's archiver does. A property list holds
+  // no NUL character (readers end strings there) and no text that is not UTF-8.
+  std::optional<std::uint64_t> appendString(const std::string& text, ErrorPtr* error) {
+    if (auto found = strings_.find(text); found != strings_.end()) return found->second;
+    if (text.find('\0') != std::string::npos)
+      return fail("a string contains a NUL character", error);
+    if (!isValidUTF8(text)) return fail("a string is not UTF-8", error);
+    std::uint64_t index = append(Value(text));
     strings_.emplace(text, index);
     return index;
   }
 
   // The UID of the class entry {"$classname": name, "$classes": [name, "NSObject"]},
   // written once per class.
-  std::uint64_t classEntry(const std::string& name) {
+  Value classEntry(const std::string& name) {
     auto found = classes_.find(name);
-    if (found != classes_.end()) return found->second;
-    Ref classes = plist_.array({plist_.string(name), plist_.string("NSObject")});
-    std::uint64_t index =
-        append(plist_.dictionary({{plist_.string("$classname"), plist_.string(name)},
-                                  {plist_.string("$classes"), classes}}));
-    classes_.emplace(name, index);
-    return index;
+    if (found == classes_.end()) {
+      const std::uint64_t index = append(Value::dict(
+          {{"$classname", name}, {"$classes", Value::array({Value(name), Value("NSObject")})}}));
+      found = classes_.emplace(name, index).first;
+    }
+    return uid(found->second);
   }
 
   // An object {"$class": UID, fields...}.
-  Ref instance(const std::string& className, std::vector<std::pair<const char*, Ref>> fields) {
-    std::vector<std::pair<Ref, Ref>> entries{
-        {plist_.string("$class"), plist_.uid(classEntry(className))}};
-    for (const auto& [key, ref] : fields) entries.push_back({plist_.string(key), ref});
-    return plist_.dictionary(entries);
+  Value instance(const std::string& className,
+                 std::initializer_list<std::pair<std::string_view, Value>> fields) {
+    Dictionary entries;
+    entries.emplace(Value("$class"), classEntry(className));
+    for (const auto& [key, value] : fields) entries.emplace(Value(key), value);
+    return Value(std::move(entries));
   }
 
   // The container's slot comes before its elements, as in the platform's archives.
   template <class Range>
   std::optional<std::uint64_t> encodeElements(const char* className, const Range& elements,
                                               int depth, ErrorPtr* error) {
-    std::uint64_t slot = append(0);
+    std::uint64_t slot = append(Value());
     auto references = encodeAll(elements, depth, error);
     if (!references) return std::nullopt;
-    objects_[slot] = instance(className, {{"NS.objects", plist_.array(std::move(*references))}});
+    objects_[slot] = instance(className, {{"NS.objects", Value(std::move(*references))}});
     return slot;
   }
 
   std::optional<std::uint64_t> encodeDictionary(const Dictionary& dictionary, int depth,
                                                 ErrorPtr* error) {
-    std::uint64_t slot = append(0);
-    std::vector<Value> keys, values;
+    std::uint64_t slot = append(Value());
+    Array keys, values;
+    keys.reserve(dictionary.size());
+    values.reserve(dictionary.size());
     for (const auto& [key, value] : dictionary) {
       keys.push_back(key);
       values.push_back(value);
@@ -356,27 +161,27 @@ class ArchiveWriter {
     if (!keyReferences) return std::nullopt;
     auto valueReferences = encodeAll(values, depth, error);
     if (!valueReferences) return std::nullopt;
-    objects_[slot] =
-        instance("NSDictionary", {{"NS.keys", plist_.array(std::move(*keyReferences))},
-                                  {"NS.objects", plist_.array(std::move(*valueReferences))}});
+    objects_[slot] = instance("NSDictionary", {{"NS.keys", Value(std::move(*keyReferences))},
+                                               {"NS.objects", Value(std::move(*valueReferences))}});
     return slot;
   }
 
-  // The UIDs of the elements, as property-list objects.
+  // The UIDs of the elements.
   template <class Range>
-  std::optional<std::vector<Ref>> encodeAll(const Range& elements, int depth, ErrorPtr* error) {
-    std::vector<Ref> references;
+  std::optional<Array> encodeAll(const Range& elements, int depth, ErrorPtr* error) {
+    Array references;
+    references.reserve(elements.size());
     for (const Value& element : elements) {
       auto index = encode(element, depth + 1, error);
       if (!index) return std::nullopt;
-      references.push_back(plist_.uid(*index));
+      references.push_back(uid(*index));
     }
     return references;
   }
 
-  BinaryPlistWriter plist_;
-  std::vector<Ref> objects_{plist_.string(kNullMarker)};
-  std::map<std::string, std::uint64_t> strings_;
+  Array objects_{Value(kNullMarker)};
+  std::vector<Value> uids_;
+  std::unordered_map<std::string, std::uint64_t> strings_;
   std::map<std::string, std::uint64_t> classes_;
   std::size_t encoded_ = 0;
 };
@@ -424,7 +229,7 @@ class ArchiveReader {
   std::size_t indexOf(const Value& reference) const {
     const Value& number = reference[kUidKey];
     if (!reference.isDictionary() || reference.size() != 1 || !number.isInteger()) {
-      fail("malformed object reference " + reference.description());
+      fail("malformed object reference " + excerpt(reference.description()));
     }
     std::int64_t index = number.integerValue();
     if (index < 0 || static_cast<std::uint64_t>(index) >= objects_.size()) {
@@ -486,7 +291,7 @@ class ArchiveReader {
   // Strings must be what the archiver writes: UTF-8 without NUL characters.
   static const Value& checkedString(const Value& text) {
     const std::string& value = *text.asString();
-    if (!utf8ToUTF16(value, nullptr)) fail("a string is not UTF-8");
+    if (!isValidUTF8(value)) fail("a string is not UTF-8");
     if (value.find('\0') != std::string::npos) fail("a string contains a NUL character");
     return text;
   }
@@ -527,7 +332,7 @@ class ArchiveReader {
       return checkedString(text);
     }
     if (className == "NSNull") return Value();
-    fail("cannot decode object of class (" + className + ")");
+    fail("cannot decode object of class (" + excerpt(className) + ")");
   }
 
   Array decodeList(const Value& instance, const char* key, int depth) {
@@ -582,7 +387,7 @@ Value KeyedUnarchiver::unarchiveObjectWithData(const Data& data) {
   if (!archive->isDictionary()) fail("incomprehensible archive: not a dictionary");
   const Value& archiver = (*archive)["$archiver"];
   if (!(archiver == Value(kArchiverName))) {
-    fail("incomprehensible archive: archiver " + archiver.description() + " is not " +
+    fail("incomprehensible archive: archiver " + excerpt(archiver.description()) + " is not " +
          kArchiverName);
   }
   if (!(*archive)["$version"].isNumber()) fail("incomprehensible archive: no $version");

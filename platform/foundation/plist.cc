@@ -1,21 +1,19 @@
 #include "platform/foundation/plist.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <bit>
-#include <cerrno>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <limits>
 #include <memory>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include <plist/plist.h>
+
+#include "platform/foundation/format.h"
+#include "platform/foundation/utf8.h"
 
 namespace pnx {
 
@@ -51,54 +49,6 @@ void setWriteError(ErrorPtr* error, const std::string& what) {
 }
 
 // ---------------------------------------------------------------------------------------
-// UTF-8, the encoding of every string in a Value.
-
-// Whether the bytes are well-formed UTF-8: shortest forms only, no surrogates, nothing
-// above U+10FFFF.
-bool isValidUTF8(std::string_view text) {
-  static constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-  for (std::size_t i = 0; i < text.size();) {
-    const auto lead = static_cast<unsigned char>(text[i]);
-    const std::size_t length = lead < 0x80           ? 1
-                               : (lead >> 5) == 0x6  ? 2
-                               : (lead >> 4) == 0xe  ? 3
-                               : (lead >> 3) == 0x1e ? 4
-                                                     : 0;
-    if (length == 0 || text.size() - i < length) return false;
-    std::uint32_t code = length == 1 ? lead : lead & (0x7fu >> length);
-    for (std::size_t k = 1; k < length; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + k]);
-      if ((next & 0xc0) != 0x80) return false;
-      code = code << 6 | (next & 0x3f);
-    }
-    if (code < kSmallest[length] || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff)) {
-      return false;
-    }
-    i += length;
-  }
-  return true;
-}
-
-// Appends a code point (at most U+10FFFF, not a surrogate) as UTF-8.
-void appendUTF8(std::string& out, std::uint32_t code) {
-  if (code < 0x80) {
-    out += static_cast<char>(code);
-  } else if (code < 0x800) {
-    out += static_cast<char>(0xc0 | code >> 6);
-    out += static_cast<char>(0x80 | (code & 0x3f));
-  } else if (code < 0x10000) {
-    out += static_cast<char>(0xe0 | code >> 12);
-    out += static_cast<char>(0x80 | (code >> 6 & 0x3f));
-    out += static_cast<char>(0x80 | (code & 0x3f));
-  } else {
-    out += static_cast<char>(0xf0 | code >> 18);
-    out += static_cast<char>(0x80 | (code >> 12 & 0x3f));
-    out += static_cast<char>(0x80 | (code >> 6 & 0x3f));
-    out += static_cast<char>(0x80 | (code & 0x3f));
-  }
-}
-
-// ---------------------------------------------------------------------------------------
 // Binary property lists are read by our own code: libplist 2.2 refuses empty UTF-16
 // strings, keeps dates in 32-bit seconds, and hands one-byte strings out as raw bytes.
 
@@ -121,7 +71,6 @@ class BinaryReader {
     if (!readTrailer()) return fail("damaged binary property list trailer");
     std::string problem = checkShape();
     if (!problem.empty()) return fail(std::move(problem));
-    values_.resize(objectCount_);
     return readObject(topObject_);
   }
 
@@ -153,43 +102,60 @@ class BinaryReader {
   }
 
   // Empty when the object graph is acceptable, else what is wrong. An iterative post-order
-  // walk: each stack entry is an object and the next child to visit.
+  // walk: each stack entry is an object and the next child to visit. Only the objects
+  // reached get an Info (and later a Value); the count the trailer declares costs the
+  // writer as little as one offset byte each, so it gets no more than a slot number each.
   std::string checkShape() {
-    std::vector<Info> infos(objectCount_);
+    slotOf_.assign(objectCount_, 0);
+    std::vector<Info> infos;
+    auto slotFor = [&](std::uint64_t object) -> std::size_t {
+      std::uint32_t& slot = slotOf_[object];
+      if (slot == 0) {
+        infos.emplace_back();
+        slot = static_cast<std::uint32_t>(infos.size());
+      }
+      return slot - 1;
+    };
     struct Step {
       std::uint64_t object;
+      std::size_t slot;
       std::uint64_t nextChild;
     };
-    std::vector<Step> stack{{topObject_, 0}};
-    infos[topObject_].state = State::Visiting;
+    std::vector<Step> stack{{topObject_, slotFor(topObject_), 0}};
+    infos[stack.back().slot].state = State::Visiting;
     while (!stack.empty()) {
       Step& step = stack.back();
-      Info& info = infos[step.object];
-      if (step.nextChild == 0 && !measureObject(step.object, info)) {
+      if (step.nextChild == 0 && !measureObject(step.object, infos[step.slot])) {
         return "binary property list object out of bounds";
       }
-      if (step.nextChild < info.childCount) {
+      if (step.nextChild < infos[step.slot].childCount) {
         std::uint64_t child;
-        if (!readReference(info.childrenAt + step.nextChild * referenceSize_, child)) {
-          return "binary property list reference out of bounds";
-        }
+        const std::uint64_t at = infos[step.slot].childrenAt + step.nextChild * referenceSize_;
+        if (!readReference(at, child)) return "binary property list reference out of bounds";
         ++step.nextChild;
-        if (infos[child].state == State::Visiting) return "binary property list refers to itself";
-        if (infos[child].state == State::Unvisited) {
-          infos[child].state = State::Visiting;
-          stack.push_back({child, 0});
+        const std::size_t parentSlot = step.slot;
+        const std::size_t childSlot = slotFor(child);  // may move the infos
+        if (infos[childSlot].state == State::Visiting) {
+          return "binary property list refers to itself";
+        }
+        if (infos[childSlot].state == State::Unvisited) {
+          infos[childSlot].state = State::Visiting;
+          stack.push_back({child, childSlot, 0});
         } else {
-          absorbChild(info, infos[child]);
+          absorbChild(infos[parentSlot], infos[childSlot]);
         }
         continue;
       }
+      const std::size_t slot = step.slot;
+      Info& info = infos[slot];
       if (info.isContainer) ++info.depth;
       if (info.depth > kMaxNestingDepth) return "nesting deeper than 512 levels";
       if (info.expandedBytes > kMaxExpandedBytes) return "binary property list expands too far";
       info.state = State::Done;
       stack.pop_back();
-      if (!stack.empty()) absorbChild(infos[stack.back().object], info);
+      if (!stack.empty()) absorbChild(infos[stack.back().slot], infos[slot]);
     }
+    values_.resize(infos.size());
     return {};
   }
 
@@ -314,12 +280,16 @@ class BinaryReader {
 
   // ----- second pass: building Values
 
+  // Objects the shape pass reached have a slot; the build follows the same references.
   std::optional<Value> readObject(std::uint64_t object) {
-    if (values_[object]) return values_[object];
+    if (slotOf_[object] == 0) return fail("binary property list object out of bounds");
+    std::optional<Value>& built = values_[slotOf_[object] - 1];
+    if (built) return built;
     Header header;
     if (!readHeader(object, header)) return fail("binary property list object out of bounds");
     auto value = readPayload(header);
-    if (value) values_[object] = value;
+    // values_ never grows while building, so `built` stays valid across the recursion.
+    if (value) built = value;
     return value;
   }
 
@@ -471,7 +441,245 @@ class BinaryReader {
 
   std::string_view bytes_;
   std::uint64_t offsetSize_ = 0, referenceSize_ = 0, objectCount_ = 0, topObject_ = 0, tableAt_ = 0;
-  std::vector<std::optional<Value>> values_;  // each object's Value once read
+  std::vector<std::uint32_t> slotOf_;         // per object: 0 if not reached, else slot + 1
+  std::vector<std::optional<Value>> values_;  // per reached object, its Value once read
+  std::string failure_;
+};
+
+// ---------------------------------------------------------------------------------------
+// Binary property lists are written by our own code too, in one pass over the Value and
+// linear in its size (libplist's binary writer slows down quadratically on lists of tens
+// of thousands of objects, which a keyed archive of a long delivery queue reaches).
+//
+// Objects are numbered children first; scalars are encoded at once into one buffer and
+// containers keep their references until the end, when the size of a reference is known.
+// Equal strings and equal UIDs become one object. Sets are written as arrays, and a
+// dictionary {"CF$UID": n} (n below 2^32) as the UID n, a keyed archive's reference.
+
+class BinaryWriter {
+ public:
+  std::optional<Data> write(const Value& root) {
+    auto top = add(root, 0);
+    if (!top) return std::nullopt;
+    return finish(*top);
+  }
+
+  const std::string& failure() const { return failure_; }
+
+ private:
+  using Ref = std::uint64_t;
+
+  // A scalar's encoding lies in scalars_, a container's references in references_.
+  struct Object {
+    std::uint8_t containerKind;  // 0 for a scalar, 0xa array, 0xd dictionary
+    std::size_t at;
+    std::size_t length;
+  };
+
+  std::nullopt_t fail(std::string what) {
+    failure_ = std::move(what);
+    return std::nullopt;
+  }
+
+  std::optional<Ref> add(const Value& value, std::size_t depth) {
+    switch (value.type()) {
+      case Value::Type::Boolean:
+        return scalar([&] { scalars_.push_back(value.boolValue() ? 0x09 : 0x08); });
+      case Value::Type::Integer:
+        return scalar([&] { encodeInteger(value.integerValue()); });
+      case Value::Type::Real:
+        return scalar([&] { encodeDouble(0x23, value.doubleValue()); });
+      case Value::Type::Date:
+        return scalar(
+            [&] { encodeDouble(0x33, value.asDate()->timeIntervalSinceReferenceDate()); });
+      case Value::Type::String:
+        return string(*value.asString());
+      case Value::Type::Data: {
+        const Data& bytes = *value.asData();
+        return scalar([&] {
+          encodeMarker(0x4, bytes.size());
+          scalars_.insert(scalars_.end(), bytes.begin(), bytes.end());
+        });
+      }
+      case Value::Type::Array:
+        return array(*value.asArray(), depth + 1);
+      case Value::Type::Set:
+        return array(*value.asSet(), depth + 1);
+      case Value::Type::Dictionary:
+        return dictionary(*value.asDictionary(), depth + 1);
+      default:
+        return fail("property lists cannot contain objects of type '" + value.className() + "'");
+    }
+  }
+
+  template <class Encode>
+  Ref scalar(const Encode& encode) {
+    const std::size_t at = scalars_.size();
+    encode();
+    objects_.push_back({0, at, scalars_.size() - at});
+    return objects_.size() - 1;
+  }
+
+  Ref container(std::uint8_t kind, const std::vector<Ref>& references) {
+    objects_.push_back({kind, references_.size(), references.size()});
+    references_.insert(references_.end(), references.begin(), references.end());
+    return objects_.size() - 1;
+  }
+
+  // Readers end strings at a NUL, and text that is not UTF-8 has no UTF-16 form: both are
+  // refused rather than written with characters lost.
+  std::optional<Ref> string(const std::string& text) {
+    if (auto found = strings_.find(text); found != strings_.end()) return found->second;
+    if (text.find('\0') != std::string::npos) return fail("string contains a NUL character");
+    if (!isValidUTF8(text)) return fail("string is not UTF-8");
+    const Ref ref = scalar([&] { encodeString(text); });
+    strings_.emplace(text, ref);
+    return ref;
+  }
+
+  template <class Range>
+  std::optional<Ref> array(const Range& items, std::size_t depth) {
+    if (depth > kMaxNestingDepth) return fail("nesting deeper than 512 levels");
+    std::vector<Ref> references;
+    references.reserve(items.size());
+    for (const Value& item : items) {
+      auto ref = add(item, depth);
+      if (!ref) return std::nullopt;
+      references.push_back(*ref);
+    }
+    return container(0xa, references);
+  }
+
+  std::optional<Ref> dictionary(const Dictionary& dict, std::size_t depth) {
+    if (depth > kMaxNestingDepth) return fail("nesting deeper than 512 levels");
+    if (auto uid = uidOf(dict)) return this->uid(*uid);
+    std::vector<Ref> references(2 * dict.size());
+    std::size_t i = 0;
+    for (const auto& [key, value] : dict) {
+      if (!key.isString()) return fail("dictionary keys must be strings");
+      auto keyRef = string(*key.asString());
+      if (!keyRef) return std::nullopt;
+      auto valueRef = add(value, depth);
+      if (!valueRef) return std::nullopt;
+      references[i] = *keyRef;
+      references[dict.size() + i] = *valueRef;
+      ++i;
+    }
+    return container(0xd, references);
+  }
+
+  // The n of a dictionary {"CF$UID": n} that stands for a UID.
+  static std::optional<std::uint64_t> uidOf(const Dictionary& dict) {
+    if (dict.size() != 1) return std::nullopt;
+    const auto& [key, value] = *dict.begin();
+    if (!key.isString() || *key.asString() != kUIDKey || !value.isInteger() ||
+        value.integerValue() < 0 ||
+        value.integerValue() > std::numeric_limits<std::uint32_t>::max()) {
+      return std::nullopt;
+    }
+    return static_cast<std::uint64_t>(value.integerValue());
+  }
+
+  Ref uid(std::uint64_t index) {
+    if (auto found = uids_.find(index); found != uids_.end()) return found->second;
+    const Ref ref = scalar([&] {
+      const int width = byteCount(index);
+      scalars_.push_back(static_cast<std::uint8_t>(0x80 | (width - 1)));
+      appendBigEndian(scalars_, index, width);
+    });
+    uids_.emplace(index, ref);
+    return ref;
+  }
+
+  Data finish(Ref top) const {
+    const int referenceSize = byteCount(objects_.size() - 1);
+    Data out(kBinaryMagic.begin(), kBinaryMagic.end());
+    std::vector<std::uint64_t> offsets;
+    offsets.reserve(objects_.size());
+    for (const Object& object : objects_) {
+      offsets.push_back(out.size());
+      if (object.containerKind == 0) {
+        out.insert(out.end(), scalars_.begin() + object.at,
+                   scalars_.begin() + object.at + object.length);
+        continue;
+      }
+      const std::size_t count = object.containerKind == 0xd ? object.length / 2 : object.length;
+      encodeMarker(out, object.containerKind, count);
+      for (std::size_t i = 0; i < object.length; ++i) {
+        appendBigEndian(out, references_[object.at + i], referenceSize);
+      }
+    }
+    const std::uint64_t tableAt = out.size();
+    const int offsetSize = byteCount(tableAt);
+    for (std::uint64_t offset : offsets) appendBigEndian(out, offset, offsetSize);
+    out.insert(out.end(), 6, 0);  // unused bytes and the sort version
+    out.push_back(static_cast<std::uint8_t>(offsetSize));
+    out.push_back(static_cast<std::uint8_t>(referenceSize));
+    appendBigEndian(out, objects_.size(), 8);
+    appendBigEndian(out, top, 8);
+    appendBigEndian(out, tableAt, 8);
+    return out;
+  }
+
+  static int byteCount(std::uint64_t value) {
+    if (value <= 0xff) return 1;
+    if (value <= 0xffff) return 2;
+    if (value <= 0xffffffffULL) return 4;
+    return 8;
+  }
+
+  static void appendBigEndian(Data& out, std::uint64_t value, int width) {
+    for (int shift = (width - 1) * 8; shift >= 0; shift -= 8) {
+      out.push_back(static_cast<std::uint8_t>(value >> shift));
+    }
+  }
+
+  // Negative integers take eight bytes (the only signed width); others the fewest of 1, 2,
+  // 4 and 8.
+  static void encodeInteger(Data& out, std::int64_t value) {
+    const int width = value < 0 ? 8 : byteCount(static_cast<std::uint64_t>(value));
+    const int power = width == 1 ? 0 : width == 2 ? 1 : width == 4 ? 2 : 3;
+    out.push_back(static_cast<std::uint8_t>(0x10 | power));
+    appendBigEndian(out, static_cast<std::uint64_t>(value), width);
+  }
+  void encodeInteger(std::int64_t value) { encodeInteger(scalars_, value); }
+
+  void encodeDouble(std::uint8_t marker, double value) {
+    scalars_.push_back(marker);
+    appendBigEndian(scalars_, std::bit_cast<std::uint64_t>(value), 8);
+  }
+
+  // A kind nibble with its count; a count of 15 or more follows as an integer object.
+  static void encodeMarker(Data& out, std::uint8_t kind, std::uint64_t count) {
+    if (count < 15) {
+      out.push_back(static_cast<std::uint8_t>(kind << 4 | count));
+      return;
+    }
+    out.push_back(static_cast<std::uint8_t>(kind << 4 | 0x0f));
+    encodeInteger(out, static_cast<std::int64_t>(count));
+  }
+  void encodeMarker(std::uint8_t kind, std::uint64_t count) { encodeMarker(scalars_, kind, count); }
+
+  // ASCII as it is, anything else as UTF-16 big-endian.
+  void encodeString(const std::string& text) {
+    const bool ascii = std::all_of(text.begin(), text.end(),
+                                   [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    if (ascii) {
+      encodeMarker(0x5, text.size());
+      scalars_.insert(scalars_.end(), text.begin(), text.end());
+      return;
+    }
+    const std::u16string units = utf16FromUTF8(text);
+    encodeMarker(0x6, units.size());
+    for (char16_t unit : units) appendBigEndian(scalars_, unit, 2);
+  }
+
+  std::vector<Object> objects_;
+  Data scalars_;
+  std::vector<Ref> references_;
+  // Views of strings inside the Value being written, which outlives the writer's use.
+  std::unordered_map<std::string_view, Ref> strings_;
+  std::unordered_map<std::uint64_t, Ref> uids_;
   std::string failure_;
 };
 
@@ -498,7 +706,7 @@ std::string xmlDateProblem(std::string_view text) {
   text = trimmedXMLSpace(text);
   const bool canonical = text.size() == 20 && text.back() == 'Z';
   const std::optional<Date> date = canonical ? Date::fromISO8601(text) : std::nullopt;
-  const std::string quoted = "\"" + std::string(text.substr(0, 40)) + "\"";
+  const std::string quoted = "\"" + excerpt(text, 40) + "\"";
   if (!date) return "XML date " + quoted + " is not of the form yyyy-MM-ddTHH:mm:ssZ";
   const double seconds = date->timeIntervalSinceReferenceDate();
   if (seconds < std::numeric_limits<std::int32_t>::min() ||
@@ -800,52 +1008,6 @@ class NodeWriter {
   std::string failure_;
 };
 
-std::string lastPathComponent(const std::string& path) {
-  const std::size_t slash = path.find_last_of('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-ErrorPtr fileReadError(const std::string& path, int code) {
-  const std::string name = lastPathComponent(path);
-  if (code == ENOENT || code == ENOTDIR) {
-    return Error::withDescription(
-        NSCocoaErrorDomain, NSFileReadNoSuchFileError,
-        "The file \u201c" + name + "\u201d couldn\u2019t be opened because there is no such file.",
-        path);
-  }
-  if (code == EACCES || code == EPERM) {
-    return Error::withDescription(NSCocoaErrorDomain, NSFileReadNoPermissionError,
-                                  "The file \u201c" + name +
-                                      "\u201d couldn\u2019t be opened because you don\u2019t "
-                                      "have permission to view it.",
-                                  path);
-  }
-  return Error::withDescription(
-      NSCocoaErrorDomain, NSFileReadUnknownError,
-      "The file \u201c" + name + "\u201d couldn\u2019t be opened (" + std::strerror(code) + ").",
-      path);
-}
-
-// The whole file, or the errno that stopped the read.
-int readWholeFile(const std::string& path, Data& out) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return errno;
-  int result = 0;
-  std::uint8_t buffer[64 * 1024];
-  while (true) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      result = errno;
-      break;
-    }
-    if (n == 0) break;
-    out.insert(out.end(), buffer, buffer + n);
-  }
-  ::close(fd);
-  return result;
-}
-
 std::optional<Value> parseBinary(std::string_view text, ErrorPtr* error) {
   BinaryReader reader(text);
   auto value = reader.read();
@@ -891,6 +1053,12 @@ std::optional<Value> PropertyList::parse(const Data& bytes, ErrorPtr* error, For
 }
 
 std::optional<Data> PropertyList::serialize(const Value& value, Format format, ErrorPtr* error) {
+  if (format == Format::Binary) {
+    BinaryWriter writer;
+    auto data = writer.write(value);
+    if (!data) setWriteError(error, writer.failure());
+    return data;
+  }
   NodeWriter writer;
   PlistPtr root = writer.write(value);
   if (!root) {
@@ -899,32 +1067,15 @@ std::optional<Data> PropertyList::serialize(const Value& value, Format format, E
   }
   char* out = nullptr;
   std::uint32_t length = 0;
-  if (format == Format::Binary) {
-    plist_to_bin(root.get(), &out, &length);
-  } else {
-    plist_to_xml(root.get(), &out, &length);
-  }
+  plist_to_xml(root.get(), &out, &length);
   if (!out) {
     setWriteError(error, "the property list could not be written");
     return std::nullopt;
   }
   const auto* begin = reinterpret_cast<const std::uint8_t*>(out);
   Data data(begin, begin + length);
-  if (format == Format::Binary) {
-    plist_to_bin_free(out);
-  } else {
-    plist_to_xml_free(out);
-  }
+  plist_to_xml_free(out);
   return data;
-}
-
-std::optional<Value> PropertyList::readFile(const std::string& path, ErrorPtr* error) {
-  Data bytes;
-  if (int code = readWholeFile(path, bytes)) {
-    if (error) *error = fileReadError(path, code);
-    return std::nullopt;
-  }
-  return parse(bytes, error);
 }
 
 }  // namespace pnx

@@ -1,12 +1,14 @@
-// Property lists (XML and binary) to and from Value: binary ones read by our own code,
-// XML ones read and both written through libplist.
+// Property lists (XML and binary) to and from Value: binary ones read and written by our
+// own code, XML ones read and written through libplist.
 // Integers are signed 64-bit both ways (libplist keeps them unsigned internally).
 // Reading detects the format; a parse failure fills the error place and returns nullopt.
 // Strings read are always UTF-8: a binary list's one-byte strings are taken as Latin-1,
-// XML text that is not UTF-8 is refused. Binary dates read exactly; XML dates only within
-// 32-bit seconds of 2001-01-01 (1932 to 2069), others are refused rather than read wrong.
+// XML text that is not UTF-8 is refused. Binary dates are read and written exactly; XML
+// dates only within 32-bit seconds of 2001-01-01 (1932 to 2069), others are refused rather
+// than read or written wrong. A dictionary {"CF$UID": n} (n below 2^32) is written as the
+// UID n, a keyed archive's reference, and a UID reads back as such a dictionary.
 // Values that a property list cannot hold (null, objects, text that is not UTF-8 or holds
-// a NUL character, dates beyond 32-bit seconds) make writing fail.
+// a NUL character) make writing fail. Binary writing is linear in the size of the value.
 #pragma once
 
 #include <optional>
@@ -24,7 +26,6 @@ class PropertyList {
                                     Format* format = nullptr);
   static std::optional<Data> serialize(const Value& value, Format format,
                                        ErrorPtr* error = nullptr);
-  static std::optional<Value> readFile(const std::string& path, ErrorPtr* error = nullptr);
 };
 
 }  // namespace pnx

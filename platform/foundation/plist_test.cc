@@ -2,10 +2,17 @@
 
 #include <gtest/gtest.h>
 #include <plist/plist.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <fstream>
+#include <functional>
 #include <limits>
 
 #include "platform/files/fixtures_test.h"
+#include "platform/foundation/utf8.h"
 
 namespace pnx {
 namespace {
@@ -125,9 +132,6 @@ TEST_P(PropertyListFormatTest, UnwritableValuesFail) {
       Value::dict({{"\xce"
                     "S",
                     1}}),
-      // Beyond 32-bit seconds since 2001.
-      Value(Date::fromReferenceDate(3124137600.0)),
-      Value(Date::fromReferenceDate(-1e20)),
   };
   for (const Value& value : unwritable) {
     ErrorPtr error;
@@ -142,14 +146,40 @@ TEST_P(PropertyListFormatTest, UnwritableValuesFail) {
             "Property list invalid for format (string is not UTF-8)");
 }
 
-TEST_P(PropertyListFormatTest, TruncatedOrDamagedInputNeverCrashes) {
+// Whether every string in the value, keys included, is UTF-8, as the reader promises.
+bool allTextIsUTF8(const Value& value) {
+  if (const std::string* text = value.asString()) return isValidUTF8(*text);
+  if (const Array* items = value.asArray()) {
+    return std::all_of(items->begin(), items->end(), allTextIsUTF8);
+  }
+  if (const Dictionary* entries = value.asDictionary()) {
+    return std::all_of(entries->begin(), entries->end(), [](const auto& entry) {
+      return allTextIsUTF8(entry.first) && allTextIsUTF8(entry.second);
+    });
+  }
+  return true;
+}
+
+// A cut either fails with the platform's error or still holds the whole list (XML may lose
+// its closing lines); a damaged byte fails or reads a well-formed value.
+TEST_P(PropertyListFormatTest, TruncatedOrDamagedInputFailsCleanly) {
   Value v = Value::dict({{"a", Value::array({1, "two", Value(Data{3})})}, {"b", 2.5}});
   const Data good = *PropertyList::serialize(v, GetParam());
   for (std::size_t length = 0; length < good.size(); ++length) {
-    PropertyList::parse(Data(good.begin(), good.begin() + length));
+    ErrorPtr error;
+    auto prefix = PropertyList::parse(Data(good.begin(), good.begin() + length), &error);
+    if (prefix) {
+      EXPECT_EQ(*prefix, v) << length;
+      EXPECT_EQ(GetParam(), Format::XML) << length;
+    } else {
+      ASSERT_NE(error, nullptr) << length;
+      EXPECT_EQ(error->code(), 3840) << length;
+    }
     Data damaged = good;
     damaged[length] ^= 0xff;
-    PropertyList::parse(damaged);
+    error = nullptr;
+    auto value = PropertyList::parse(damaged, &error);
+    EXPECT_TRUE(value ? allTextIsUTF8(*value) : error && error->code() == 3840) << length;
   }
 }
 
@@ -193,6 +223,17 @@ TEST(PropertyListTest, DatesBeyond32BitSecondsReadExactlyOrNotAtAll) {
                    "XML date \"2100-01-01T00:00:00Z\" is outside the readable range "
                    "1932-12-13T20:45:52Z to 2069-01-19T03:14:07Z");
   expectUnreadable(bytesOf(xmlPlist("<array><date>1932-12-13T20:45:51Z</date></array>")));
+
+  // Writing follows reading: binary keeps every date, XML refuses what it would cut.
+  for (double seconds : {3124137600.0, -1e20}) {
+    const Value date(Date::fromReferenceDate(seconds));
+    EXPECT_EQ(PropertyList::parse(*PropertyList::serialize(date, Format::Binary)), date);
+    ErrorPtr error;
+    EXPECT_FALSE(PropertyList::serialize(date, Format::XML, &error));
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->localizedDescription(),
+              "Property list invalid for format (date out of range)");
+  }
   for (const char* malformed : {"2001-01-01", "2001-02-30T00:00:00Z", "2001-01-01T00:00:00.5Z",
                                 "2001-01-01T00:00:00+01:00", ""}) {
     expectUnreadable(
@@ -272,6 +313,38 @@ TEST(PropertyListTest, UIDReferencesAreWrittenAsUIDs) {
   EXPECT_EQ(PropertyList::parse(*PropertyList::serialize(large, Format::Binary)), large);
 }
 
+// libplist, an independent reader, reads what our binary writer wrote as we do (its XML
+// output read back by us gives the same value).
+TEST(PropertyListTest, AnotherReaderReadsOurBinaryAlike) {
+  Array many;
+  for (int i = 0; i < 300; ++i) many.push_back(Value(i * 1000));
+  const Value v = Value::dict({
+      {"integers", Value::array({-1, 0, 255, 65536, Value(std::numeric_limits<std::int64_t>::min()),
+                                 Value(std::numeric_limits<std::int64_t>::max())})},
+      {"real", 0.1},
+      {"flags", Value::array({true, false})},
+      {"text", Value::array({"ascii", "caf\xc3\xa9 \xf0\x9f\x98\x80", std::string(300, 'x')})},
+      {"data", Value(Data(40, 0xab))},
+      {"date", Value(Date::fromReferenceDate(646758252))},
+      {"many", Value(std::move(many))},
+      {"uid", Value::dict({{"CF$UID", 70000}})},
+      {"nested", Value::dict({{"empty", Value(Array{})}, {"also", Value(Dictionary{})}})},
+  });
+  auto bytes = PropertyList::serialize(v, Format::Binary);
+  ASSERT_TRUE(bytes);
+  plist_t root = nullptr;
+  plist_from_bin(reinterpret_cast<const char*>(bytes->data()), bytes->size(), &root);
+  ASSERT_NE(root, nullptr);
+  char* xml = nullptr;
+  std::uint32_t length = 0;
+  plist_to_xml(root, &xml, &length);
+  plist_free(root);
+  ASSERT_NE(xml, nullptr);
+  const Data xmlBytes(xml, xml + length);
+  plist_to_xml_free(xml);
+  EXPECT_EQ(PropertyList::parse(xmlBytes), v);
+}
+
 TEST(PropertyListTest, ReadsNegativeIntegersFromXMLText) {
   auto v =
       PropertyList::parse(bytesOf("<?xml version=\"1.0\"?><plist "
@@ -320,20 +393,44 @@ TEST(PropertyListTest, SharedObjectsCannotExpandWithoutBound) {
   expectUnreadable(binaryPlist(objects), "binary property list expands too far");
 }
 
-TEST(PropertyListTest, ReadFile) {
-  testing::TempDir dir;
-  ErrorPtr error;
-  const std::string missing = dir.file("Missing.plist");
-  EXPECT_FALSE(PropertyList::readFile(missing, &error));
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->code(), 260);
-  EXPECT_EQ(error->userInfo()[NSFilePathErrorKey], Value(missing));
-  EXPECT_NE(error->localizedDescription().find("\u201cMissing.plist\u201d"), std::string::npos);
+// The process's data segment (private writable memory, malloc's heap and mappings), in bytes.
+std::uint64_t dataSegmentBytes() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmData:")) return std::stoull(line.substr(7)) * 1024;
+  }
+  return 0;
+}
 
-  Value v = Value::dict({{"CFBundleIdentifier", "com.example.app"}});
-  Data bytes = *PropertyList::serialize(v, Format::Binary);
-  const std::string path = dir.write("Info.plist", std::string(bytes.begin(), bytes.end()));
-  EXPECT_EQ(PropertyList::readFile(path), v);
+// Whether `read` returns true in a child process whose memory may grow by at most `budget`
+// bytes; an allocation beyond it fails there (the child dies) instead of here.
+bool succeedsWithinMemory(std::uint64_t budget, const std::function<bool()>& read) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const rlim_t limit = dataSegmentBytes() + budget;
+    const rlimit bounds{limit, limit};
+    setrlimit(RLIMIT_DATA, &bounds);
+    _exit(read() ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+TEST(PropertyListTest, MemoryStaysProportionalToTheInputWhateverTheTrailerDeclares) {
+  // One-byte offsets all pointing at the same object: the trailer may declare one object
+  // per byte of the table, 16 million of them, while the file holds a single object.
+  constexpr std::uint64_t kDeclared = 16u << 20;
+  Data bytes = bytesOf("bplist00");
+  bytes.push_back(0x70);  // an object of no known kind: reading must fail cleanly
+  bytes.insert(bytes.end(), kDeclared, 8);
+  bytes.insert(bytes.end(), {0, 0, 0, 0, 0, 0, 1, 1});
+  appendBigEndian(bytes, kDeclared, 8);
+  appendBigEndian(bytes, 0, 8);
+  appendBigEndian(bytes, 9, 8);
+  expectUnreadable(bytes, "binary property list object of unknown kind 0x70");
+  // Tens of bytes per declared object would be a gigabyte.
+  EXPECT_TRUE(succeedsWithinMemory(256u << 20, [&] { return !PropertyList::parse(bytes); }));
 }
 
 }  // namespace

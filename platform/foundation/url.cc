@@ -299,6 +299,14 @@ URL URL::deletingLastPathComponent() const {
   return URL(text_.substr(0, parts.pathBegin) + result + text_.substr(parts.pathEnd));
 }
 
+URL URL::deletingPathToRoot() const {
+  Parts parts = split(text_);
+  std::string_view path = parts.path(text_);
+  if (path.find_first_not_of('/') == std::string_view::npos) return *this;
+  const char* root = path.front() == '/' ? "/" : "./";
+  return URL(text_.substr(0, parts.pathBegin) + root + text_.substr(parts.pathEnd));
+}
+
 bool URL::isEqual(const Object& other) const {
   auto url = dynamic_cast<const URL*>(&other);
   return url && url->text_ == text_;

@@ -39,6 +39,10 @@ class PNX_EXPORT URL final : public Object {
   std::string lastPathComponent() const;
   URL appendingPathComponent(std::string_view component) const;
   URL deletingLastPathComponent() const;
+  // The root that deletingLastPathComponent() climbs towards, reached in one step: a path
+  // from the root becomes "/" (".." components cannot climb above it), a relative path
+  // "./". An empty path, or one of slashes only, is left as it is.
+  URL deletingPathToRoot() const;
 
   std::string className() const override { return "NSURL"; }
   std::string description() const override { return text_; }

@@ -71,6 +71,24 @@ TEST(URLTest, AppendsAndDeletesComponentsKeepingQueryAndFragment) {
   EXPECT_EQ(parsed("name").deletingLastPathComponent().absoluteString(), "./");
 }
 
+TEST(URLTest, DeletesThePathToItsRootInOneStep) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"https://h/a/b/c?q#f", "https://h/?q#f"},
+      {"https://h/a/", "https://h/"},
+      {"https://h/..", "https://h/"},
+      {"https://h/", "https://h/"},
+      {"https://h//", "https://h//"},
+      {"https://h", "https://h"},
+      {"https://h?q", "https://h?q"},
+      {"file:/tmp/x", "file:/"},
+      {"mailto:a@b.c", "mailto:./"},
+      {"a/b/c", "./"},
+  };
+  for (const auto& [given, root] : cases) {
+    EXPECT_EQ(parsed(given).deletingPathToRoot().absoluteString(), root) << given;
+  }
+}
+
 TEST(URLTest, FileURLsAndEquality) {
   URL file = URL::fileURL("/tmp/My File.png");
   EXPECT_EQ(file.absoluteString(), "file:///tmp/My%20File.png");

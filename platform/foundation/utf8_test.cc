@@ -27,5 +27,19 @@ TEST(UTF8Test, CountsUTF16CodeUnits) {
   EXPECT_EQ(utf16FromUTF8("a\xff\xc3"), u"a\u00ff\u00c3");
 }
 
+TEST(UTF8Test, DecodesAndEncodesOneCodePoint) {
+  const std::string_view text = "a\xc3\xa9\xf0\x9f\x98\x80\xc3";
+  char32_t codePoint = 0;
+  EXPECT_EQ(utf8SequenceLength(text, 1, &codePoint), 2u);
+  EXPECT_EQ(codePoint, U'\u00e9');
+  EXPECT_EQ(utf8SequenceLength(text, 3, &codePoint), 4u);
+  EXPECT_EQ(codePoint, U'\U0001F600');
+  EXPECT_EQ(utf8SequenceLength(text, 7), 0u);  // cut short at the end
+  EXPECT_EQ(utf8SequenceLength(text, 8), 0u);  // past the end
+  std::string out;
+  for (char32_t c : {U'a', U'\u00e9', U'\u4e16', U'\U0001F600'}) appendUTF8(out, c);
+  EXPECT_EQ(out, "a\xc3\xa9\xe4\xb8\x96\xf0\x9f\x98\x80");
+}
+
 }  // namespace
 }  // namespace pnx

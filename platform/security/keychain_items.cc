@@ -350,7 +350,7 @@ class Keychain {
   static std::vector<std::string> entitledGroups(const Bundle& bundle) {
     std::vector<std::string> groups;
     auto path = bundle.pathForResource("Entitlements", "plist");
-    auto entitlements = path ? PropertyList::readFile(*path) : std::nullopt;
+    auto entitlements = path ? propertyListWithContentsOfFile(*path) : std::nullopt;
     const Value& listed = entitlements ? (*entitlements)["keychain-access-groups"] : Value();
     if (listed.isArray()) {
       for (const Value& group : *listed.asArray()) {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/foundation/format.h"
 #include "platform/security/keychain_items.h"
 #include "storage/keychain.h"
 #include "tools/pnx/command.h"
@@ -25,7 +26,8 @@ std::optional<std::string> write(PNXKeychain& store, const char* name,
   pnx::OSStatus status = pnx::errSecSuccess;
   if (store.setObject(*value, name, &status)) return std::nullopt;
   return std::string("cannot write ") + name + " into the shared keychain (group " +
-         store.group().value_or("<default>") + "): " + pnx::keychainStatusDescription(status);
+         pnx::excerpt(store.group().value_or("<default>")) +
+         "): " + pnx::keychainStatusDescription(status);
 }
 
 int runIdentity(const IdentityOptions& options) {

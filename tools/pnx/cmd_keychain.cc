@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/foundation/format.h"
 #include "platform/foundation/json.h"
 #include "platform/security/keychain_items.h"
 #include "storage/keychain.h"
@@ -32,9 +33,11 @@ std::shared_ptr<PNXKeychain> storeFor(const KeychainOptions& options) {
   return store;
 }
 
+// Names, services and groups come from the command line and the configuration file.
 std::string itemLabel(const PNXKeychain& store, const std::string& name) {
-  return "keychain item '" + name + "' (service " + store.service().value_or("") + ", group " +
-         store.group().value_or("<default>") + ")";
+  return "keychain item '" + pnx::excerpt(name) + "' (service " +
+         pnx::excerpt(store.service().value_or("")) + ", group " +
+         pnx::excerpt(store.group().value_or("<default>")) + ")";
 }
 
 int statusFailure(const PNXKeychain& store, const std::string& name, const char* doing,
@@ -57,7 +60,7 @@ int runSet(PNXKeychain& store, const std::string& name, const std::string& json)
   pnx::ErrorPtr error;
   auto value = pnx::JSON::parse(json, &error, pnx::JSONReadOptions{.allowFragments = true});
   if (!value) {
-    return pnxUsage("the value for " + name + " is not JSON: " +
+    return pnxUsage("the value for " + pnx::excerpt(name) + " is not JSON: " +
                     (error ? error->localizedDescription() : std::string("unreadable")));
   }
   pnx::OSStatus status = pnx::errSecSuccess;

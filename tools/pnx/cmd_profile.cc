@@ -8,6 +8,7 @@
 
 #include "config/provisioning.h"
 #include "diagnostics/log.h"
+#include "platform/foundation/format.h"
 #include "tools/pnx/command.h"
 
 namespace pnx {
@@ -33,7 +34,7 @@ CommandRegistration registration(
       return [file](const PnxGlobals&) {
         std::error_code ignored;
         if (!file->empty() && !std::filesystem::is_regular_file(*file, ignored)) {
-          return pnxFail("no profile file at '" + *file + "'");
+          return pnxFail("no profile file at '" + pnx::excerpt(*file, 512) + "'");
         }
         auto profile = file->empty() ? PNXProvisioning::sharedInstance()
                                      : std::make_shared<PNXProvisioning>(*file);

@@ -7,8 +7,11 @@
 #include <mutex>
 #include <utility>
 
+#include <openssl/evp.h>
+
 #include "platform/files/bundle.h"
 #include "platform/files/container.h"
+#include "platform/foundation/format.h"
 #include "platform/foundation/json.h"
 #include "platform/system/system_log.h"
 
@@ -22,20 +25,19 @@ std::vector<RegisteredCommand>& registry() {
   return commands;
 }
 
+// Standard base64 with padding, by OpenSSL. EVP_EncodeBlock writes no line breaks and
+// takes an int count, so large data goes in chunks of a multiple of three bytes: only the
+// last chunk is padded.
 std::string base64(const pnx::Data& bytes) {
-  static constexpr char kAlphabet[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  constexpr std::size_t kChunk = 3 << 20;
   std::string text;
-  text.reserve((bytes.size() + 2) / 3 * 4);
-  for (std::size_t i = 0; i < bytes.size(); i += 3) {
-    const std::size_t remaining = bytes.size() - i;
-    std::uint32_t group = std::uint32_t{bytes[i]} << 16;
-    if (remaining > 1) group |= std::uint32_t{bytes[i + 1]} << 8;
-    if (remaining > 2) group |= bytes[i + 2];
-    text += kAlphabet[(group >> 18) & 0x3f];
-    text += kAlphabet[(group >> 12) & 0x3f];
-    text += remaining > 1 ? kAlphabet[(group >> 6) & 0x3f] : '=';
-    text += remaining > 2 ? kAlphabet[group & 0x3f] : '=';
+  text.reserve(4 * ((bytes.size() + 2) / 3) + 1);
+  std::string block(4 * (kChunk / 3) + 1, '\0');  // room for the closing NUL
+  for (std::size_t at = 0; at < bytes.size(); at += kChunk) {
+    const std::size_t count = std::min(kChunk, bytes.size() - at);
+    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(block.data()),
+                                       bytes.data() + at, static_cast<int>(count));
+    text.append(block, 0, static_cast<std::size_t>(length));
   }
   return text;
 }
@@ -75,12 +77,16 @@ pnx::Value jsonSafe(const pnx::Value& value) {
   }
 }
 
-// Messages are one line each, so that scripts can rely on it.
+// The longest message pnx writes; the parts that quote bad input are excerpts already.
+constexpr std::size_t kMaxMessageBytes = 1024;
+
+// Messages are one line each, so that scripts can rely on it, and nothing in them (an
+// exception's reason, a name from the command line) may flood or drive the terminal.
 std::string oneLine(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
   std::replace(text.begin(), text.end(), '\r', ' ');
   while (!text.empty() && text.back() == ' ') text.pop_back();
-  return text;
+  return pnx::excerpt(text, kMaxMessageBytes);
 }
 
 }  // namespace

@@ -95,11 +95,35 @@ TEST(PnxConfigCommand, ReadsEveryKeyAndChoosesTheKeyByTheProfile) {
 
 TEST(PnxConfigCommand, ReportsAnUnreadableFileAsOneLine) {
   BundleUnderTest bundle;
-  bundle.write("PnxConfig.json", "{\"teamId\": \"T1\",");
+  PnxRunner pnx(bundle.path());
+  // Cut short, and a number no double can hold: neither is JSON. The keychain commands,
+  // which load the configuration for the team's group, fail the same way.
+  for (const char* text :
+       {"{\"teamId\": \"T1\",", "{\"teamId\": \"T1\", \"sessionTimeout\": 1e400}"}) {
+    bundle.write("PnxConfig.json", text);
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"config"}, {"keychain", "get", "userId"}, {"identity"}}) {
+      PnxRun run = pnx.run(command);
+      EXPECT_EQ(run.exitCode, 1) << text << " " << command[0];
+      EXPECT_EQ(run.out, "");
+      EXPECT_EQ(run.err, "pnx: Invalid Config File: Config file could not be parsed as JSON\n")
+          << text << " " << command[0];
+    }
+  }
+}
+
+TEST(PnxConfigCommand, QuotesOnlyTheStartOfAConfigurationThatIsNoObject) {
+  BundleUnderTest bundle;
+  std::string array = "[\"\\u001b[2J\"";
+  while (array.size() < (4u << 20)) array += ",123456789";
+  bundle.write("PnxConfig.json", array + "]");
   PnxRun run = PnxRunner(bundle.path()).run({"config"});
   EXPECT_EQ(run.exitCode, 1);
-  EXPECT_EQ(run.out, "");
-  EXPECT_EQ(run.err, "pnx: Invalid Config File: Config file could not be parsed as JSON\n");
+  ASSERT_EQ(run.errLines().size(), 1u);
+  EXPECT_LT(run.err.size(), 200u) << run.err;
+  EXPECT_TRUE(run.err.starts_with("pnx: Invalid Config value: Config of [\"\\u001b[2J\",123"))
+      << run.err;
+  EXPECT_TRUE(run.err.ends_with(" more bytes) is invalid.\n")) << run.err;
 }
 
 TEST(PnxConfigCommand, WritesTheRunsLogFileWhenTheConfigurationAsksForIt) {

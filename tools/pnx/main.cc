@@ -12,6 +12,7 @@
 #include "diagnostics/log.h"
 #include "platform/files/container.h"
 #include "platform/foundation/error.h"
+#include "platform/foundation/format.h"
 #include "tools/pnx/command.h"
 
 #ifndef PNX_VERSION
@@ -21,13 +22,17 @@
 namespace pnx {
 namespace {
 
+// Paths are shown longer than other arguments, so that a deep one stays recognisable.
+constexpr std::size_t kPathExcerptLength = 512;
+
 struct ChosenCommand {
   CLI::App* sub;
   PnxCommandRun run;
 };
 
-std::string inQuotes(const std::string& text) {
-  return "'" + text + "'";
+// Arguments are quoted as excerpts: they may be anything the shell passes.
+std::string inQuotes(const std::string& text, std::size_t maxBytes = pnx::kExcerptLength) {
+  return "'" + pnx::excerpt(text, maxBytes) + "'";
 }
 
 // A parse error as one short sentence. Stray arguments are named first, whatever else went
@@ -96,7 +101,7 @@ int runPnx(int argc, char** argv) {
     if (globals.device.empty()) globals.device = pnx::Device::defaultDirectory();
     std::error_code ignored;
     if (!globals.bundle.empty() && !std::filesystem::is_directory(globals.bundle, ignored)) {
-      return pnxFail("no bundle directory at " + inQuotes(globals.bundle));
+      return pnxFail("no bundle directory at " + inQuotes(globals.bundle, kPathExcerptLength));
     }
     pnxPrepare(globals);
     int status = command.run(globals);

@@ -1,0 +1,83 @@
+// The shared instances when the configuration file cannot be read: the exception reaches
+// every caller, no instance is left half-built, and once the file is fixed the next call
+// builds them. Each test runs in a child process of its own (a death test that must exit
+// 0), so that no earlier test's instances stand in for the ones built here.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+#include <vector>
+
+#include "config/config.h"
+#include "config/provisioning.h"
+#include "diagnostics/log.h"
+#include "platform/files/fixtures_test.h"
+#include "platform/foundation/error.h"
+#include "storage/keychain.h"
+
+namespace {
+
+constexpr const char* kOutOfRange = R"({"teamId": "T1", "sessionTimeout": 1e400})";
+
+// Whether groupKeychain reports the unreadable file.
+bool reportsInvalidFile() {
+  try {
+    PNXKeychain::groupKeychain("PNX");
+  } catch (const pnx::Exception& exception) {
+    return exception.name() == "Invalid Config File";
+  }
+  return false;
+}
+
+// Ends the child: exit 0 when the check held, else a message and exit 1.
+[[noreturn]] void exitWith(bool held, const char* failure) {
+  if (!held) std::fputs(failure, stderr);
+  std::_Exit(held ? 0 : 1);
+}
+
+class SharedInstances : public ::testing::Test {
+ protected:
+  SharedInstances() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(SharedInstances, AnUnreadableConfigurationIsReportedAgainAndThenBuilt) {
+  EXPECT_EXIT(
+      {
+        pnx::testing::ScopedDevice device;
+        device.writeBundleFile("PnxConfig.json", kOutOfRange);
+        if (!reportsInvalidFile() || !reportsInvalidFile()) exitWith(false, "not reported");
+        PNXLog::sharedInstance().setLogLevelName("info");
+        if (PNXLog::sharedInstance().logLevelName() != "INFO" ||
+            !PNXProvisioning::sharedInstance()) {
+          exitWith(false, "the log or the provisioning reader is unusable");
+        }
+        device.writeBundleFile("Entitlements.plist",
+                               "<plist version=\"1.0\"><dict><key>keychain-access-groups</key>"
+                               "<array><string>T1.PNX</string></array></dict></plist>");
+        device.writeBundleFile("PnxConfig.json", R"({"teamId": "T1"})");
+        auto keychain = PNXKeychain::groupKeychain("PNX");
+        keychain->setUserId("user-1");
+        exitWith(keychain->group() == "T1.PNX" && keychain->userId() == pnx::Value("user-1"),
+                 "the keychain is unusable after the fix");
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(SharedInstances, ConcurrentFirstCallersEachSeeTheFailure) {
+  EXPECT_EXIT(
+      {
+        pnx::testing::ScopedDevice device;
+        device.writeBundleFile("PnxConfig.json", kOutOfRange);
+        std::atomic<int> reported = 0;
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 8; ++i) threads.emplace_back([&] { reported += reportsInvalidFile(); });
+        for (std::thread& thread : threads) thread.join();
+        exitWith(reported == 8, "not every caller saw the failure");
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
