@@ -13,7 +13,6 @@
 #include <iterator>
 #include <map>
 #include <mutex>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -235,7 +234,8 @@ class URLLoader::Impl {
                                                       : URLRequest::kDefaultTimeoutInterval;
     transfer->lastProgress = nowSeconds();
     if (transfer->task->isDownload() && !openFile(*transfer)) {
-      complete(std::move(transfer), NSURLErrorCannotCreateFile, transfer->failureDetail);
+      std::string detail = transfer->failureDetail;  // read before the move below
+      complete(std::move(transfer), NSURLErrorCannotCreateFile, detail);
       return;
     }
     transfer->easy = curl_->easy_init();
@@ -385,15 +385,17 @@ class URLLoader::Impl {
       CURLcode result = message->data.result;
       std::unique_ptr<Transfer> transfer = take(message->easy_handle);
       if (!transfer) continue;
+      // Read before the transfer is handed over: argument order is unspecified.
+      std::int64_t code = 0;
+      std::string detail;
       if (transfer->failure != 0) {
-        complete(std::move(transfer), transfer->failure, transfer->failureDetail);
+        code = transfer->failure;
+        detail = transfer->failureDetail;
       } else if (result != CURLE_OK) {
-        std::string detail =
-            transfer->errorText[0] ? transfer->errorText : curl_->easy_strerror(result);
-        complete(std::move(transfer), errorCodeFor(result), detail);
-      } else {
-        complete(std::move(transfer), 0, {});
+        code = errorCodeFor(result);
+        detail = transfer->errorText[0] ? transfer->errorText : curl_->easy_strerror(result);
       }
+      complete(std::move(transfer), code, detail);
     }
   }
 
