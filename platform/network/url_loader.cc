@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -31,6 +32,10 @@ constexpr long kMaximumRedirects = 16;
 // number of callbacks, small enough to stay out of the process's footprint.
 constexpr long kReceiveBufferSize = 100 * 1024;
 constexpr long kConnectionsPerHost = 6;
+// Transfers handed to libcurl at once; more wait in our own queue. libcurl's bookkeeping
+// of a handle grows with the number of handles it holds, so thousands of tasks resumed at
+// once would cost time quadratic in their number.
+constexpr std::size_t kMostActiveTransfers = 64;
 // How long the thread sleeps when nothing else wakes it; a change of the wall clock is
 // noticed within this.
 constexpr int kLongestPollMilliseconds = 1000;
@@ -194,6 +199,7 @@ class URLLoader::Impl {
       curl_->multi_perform(multi_, &running);
       finishDone();
       expireStalled();
+      admitWaiting();
       curl_->multi_poll(multi_, nullptr, 0, pollMilliseconds(), nullptr);
     }
   }
@@ -208,19 +214,24 @@ class URLLoader::Impl {
       if (command.cancel) {
         cancel(command.task);
       } else {
-        begin(std::move(command.task));
+        waiting_.push_back(std::move(command.task));
       }
     }
   }
 
+  // Until the next time-out check; a pinned clock wakes the thread when it moves.
   int pollMilliseconds() const {
     if (transfers_.empty() || Clock::isPinned()) return kLongestPollMilliseconds;
-    double now = nowSeconds();
-    double soonest = kLongestPollMilliseconds / 1000.0;
-    for (const auto& [easy, transfer] : transfers_) {
-      soonest = std::min(soonest, transfer->lastProgress + transfer->timeout - now);
+    double wait = std::min(nextCheck_ - nowSeconds(), kLongestPollMilliseconds / 1000.0);
+    return static_cast<int>(std::max(0.0, wait) * 1000) + 1;
+  }
+
+  void admitWaiting() {
+    while (!waiting_.empty() && transfers_.size() < kMostActiveTransfers) {
+      std::shared_ptr<URLSessionTask> task = std::move(waiting_.front());
+      waiting_.pop_front();
+      begin(std::move(task));
     }
-    return static_cast<int>(std::max(0.0, soonest) * 1000) + 1;
   }
 
   // ---- starting --------------------------------------------------------------------
@@ -233,6 +244,7 @@ class URLLoader::Impl {
     transfer->timeout = request.timeoutInterval() > 0 ? request.timeoutInterval()
                                                       : URLRequest::kDefaultTimeoutInterval;
     transfer->lastProgress = nowSeconds();
+    nextCheck_ = std::min(nextCheck_, transfer->lastProgress + transfer->timeout);
     if (transfer->task->isDownload() && !openFile(*transfer)) {
       std::string detail = transfer->failureDetail;  // read before the move below
       complete(std::move(transfer), NSURLErrorCannotCreateFile, detail);
@@ -275,7 +287,8 @@ class URLLoader::Impl {
     set(CURLOPT_MAXREDIRS, kMaximumRedirects);
     set(CURLOPT_NOSIGNAL, 1L);
     set(CURLOPT_ERRORBUFFER, transfer.errorText);
-    set(CURLOPT_BUFFERSIZE, kReceiveBufferSize);
+    // A large buffer pays for a download; small answers do better with the default.
+    if (transfer.file >= 0) set(CURLOPT_BUFFERSIZE, kReceiveBufferSize);
     set(CURLOPT_ACCEPT_ENCODING, "");  // every decoding the library has; bodies come decoded
     set(CURLOPT_HEADERFUNCTION, &Impl::onHeader);
     set(CURLOPT_HEADERDATA, static_cast<void*>(&transfer));
@@ -399,11 +412,22 @@ class URLLoader::Impl {
     }
   }
 
+  // Progress only moves deadlines later, so nothing can have expired before the soonest
+  // deadline seen by the last scan (or a transfer begun since): the scan of every
+  // transfer runs only then, or when the clock was set back.
   void expireStalled() {
     double now = nowSeconds();
+    if (now < nextCheck_ && now >= lastCheck_) return;
+    lastCheck_ = now;
+    nextCheck_ = now + kLongestPollMilliseconds / 1000.0;
     std::vector<CURL*> stalled;
     for (const auto& [easy, transfer] : transfers_) {
-      if (now - transfer->lastProgress >= transfer->timeout) stalled.push_back(easy);
+      double deadline = transfer->lastProgress + transfer->timeout;
+      if (now >= deadline) {
+        stalled.push_back(easy);
+      } else {
+        nextCheck_ = std::min(nextCheck_, deadline);
+      }
     }
     for (CURL* easy : stalled) {
       std::unique_ptr<Transfer> transfer = take(easy);
@@ -413,6 +437,13 @@ class URLLoader::Impl {
   }
 
   void cancel(const std::shared_ptr<URLSessionTask>& task) {
+    auto queued = std::find(waiting_.begin(), waiting_.end(), task);
+    if (queued != waiting_.end()) {
+      waiting_.erase(queued);
+      task->session().deliver(task, nullptr, std::nullopt, std::nullopt,
+                              makeURLError(NSURLErrorCancelled, task->originalRequest().url()), 0);
+      return;
+    }
     for (const auto& [easy, transfer] : transfers_) {
       if (transfer->task == task) {
         std::unique_ptr<Transfer> taken = take(easy);
@@ -481,6 +512,9 @@ class URLLoader::Impl {
   std::vector<Command> inbox_;
   // Touched only by the network thread.
   std::map<CURL*, std::unique_ptr<Transfer>> transfers_;
+  std::deque<std::shared_ptr<URLSessionTask>> waiting_;  // resumed, not yet handed to libcurl
+  double nextCheck_ = 0;  // Clock seconds when a time-out can next be due
+  double lastCheck_ = 0;
 };
 
 URLLoader& URLLoader::shared() {

@@ -163,7 +163,7 @@ std::shared_ptr<URLSessionDownloadTask> URLSession::downloadTask(const URL& url)
 void URLSession::taskStarted(const std::shared_ptr<URLSessionTask>& task) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    running_.push_back(task);
+    running_.emplace(task->taskIdentifier(), task);
   }
   Outstanding& all = outstanding();
   std::lock_guard<std::mutex> lock(all.mutex);
@@ -205,10 +205,7 @@ void URLSession::deliver(const std::shared_ptr<URLSessionTask>& task,
 void URLSession::taskDelivered(const std::shared_ptr<URLSessionTask>& task) {
   {
     std::unique_lock<std::mutex> lock(mutex_);
-    std::erase_if(running_, [&](const std::weak_ptr<URLSessionTask>& entry) {
-      auto running = entry.lock();
-      return !running || running == task;
-    });
+    running_.erase(task->taskIdentifier());
     invalidateIfIdle(lock);
   }
   Outstanding& all = outstanding();
@@ -243,7 +240,7 @@ void URLSession::invalidateAndCancel() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     invalidated_ = true;
-    for (const auto& entry : running_) {
+    for (const auto& [identifier, entry] : running_) {
       if (auto task = entry.lock()) tasks.push_back(std::move(task));
     }
   }

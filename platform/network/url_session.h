@@ -39,6 +39,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/dispatch/dispatch.h"
@@ -202,7 +203,8 @@ class URLSession : public std::enable_shared_from_this<URLSession> {
   mutable std::mutex mutex_;
   bool invalidated_ = false;
   bool invalidationDelivered_ = false;
-  std::vector<std::weak_ptr<URLSessionTask>> running_;  // started, not yet delivered
+  // Started, not yet delivered, by task identifier.
+  std::unordered_map<std::uint64_t, std::weak_ptr<URLSessionTask>> running_;
 };
 
 }  // namespace pnx
