@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
@@ -394,6 +395,45 @@ TEST(URLSessionTest, CancelAndInvalidateAndCancelEndTasksAsCancelled) {
   EXPECT_EQ(recorder->events, (std::vector<std::string>{"complete -999", "complete -999",
                                                         "complete -999", "invalid"}));
   gate.open();
+}
+
+// A server that takes connections into its backlog and never answers: every request
+// stalls, and no thread is parked anywhere.
+class DeafServer {
+ public:
+  DeafServer() {
+    fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    bind(fd_, reinterpret_cast<sockaddr*>(&address), length);
+    listen(fd_, 512);
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+  }
+  ~DeafServer() { close(fd_); }
+  URL url(const std::string& path) const {
+    return *URL::parse("http://127.0.0.1:" + std::to_string(port_) + path);
+  }
+
+ private:
+  int fd_;
+  int port_;
+};
+
+TEST(URLSessionTest, TasksBeyondThoseInFlightWaitAndCancelToo) {
+  DeafServer deaf;
+  auto recorder = std::make_shared<Recorder>();
+  auto session = delegateSession(recorder);
+  constexpr int kTasks = 100;  // more than are handed to the HTTP stack at once
+  for (int i = 0; i < kTasks; ++i) session->dataTask(deaf.url("/" + std::to_string(i)))->resume();
+  EXPECT_EQ(URLSession::outstandingTaskCount(), static_cast<std::size_t>(kTasks));
+  session->invalidateAndCancel();
+  ASSERT_TRUE(recorder->waitFor(kTasks + 1));
+  EXPECT_EQ(std::count(recorder->events.begin(), recorder->events.end(), "complete -999"), kTasks);
+  EXPECT_EQ(recorder->events.back(), "invalid");
+  EXPECT_EQ(URLSession::outstandingTaskCount(), 0u);
 }
 
 TEST(URLSessionTest, DownloadsOverTheCapStopAtOnceAndLeaveNoFile) {
