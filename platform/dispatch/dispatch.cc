@@ -192,8 +192,8 @@ void DispatchQueue::workerLoop() {
 
 // ---------------------------------------------------------------------------------------
 
-// done() is checked before the first block and after each one; a change made from another
-// thread without queueing a block is seen at the next block or at the deadline.
+// done() is checked before the first block, after each one, and after wakeUp(); a change
+// made from another thread without either is seen at the next block or at the deadline.
 bool RunLoop::runUntil(const std::function<bool()>& done, Clock::time_point deadline) {
   DispatchQueue& queue = DispatchQueue::main();
   {
@@ -205,13 +205,23 @@ bool RunLoop::runUntil(const std::function<bool()>& done, Clock::time_point dead
     if (queue.runOne()) continue;
     std::unique_lock<std::mutex> lock(queue.mutex_);
     if (Clock::now() >= deadline) break;
-    queue.wake_.wait_until(lock, deadline, [&] { return !queue.blocks_.empty(); });
+    queue.wake_.wait_until(lock, deadline, [&] { return !queue.blocks_.empty() || queue.woken_; });
+    queue.woken_ = false;
   }
   return done();
 }
 
 void RunLoop::runFor(std::chrono::milliseconds duration) {
   runUntil([] { return false; }, Clock::now() + duration);
+}
+
+void RunLoop::wakeUp() {
+  DispatchQueue& queue = DispatchQueue::main();
+  {
+    std::lock_guard<std::mutex> lock(queue.mutex_);
+    queue.woken_ = true;
+  }
+  queue.wake_.notify_all();
 }
 
 void RunLoop::runPending() {

@@ -66,6 +66,7 @@ class DispatchQueue {
   std::deque<Block> blocks_;
   bool running_ = false;  // a block is executing
   bool stopping_ = false;
+  bool woken_ = false;  // main queue: RunLoop::wakeUp() asked for another look at done()
   std::thread thread_;
   std::thread::id runner_;
 };
@@ -80,6 +81,9 @@ class RunLoop {
   static void runFor(std::chrono::milliseconds duration);
   // Runs whatever is queued on the main queue now, without waiting.
   static void runPending();
+  // Makes a waiting runUntil() check its condition again without queueing a block: for
+  // conditions that other threads change (work finishing on a background queue).
+  static void wakeUp();
 };
 
 // dispatch_once: std::call_once under the platform's name.

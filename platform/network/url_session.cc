@@ -209,11 +209,15 @@ void URLSession::taskDelivered(const std::shared_ptr<URLSessionTask>& task) {
     invalidateIfIdle(lock);
   }
   Outstanding& all = outstanding();
+  bool none;
   {
     std::lock_guard<std::mutex> lock(all.mutex);
-    --all.count;
+    none = --all.count == 0;
   }
   all.changed.notify_all();
+  // A host waiting on the main thread's run loop for nothing to be in flight hears it now,
+  // even when the last completion ran on a background queue.
+  if (none) RunLoop::wakeUp();
 }
 
 // Called with mutex_ held. The delegate hears of the invalidation after the last

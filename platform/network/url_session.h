@@ -174,7 +174,8 @@ class URLSession : public std::enable_shared_from_this<URLSession> {
   static std::size_t outstandingTaskCount();
   // Waits until outstandingTaskCount() is zero or the deadline passes; true when zero.
   // Completions delivered on the main queue need the main thread's RunLoop: wait there
-  // with RunLoop::runUntil([] { return URLSession::outstandingTaskCount() == 0; }, ...).
+  // with RunLoop::runUntil([] { return URLSession::outstandingTaskCount() == 0; }, ...),
+  // which the count reaching zero wakes, whichever queue the last completion ran on.
   static bool waitForOutstandingTasks(std::chrono::steady_clock::time_point deadline);
 
   URLSession(URLSessionConfiguration configuration, std::shared_ptr<URLSessionDelegate> delegate,

@@ -233,6 +233,21 @@ TEST(URLSessionTest, SharedSessionPostsHeadersAndBodyAndAnswersOnABackgroundQueu
   EXPECT_EQ(missing.response->statusCode(), 404);
   EXPECT_EQ(text(missing.data), "no such thing");
   EXPECT_TRUE(URLSession::waitForOutstandingTasks(std::chrono::steady_clock::now() + 5s));
+
+  // A host waiting on the main run loop hears that nothing is in flight any more, though
+  // the completion ran on a background queue.
+  std::atomic<bool> completed{false};
+  URLSession::shared()
+      .dataTask(server.url("/missing"),
+                [&](std::optional<Data>, std::shared_ptr<const HTTPURLResponse>, ErrorPtr) {
+                  completed = true;
+                })
+      ->resume();
+  auto start = RunLoop::Clock::now();
+  EXPECT_TRUE(
+      RunLoop::runUntil([] { return URLSession::outstandingTaskCount() == 0; }, start + 20s));
+  EXPECT_TRUE(completed);
+  EXPECT_LT(RunLoop::Clock::now() - start, 10s);
 }
 
 TEST(URLSessionTest, DownloadFinishesThenCompletesOnTheMainQueueAndLeavesNoFile) {
