@@ -195,11 +195,12 @@ class URLLoader::Impl {
   void run() {
     for (;;) {
       takeCommands();
+      admitWaiting();  // new transfers start in this turn's perform, not the next
       int running = 0;
       curl_->multi_perform(multi_, &running);
       finishDone();
       expireStalled();
-      admitWaiting();
+      admitWaiting();  // into the slots just freed
       curl_->multi_poll(multi_, nullptr, 0, pollMilliseconds(), nullptr);
     }
   }
