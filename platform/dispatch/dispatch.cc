@@ -4,6 +4,9 @@
 #include <exception>
 #include <utility>
 
+#include "platform/dispatch/delayed_work.h"
+#include "platform/foundation/date.h"
+
 namespace pnx {
 
 namespace {
@@ -41,6 +44,7 @@ DispatchQueue::DispatchQueue(std::string label, bool threadless)
 // Destroyed from its own worker (inside a block, or by a block's destruction), the queue
 // cannot join that thread: it runs what is left right here, then lets the thread go.
 DispatchQueue::~DispatchQueue() {
+  if (DelayedWork* delayed = DelayedWork::existing()) delayed->forget(*this);
   {
     std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;
@@ -75,6 +79,11 @@ void DispatchQueue::async(Block block) {
     startIfNeeded();
   }
   wake_.notify_one();
+}
+
+void DispatchQueue::asyncAfter(double seconds, Block block) {
+  DelayedWork::shared().add(*this, Clock::now().timeIntervalSince1970() + seconds,
+                            std::move(block));
 }
 
 // Called with mutex_ held.
@@ -183,8 +192,8 @@ void DispatchQueue::workerLoop() {
 
 // ---------------------------------------------------------------------------------------
 
-// done() is checked before the first block and after each one; a change made from another
-// thread without queueing a block is seen at the next block or at the deadline.
+// done() is checked before the first block, after each one, and after wakeUp(); a change
+// made from another thread without either is seen at the next block or at the deadline.
 bool RunLoop::runUntil(const std::function<bool()>& done, Clock::time_point deadline) {
   DispatchQueue& queue = DispatchQueue::main();
   {
@@ -196,13 +205,23 @@ bool RunLoop::runUntil(const std::function<bool()>& done, Clock::time_point dead
     if (queue.runOne()) continue;
     std::unique_lock<std::mutex> lock(queue.mutex_);
     if (Clock::now() >= deadline) break;
-    queue.wake_.wait_until(lock, deadline, [&] { return !queue.blocks_.empty(); });
+    queue.wake_.wait_until(lock, deadline, [&] { return !queue.blocks_.empty() || queue.woken_; });
+    queue.woken_ = false;
   }
   return done();
 }
 
 void RunLoop::runFor(std::chrono::milliseconds duration) {
   runUntil([] { return false; }, Clock::now() + duration);
+}
+
+void RunLoop::wakeUp() {
+  DispatchQueue& queue = DispatchQueue::main();
+  {
+    std::lock_guard<std::mutex> lock(queue.mutex_);
+    queue.woken_ = true;
+  }
+  queue.wake_.notify_all();
 }
 
 void RunLoop::runPending() {

@@ -33,6 +33,11 @@ class DispatchQueue {
 
   const std::string& label() const { return label_; }
   void async(Block block);
+  // Queues block once the process Clock has moved on by the given seconds (at once when
+  // zero or less). Blocks due at the same time run in the order they were given. While
+  // the clock is pinned, time passes only by Clock::set/advance, which queue what became
+  // due before they return. Blocks still waiting when the queue is destroyed are dropped.
+  void asyncAfter(double seconds, Block block);
   // Runs block on the queue and waits for it; an exception from the block reaches the
   // caller. Called from the queue itself (or, for the main queue, from the thread that runs
   // its RunLoop), waiting would deadlock, so the block runs inline instead.
@@ -62,6 +67,7 @@ class DispatchQueue {
   std::deque<Block> blocks_;
   bool running_ = false;  // a block is executing
   bool stopping_ = false;
+  bool woken_ = false;  // main queue: RunLoop::wakeUp() asked for another look at done()
   std::thread thread_;
   std::thread::id runner_;
 };
@@ -76,6 +82,9 @@ class RunLoop {
   static void runFor(std::chrono::milliseconds duration);
   // Runs whatever is queued on the main queue now, without waiting.
   static void runPending();
+  // Makes a waiting runUntil() check its condition again without queueing a block: for
+  // conditions that other threads change (work finishing on a background queue).
+  static void wakeUp();
 };
 
 // dispatch_once: runs f once per flag, however many threads call at the same time; the

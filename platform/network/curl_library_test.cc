@@ -1,0 +1,75 @@
+#include "platform/network/curl_library.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/url.h"
+
+namespace pnx {
+namespace {
+
+bool curlMapped() {
+  std::ifstream maps("/proc/self/maps");
+  std::string line;
+  while (std::getline(maps, line)) {
+    if (line.find("libcurl") != std::string::npos) return true;
+  }
+  return false;
+}
+
+// A process that makes no request never loads the HTTP stack: not for parsing URLs, not
+// for a task that fails before reaching the network.
+TEST(CurlLibraryTest, OpenedOnlyByTheFirstRequestThatNeedsIt) {
+  if (CurlLibrary::isLoaded()) GTEST_SKIP() << "another test of this process made a request";
+  EXPECT_TRUE(URL::parse("https://user@example.com:8443/a?b#c"));
+  EXPECT_TRUE(URL::parse("http://[::1]:80/"));
+  EXPECT_FALSE(curlMapped());
+  ASSERT_NE(CurlLibrary::get(), nullptr);
+  EXPECT_TRUE(curlMapped());
+}
+
+// URL parsing checks authorities itself, so that parsing never loads the HTTP stack; it
+// must agree with that stack, or a URL accepted here would fail as malformed when loaded.
+TEST(CurlLibraryTest, URLParsingAgreesWithTheHTTPStackOnAuthorities) {
+  std::string reason;
+  const CurlLibrary* curl = CurlLibrary::get(&reason);
+  ASSERT_NE(curl, nullptr) << reason;
+  ASSERT_TRUE(CurlLibrary::isLoaded());
+  auto curlAccepts = [&](const std::string& text) {
+    CURLU* handle = curl->url();
+    bool accepted =
+        curl->url_set(handle, CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK;
+    curl->url_cleanup(handle);
+    return accepted;
+  };
+  const std::vector<std::string> pieces = {
+      "a",   "Z",   "1", "9",   "f",  ":",       ":",     ".",     "-",      "_",
+      "~",   "[",   "]", "[::", "]:", "@",       "%25",   "%41",   "%00",    "%2F",
+      "%7f", "%e9", "!", "$",   "&",  "(",       ")",     "*",     "+",      ",",
+      ";",   "=",   "'", "::1", "ff", "1.2.3.4", "65535", "65536", "%25eth0"};
+  std::mt19937 random(20261123);
+  for (int i = 0; i < 40000; ++i) {
+    std::string authority;
+    for (int n = static_cast<int>(random() % 7); n > 0; --n) {
+      authority += pieces[random() % pieces.size()];
+    }
+    std::string text = "http://" + authority + "/x";
+    // An empty host ("http:///x", "http://u@:80/x") the stack would take; the platform's
+    // parser refuses it.
+    std::string_view hostPort = authority;
+    if (std::size_t at = hostPort.rfind('@'); at != std::string_view::npos) {
+      hostPort.remove_prefix(at + 1);
+    }
+    bool emptyHost = hostPort.empty() || hostPort.front() == ':';
+    EXPECT_EQ(URL::parse(text).has_value(), !emptyHost && curlAccepts(text)) << text;
+    if (::testing::Test::HasFailure()) break;  // one counterexample is enough
+  }
+}
+
+}  // namespace
+}  // namespace pnx
