@@ -102,8 +102,8 @@ bool Device::preparePrivateDirectory(ErrorPtr* error) {
   if (!info) return false;
   if ((info->posixPermissions & (S_IWGRP | S_IWOTH)) == 0) return true;
   if (error) {
-    char mode[8];
-    snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info->posixPermissions));
+    char mode[16];
+    snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info->posixPermissions & 07777));
     *error = Error::withDescription(
         NSCocoaErrorDomain, NSFileWriteNoPermissionError,
         "The device directory " + path + " can be written by group or others (mode " + mode +
