@@ -13,12 +13,15 @@ TEST(DeliveryRecord, TakesIdentitiesAndThePnxDictionaryOnlyWhenPresent) {
   Value payload = Value::dict(
       {{"aps", Value::dict({{"alert", "hi"}})},
        {"pnx", Value::dict({{"attribution", "att-1"}, {"mailingId", 42}, {"other", 1}})}});
-  EXPECT_EQ(deliveryRecord("u", "c", payload),
-            Value::dict({{"userId", "u"}, {"channelId", "c"}, {"attribution", "att-1"}, {"mailingId", 42}}));
+  EXPECT_EQ(
+      deliveryRecord("u", "c", payload),
+      Value::dict(
+          {{"userId", "u"}, {"channelId", "c"}, {"attribution", "att-1"}, {"mailingId", 42}}));
   EXPECT_EQ(deliveryRecord("u", "c", Value::dict({{"aps", 1}})),
             Value::dict({{"userId", "u"}, {"channelId", "c"}}));
   // A "pnx" that is not a dictionary counts as absent.
-  EXPECT_EQ(deliveryRecord(Value(), "c", Value::dict({{"pnx", "att-1"}})), Value::dict({{"channelId", "c"}}));
+  EXPECT_EQ(deliveryRecord(Value(), "c", Value::dict({{"pnx", "att-1"}})),
+            Value::dict({{"channelId", "c"}}));
   EXPECT_EQ(deliveryRecord(Value(), Value(), Value()), Value(Dictionary()));
 }
 
@@ -50,11 +53,15 @@ TEST(RetryGate, OnlyTooManyRequestsSetsABackOffDate) {
   auto httpError = [](Value userInfo) { return Error::make("pnx.campaign.mobile", 105, userInfo); };
   EXPECT_EQ(retryAfterDateForError(httpError(Value::dict({{"statusCode", 429}})), now),
             now.addingTimeInterval(10));
-  EXPECT_EQ(retryAfterDateForError(httpError(Value::dict({{"statusCode", 429}, {"retryAfter", 120}})), now),
+  EXPECT_EQ(retryAfterDateForError(
+                httpError(Value::dict({{"statusCode", 429}, {"retryAfter", 120}})), now),
             now.addingTimeInterval(120));
   // An HTTP-date Retry-After reads as 0 seconds: held back only until the next call.
-  EXPECT_EQ(retryAfterDateForError(httpError(Value::dict({{"statusCode", 429}, {"retryAfter", 0}})), now), now);
-  EXPECT_FALSE(retryAfterDateForError(httpError(Value::dict({{"statusCode", 500}, {"retryAfter", 5}})), now));
+  EXPECT_EQ(
+      retryAfterDateForError(httpError(Value::dict({{"statusCode", 429}, {"retryAfter", 0}})), now),
+      now);
+  EXPECT_FALSE(retryAfterDateForError(
+      httpError(Value::dict({{"statusCode", 500}, {"retryAfter", 5}})), now));
   EXPECT_FALSE(retryAfterDateForError(Error::make(NSURLErrorDomain, -1004), now));
   EXPECT_FALSE(retryAfterDateForError(nullptr, now));
 }

@@ -28,8 +28,8 @@ class DeliveryServer {
     std::string method;
     std::string path;
     httplib::Headers headers;
-    std::string body;   // as received
-    Value json;         // the gunzipped body parsed, or null
+    std::string body;  // as received, inflated by the server when it was gzip
+    Value json;        // the gunzipped body parsed, or null
     Value records() const { return json["delivery"]; }
   };
   struct Answer {
@@ -40,8 +40,10 @@ class DeliveryServer {
   using Responder = std::function<Answer(const Request&)>;
 
   DeliveryServer() {
-    server_.Post(".*", [this](const httplib::Request& in, httplib::Response& out) { handle(in, out); });
-    server_.Get(".*", [this](const httplib::Request& in, httplib::Response& out) { handle(in, out); });
+    server_.Post(".*",
+                 [this](const httplib::Request& in, httplib::Response& out) { handle(in, out); });
+    server_.Get(".*",
+                [this](const httplib::Request& in, httplib::Response& out) { handle(in, out); });
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
     while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));

@@ -36,7 +36,8 @@ TEST(InFlight, AbandonedAreSendsOfGoneOwnersTooOldOrMalformed) {
   Value b = Value::dict({{"attribution", "b"}});
   Value c = Value::dict({{"attribution", "c"}});
   ProcessIdentity alive{1, 1, "boot"}, gone{2, 2, "boot"};
-  Value stored = inFlightWith(Value(), "live", inFlightEntry(alive, now.addingTimeInterval(-5), {a}));
+  Value stored =
+      inFlightWith(Value(), "live", inFlightEntry(alive, now.addingTimeInterval(-5), {a}));
   stored = inFlightWith(stored, "dead", inFlightEntry(gone, now.addingTimeInterval(-5), {b}));
   stored = inFlightWith(stored, "stuck", inFlightEntry(alive, now.addingTimeInterval(-91), {c}));
   stored = inFlightWith(stored, "broken", Value("garbage"));

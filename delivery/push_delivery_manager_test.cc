@@ -17,8 +17,9 @@ namespace pnx::testing {
 namespace {
 
 Value pushWith(const std::string& attribution, Value mailingId = Value(7)) {
-  return Value::dict({{"aps", Value::dict({{"alert", "hello"}})},
-                      {"pnx", Value::dict({{"attribution", attribution}, {"mailingId", mailingId}})}});
+  return Value::dict(
+      {{"aps", Value::dict({{"alert", "hello"}})},
+       {"pnx", Value::dict({{"attribution", attribution}, {"mailingId", mailingId}})}});
 }
 
 Value recordFor(const std::string& attribution, Value mailingId = Value(7)) {
@@ -72,7 +73,9 @@ class DeliveryManagerTest : public DeliveryTest {
     ErrorPtr error;
     return store_->objectForName(name, &error);
   }
-  Set storedQueue() { return queueFromStoredValue(stored(kPushQueueItem)).value_or(Set{Value("unreadable")}); }
+  Set storedQueue() {
+    return queueFromStoredValue(stored(kPushQueueItem)).value_or(Set{Value("unreadable")});
+  }
 
   DeliveryServer server_;
   std::shared_ptr<PNXKeychain> store_ = PNXKeychain::keychainWithService("PNX");
@@ -87,8 +90,8 @@ TEST_F(DeliveryManagerTest, ReportingOffTouchesNothing) {
   EXPECT_TRUE(stored(kPushQueueItem).isNull());
   EXPECT_TRUE(stored(kPushQueueInFlightItem).isNull());
   EXPECT_EQ(log_.lines(), (std::vector<std::string>{
-                              "🔍 Not sending push delivery because config flag is false",
-                              "🔍 Not resending push delivery because config flag is false"}));
+                              "⚫️ Not sending push delivery because config flag is false",
+                              "⚫️ Not resending push delivery because config flag is false"}));
 }
 
 TEST_F(DeliveryManagerTest, FirstPushIsReportedAndLeavesNothingBehind) {
@@ -155,7 +158,8 @@ TEST_F(DeliveryManagerTest, TooManyRequestsHoldsSendsBackUntilTheStoredDateHasPa
   Clock::set(start.addingTimeInterval(11));
   EXPECT_EQ(push(pushWith("c")).sent, 3u);
   ASSERT_EQ(server_.requests().size(), 2u);
-  EXPECT_EQ(recordsOf(server_.requests()[1]), (Set{recordFor("a"), recordFor("b"), recordFor("c")}));
+  EXPECT_EQ(recordsOf(server_.requests()[1]),
+            (Set{recordFor("a"), recordFor("b"), recordFor("c")}));
   EXPECT_EQ(storedQueue(), Set{});
 
   server_.respondWith(429, {{"Retry-After", "120"}});
@@ -169,12 +173,16 @@ TEST_F(DeliveryManagerTest, DuringASendTheQueueIsEmptyAndAFailureKeepsWhatCameMe
   server_.respondWith(500);
   server_.hold();
   std::promise<Outcome> first, second;
-  manager_->sendPushDelivery(pushWith("a"), [&](std::size_t n, ErrorPtr e) { first.set_value({n, e}); });
+  manager_->sendPushDelivery(pushWith("a"), [&](std::size_t n, ErrorPtr e) {
+    first.set_value({n, e});
+  });
   ASSERT_TRUE(server_.waitForRequests(1));
   EXPECT_EQ(stored(kPushQueueItem), Value(Array()));
   EXPECT_EQ(manager_->inFlightRecords(), Set{recordFor("a")});
 
-  manager_->sendPushDelivery(pushWith("b"), [&](std::size_t n, ErrorPtr e) { second.set_value({n, e}); });
+  manager_->sendPushDelivery(pushWith("b"), [&](std::size_t n, ErrorPtr e) {
+    second.set_value({n, e});
+  });
   ASSERT_TRUE(server_.waitForRequests(2));
   EXPECT_EQ(stored(kPushQueueItem), Value(Array()));
   EXPECT_EQ(manager_->inFlightRecords(), (Set{recordFor("a"), recordFor("b")}));
@@ -242,7 +250,8 @@ TEST_F(DeliveryManagerTest, ConcurrentSendsInOneProcessLoseNothing) {
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
-      for (int i = 0; i < kPushes; ++i) manager_->sendPushDelivery(pushWith(std::to_string(t * 100 + i)));
+      for (int i = 0; i < kPushes; ++i)
+        manager_->sendPushDelivery(pushWith(std::to_string(t * 100 + i)));
     });
   }
   for (auto& thread : threads) thread.join();
@@ -258,7 +267,8 @@ TEST_F(DeliveryManagerTest, ConcurrentSendsInOneProcessLoseNothing) {
     for (const Value& record : recordsOf(request)) accepted.insert(record);
   }
   for (int t = 0; t < kThreads; ++t) {
-    for (int i = 0; i < kPushes; ++i) EXPECT_TRUE(accepted.count(recordFor(std::to_string(t * 100 + i))));
+    for (int i = 0; i < kPushes; ++i)
+      EXPECT_TRUE(accepted.count(recordFor(std::to_string(t * 100 + i))));
   }
   EXPECT_EQ(storedQueue(), Set{});
   EXPECT_TRUE(manager_->inFlightRecords().empty());
