@@ -12,6 +12,9 @@
 #include "delivery/delivery_server_test.h"
 #include "delivery/delivery_test_support.h"
 #include "delivery/in_flight.h"
+#include "platform/security/sqlite_io.h"
+
+#include <sqlite3.h>
 
 namespace pnx::testing {
 namespace {
@@ -272,6 +275,62 @@ TEST_F(DeliveryManagerTest, ConcurrentSendsInOneProcessLoseNothing) {
   }
   EXPECT_EQ(storedQueue(), Set{});
   EXPECT_TRUE(manager_->inFlightRecords().empty());
+}
+
+// A disk whose writes fail with "database or disk is full" while it is switched on.
+class FullDisk : public SQLiteIO {
+ public:
+  int write(const File& file, const void* bytes, int amount, std::int64_t offset) override {
+    return full ? SQLITE_FULL : SQLiteIO::write(file, bytes, amount, offset);
+  }
+  std::atomic<bool> full{false};
+};
+
+TEST_F(DeliveryManagerTest, AFailingKeychainLosesNothingThatWasStored) {
+  auto disk = std::make_shared<FullDisk>();
+  SQLiteIO::setCurrent(disk);
+  server_.respondWith(500);
+  push(pushWith("stored"));
+  ASSERT_EQ(storedQueue(), Set{recordFor("stored")});
+
+  // Every write of the next push fails: the new record cannot be stored, but the queue
+  // that was stored stays as it was, whatever the server answers.
+  disk->full = true;
+  log_.clear();
+  for (int status : {500, 200}) {
+    server_.respondWith(status);
+    EXPECT_EQ(push(pushWith("unstorable")).sent, 2u);
+  }
+  EXPECT_TRUE(log_.contains("Couldn't queue delivery payload in keychain"));
+  EXPECT_TRUE(log_.contains("Couldn't record in-flight delivery payload in keychain"));
+  disk->full = false;
+  EXPECT_EQ(storedQueue(), Set{recordFor("stored")});
+  EXPECT_TRUE(manager_->inFlightRecords().empty());
+
+  // The disk fills while a request is out: the outcome cannot be written, and the records
+  // stay in the in-flight entry until they are taken back, here once the send is too old.
+  Date start(2'000'000'000);
+  Clock::set(start);
+  server_.respondWith(500);
+  server_.hold();
+  std::promise<Outcome> outcome;
+  manager_->sendPushDelivery(pushWith("late"), [&](std::size_t n, ErrorPtr e) {
+    outcome.set_value({n, e});
+  });
+  ASSERT_TRUE(server_.waitForRequests(4));
+  disk->full = true;
+  server_.release();
+  wait(outcome);
+  disk->full = false;
+  EXPECT_EQ(manager_->inFlightRecords(), (Set{recordFor("stored"), recordFor("late")}));
+  EXPECT_EQ(storedQueue(), Set{});
+
+  server_.respondWith(200);
+  Clock::advance(kInFlightAbandonSeconds + 1);
+  EXPECT_EQ(resend().sent, 2u);
+  EXPECT_EQ(storedQueue(), Set{});
+  EXPECT_TRUE(manager_->inFlightRecords().empty());
+  SQLiteIO::setCurrent(nullptr);
 }
 
 }  // namespace
