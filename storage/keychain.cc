@@ -33,6 +33,11 @@ void fill(pnx::ErrorPtr* error, pnx::ErrorPtr value) {
   if (error) *error = std::move(value);
 }
 
+// Why the keychain database failed, in SQLite's words, after the line that says what failed.
+void logReason(const pnx::ErrorPtr& reason) {
+  if (reason) PNXLogError("Keychain database failure: %@", reason->localizedDescription());
+}
+
 }  // namespace
 
 std::shared_ptr<PNXKeychainItem> PNXKeychainItem::initWithKeyDictionary(
@@ -114,28 +119,64 @@ bool PNXKeychain::setObject(const pnx::Value& value, const std::string& name) {
   return setObject(value, name, &status);
 }
 
+// The update or add is one transaction of the keychain, so that two processes writing a
+// new name at once both succeed (the later value stays) instead of one failing on the
+// other's add.
 bool PNXKeychain::setObject(const pnx::Value& value, const std::string& name,
                             pnx::OSStatus* result) {
   pnx::Value query = getKeychainQuery(name);
-  pnx::OSStatus status = pnx::SecItemCopyMatching(query, nullptr);
-  if (status == pnx::errSecSuccess || status == pnx::errSecItemNotFound) {
-    // A value the archiver cannot hold is refused like a bad query.
-    auto archive = pnx::KeyedArchiver::archivedDataWithRootObject(value);
-    if (!archive) {
-      status = pnx::errSecParam;
-    } else if (status == pnx::errSecSuccess) {
-      status = pnx::SecItemUpdate(query, pnx::Value::dict({{pnx::kSecValueData, *archive}}));
-    } else {
-      status = pnx::SecItemAdd(
-          withEntries(getKeychainQuery(name), {{pnx::kSecValueData, pnx::Value(*archive)}}));
-    }
-  }
+  // A value the archiver cannot hold is refused like a bad query.
+  auto archive = pnx::KeyedArchiver::archivedDataWithRootObject(value);
+  pnx::ErrorPtr reason;
+  pnx::OSStatus status =
+      archive ? pnx::keychainSetItemData(query, *archive, &reason) : pnx::errSecParam;
   *result = status;
   if (status != pnx::errSecSuccess) {
     PNXLogError("Could not set keychain name %@ to value %@, return %d", name, value, status);
+    logReason(reason);
     return false;
   }
   return true;
+}
+
+bool PNXKeychain::updateObjectForName(const std::string& name, const ValueChange& change,
+                                      pnx::ErrorPtr* error) {
+  pnx::Value query = getKeychainQuery(name);
+  pnx::ErrorPtr unreadable;
+  auto changeData = [&](const std::optional<pnx::Data>& current) -> std::optional<pnx::Data> {
+    unreadable = nullptr;  // a retried transaction starts over
+    pnx::Value value;
+    if (current) {
+      try {
+        value = pnx::KeyedUnarchiver::unarchiveObjectWithData(*current);
+      } catch (const pnx::Exception& exception) {
+        unreadable = NSError_PNX::keychainUnarchiveFailed(
+            name, std::make_shared<const pnx::Exception>(exception));
+        return std::nullopt;
+      }
+    }
+    std::optional<pnx::Value> next = change(value);
+    if (!next) return std::nullopt;
+    auto archive = pnx::KeyedArchiver::archivedDataWithRootObject(*next);
+    if (!archive) {
+      throw pnx::Exception(pnx::NSInvalidArgumentException,
+                           "keychain value for " + name + " cannot be archived");
+    }
+    return archive;
+  };
+  pnx::ErrorPtr reason;
+  pnx::OSStatus status = pnx::keychainUpdateItem(query, changeData, &reason);
+  if (status == pnx::errSecSuccess && !unreadable) return true;
+  if (unreadable) {
+    fill(error, unreadable);
+  } else {
+    fill(error,
+         NSError_PNX::errorWithCode(122, "Keychain is inaccessible.",
+                                    reason ? pnx::Value(pnx::ObjectPtr(reason)) : pnx::Value()));
+  }
+  PNXLogError("Could not update keychain name %@, return %d", name, status);
+  logReason(reason);
+  return false;
 }
 
 pnx::Value PNXKeychain::objectForName(const std::string& name, pnx::ErrorPtr* error) {

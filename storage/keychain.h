@@ -22,6 +22,7 @@
 // items, and service and group are atomic. Any thread may use a store.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -77,8 +78,24 @@ class PNX_EXPORT PNXKeychain {
   // Class, service, account = name, accessibility, and the group when there is one.
   pnx::Value getKeychainQuery(const std::string& name) const;
 
-  // Updates the item, or adds it when missing; false (logged) on failure.
+  // Updates the item, or adds it when missing, in one transaction: writers racing for the
+  // same name all succeed and the last one wins. False (logged, with the database's reason
+  // when there is one) on failure.
   bool setObject(const pnx::Value& value, const std::string& name);
+
+  // Given the current value (null when there is no item), the value to store, or nullopt to
+  // leave the item as it is.
+  using ValueChange = std::function<std::optional<pnx::Value>(const pnx::Value& current)>;
+  // Read-modify-write of one item as one transaction of the keychain: change sees the
+  // stored value and what it returns is stored, while other threads and processes doing
+  // the same to the item wait their turn, so concurrent merges lose nothing. change may
+  // run more than once (a lock conflict starts the transaction again), must not use the
+  // keychain itself, and may throw (nothing is stored then; the exception passes on). A
+  // value that cannot be archived raises NSInvalidArgumentException. False (logged) on
+  // failure, with *error: code 104 when the stored data is not an archive (nothing is
+  // written then), 122 with the database's failure as underlying error otherwise.
+  bool updateObjectForName(const std::string& name, const ValueChange& change,
+                           pnx::ErrorPtr* error = nullptr);
   // The unarchived value, or null.
   pnx::Value objectForName(const std::string& name, pnx::ErrorPtr* error);
   // The item with its dates, or null.

@@ -1,6 +1,12 @@
 #include "storage/keychain.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <set>
 
 #include "config/config.h"
 #include "diagnostics/log_capture_test.h"
@@ -190,6 +196,75 @@ TEST_F(KeychainStore, TheDefaultStoreIsTheBundleIdentifiers) {
   pnx::ErrorPtr error;
   EXPECT_THROW(broken->setObject("v", "name"), pnx::Exception);
   EXPECT_THROW(broken->objectForName("name", &error), pnx::Exception);
+}
+
+// Two processes, lined up by a barrier in shared memory, write the same new name at the
+// same moment and merge a record into one shared queue, round after round: every write
+// succeeds, each name ends with one of the two values, and the queue holds every record.
+TEST_F(KeychainStore, ConcurrentWritersNeverCollideAndMergesLoseNothing) {
+  constexpr int kRounds = 40;
+  void* shared = mmap(nullptr, sizeof(pthread_barrier_t), PROT_READ | PROT_WRITE,
+                      MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(shared, MAP_FAILED);
+  auto* barrier = static_cast<pthread_barrier_t*>(shared);
+  pthread_barrierattr_t attributes;
+  pthread_barrierattr_init(&attributes);
+  pthread_barrierattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+  ASSERT_EQ(pthread_barrier_init(barrier, &attributes, 2), 0);
+  pid_t children[2];
+  for (int child = 0; child < 2; ++child) {
+    children[child] = fork();
+    ASSERT_GE(children[child], 0);
+    if (children[child] > 0) continue;
+    PNXKeychain store("svc");
+    int failures = 0;
+    for (int i = 0; i < kRounds; ++i) {
+      pthread_barrier_wait(barrier);
+      failures += !store.setObject("p" + std::to_string(child), "name-" + std::to_string(i));
+      failures += !store.updateObjectForName("pushQueue", [&](const pnx::Value& current) {
+        pnx::Array queue = current.isArray() ? *current.asArray() : pnx::Array();
+        queue.push_back(pnx::Value::dict({{"child", child}, {"i", i}}));
+        return std::optional<pnx::Value>(pnx::Value(std::move(queue)));
+      });
+    }
+    _exit(std::min(failures, 100));
+  }
+  for (pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "failures: " << status;
+  }
+  pthread_barrier_destroy(barrier);
+  munmap(shared, sizeof(pthread_barrier_t));
+  pnx::ErrorPtr error;
+  for (int i = 0; i < kRounds; ++i) {
+    pnx::Value value = store_.objectForName("name-" + std::to_string(i), &error);
+    EXPECT_TRUE(value == pnx::Value("p0") || value == pnx::Value("p1")) << value.description();
+  }
+  std::set<pnx::Value> merged;
+  for (const pnx::Value& record : *store_.objectForName("pushQueue", &error).asArray()) {
+    merged.insert(record);
+  }
+  EXPECT_EQ(merged.size(), 2u * kRounds);
+}
+
+// Data that is no archive is never handed to the change nor overwritten; a change that
+// returns nothing keeps the item.
+TEST_F(KeychainStore, AnUpdateOfUnreadableDataFailsAndWritesNothing) {
+  ASSERT_EQ(addRawItem("junk", pnx::kSecAttrAccessibleAlwaysThisDeviceOnly, "not an archive"),
+            pnx::errSecSuccess);
+  auto toOne = [](const pnx::Value& current) {
+    return current.isNull() ? std::optional<pnx::Value>(1) : std::nullopt;
+  };
+  pnx::ErrorPtr error;
+  EXPECT_FALSE(store_.updateObjectForName("junk", toOne, &error));
+  EXPECT_EQ(error->code(), 104);
+  EXPECT_TRUE(log_.contains("Could not update keychain name junk"));
+  EXPECT_EQ(store_.objectForName("junk", &error), pnx::Value());
+
+  EXPECT_TRUE(store_.updateObjectForName("fresh", toOne));
+  EXPECT_TRUE(store_.updateObjectForName("fresh", toOne));
+  EXPECT_EQ(store_.objectForName("fresh", &error), pnx::Value(1));
 }
 
 }  // namespace

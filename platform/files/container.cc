@@ -1,7 +1,9 @@
 #include "platform/files/container.h"
 
 #include <pwd.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <mutex>
@@ -87,6 +89,28 @@ std::string Device::defaultDirectory() {
   std::string data = environment("XDG_DATA_HOME");
   if (data.empty()) data = homeDirectory() + "/.local/share";
   return data + "/pnx/device";
+}
+
+bool Device::preparePrivateDirectory(ErrorPtr* error) {
+  std::string path = directory();
+  FileManager& files = FileManager::current();
+  FileAttributes attributes;
+  attributes.posixPermissions = 0700;
+  // An existing directory is fine; another process may also be creating it right now.
+  if (!files.createDirectory(path, true, attributes, error)) return false;
+  auto info = files.attributesOfItem(path, error);
+  if (!info) return false;
+  if ((info->posixPermissions & (S_IWGRP | S_IWOTH)) == 0) return true;
+  if (error) {
+    char mode[8];
+    snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info->posixPermissions));
+    *error = Error::withDescription(
+        NSCocoaErrorDomain, NSFileWriteNoPermissionError,
+        "The device directory " + path + " can be written by group or others (mode " + mode +
+            "), so its files cannot be trusted; make it private (chmod 700) to use it.",
+        path);
+  }
+  return false;
 }
 
 std::string Container::root() {

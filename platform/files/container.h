@@ -12,6 +12,8 @@
 
 #include <string>
 
+#include "platform/foundation/error.h"
+
 namespace pnx {
 
 class Device {
@@ -22,6 +24,10 @@ class Device {
   static void setDirectory(const std::string& path);
   // The default when the host names none: $PNX_DEVICE, else the user's data directory.
   static std::string defaultDirectory();
+  // Creates the device directory (and what leads to it) 0700 when missing, and refuses one
+  // that group or others can write, where another user could put their own files (or a
+  // symbolic link) in place of the device's databases: false and *error naming the path.
+  static bool preparePrivateDirectory(ErrorPtr* error);
 };
 
 class Container {

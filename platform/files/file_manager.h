@@ -39,6 +39,19 @@ struct FileAttributes {
   std::optional<mode_t> posixPermissions;  // e.g. 0600, 0700; the umask default otherwise
 };
 
+// How fileHandleForUpdating opens a file. The defaults open an existing file, following a
+// symbolic link as open(2) does.
+struct FileOpenOptions {
+  // Create the file when it is missing, with exactly `permissions` (the umask does not
+  // narrow them, and the file is never wider than that while it exists).
+  bool create = false;
+  // With create: fail with 516 (file exists) when anything is at the path already.
+  bool exclusive = false;
+  // Refuse a symbolic link as the last path component, also a dangling one (O_NOFOLLOW).
+  bool followSymbolicLinks = true;
+  mode_t permissions = 0600;
+};
+
 struct FileInfo {
   std::uint64_t size = 0;
   Date creationDate;  // birth time where the file system records it, else change time
@@ -71,9 +84,17 @@ class FileManager {
   virtual std::optional<Data> contentsOfFile(const std::string& path, ErrorPtr* error) = 0;
   virtual std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& path,
                                                                       ErrorPtr* error) = 0;
-  // Opens an existing file for reading and writing; nullptr (and *error) when it can't.
+  // Opens a file for reading and writing as options say; nullptr (and *error) when it
+  // can't. A symbolic link refused by followSymbolicLinks = false is error 512 whose
+  // description says so.
   virtual std::unique_ptr<FileHandle> fileHandleForUpdating(const std::string& path,
+                                                            const FileOpenOptions& options,
                                                             ErrorPtr* error = nullptr) = 0;
+  // Opens an existing file for reading and writing.
+  std::unique_ptr<FileHandle> fileHandleForUpdating(const std::string& path,
+                                                    ErrorPtr* error = nullptr) {
+    return fileHandleForUpdating(path, FileOpenOptions(), error);
+  }
 };
 
 // Forwards every call to a target; fault fakes derive from it and override what they need.
@@ -112,9 +133,11 @@ class FileManagerWrapper : public FileManager {
                                                               ErrorPtr* error) override {
     return target_->contentsOfDirectory(path, error);
   }
+  using FileManager::fileHandleForUpdating;
   std::unique_ptr<FileHandle> fileHandleForUpdating(const std::string& path,
+                                                    const FileOpenOptions& options,
                                                     ErrorPtr* error = nullptr) override {
-    return target_->fileHandleForUpdating(path, error);
+    return target_->fileHandleForUpdating(path, options, error);
   }
 
  private:

@@ -1,10 +1,13 @@
 #include "platform/files/file_manager.h"
 
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 
 #include "platform/files/fixtures_test.h"
 
@@ -191,6 +194,63 @@ TEST_F(FileManagerTest, FaultFakeReplacesOnlyWhatItOverrides) {
   FileManager::setCurrent(nullptr);
   EXPECT_EQ(&FileManager::current(), FileManager::posix().get());
   EXPECT_TRUE(FileManager::current().createFile(dir.file("x"), bytes("x"), {}, &error));
+}
+
+// Sets the process's umask for the lifetime of the object.
+class ScopedUmask {
+ public:
+  explicit ScopedUmask(mode_t mask) : previous_(umask(mask)) {}
+  ~ScopedUmask() { umask(previous_); }
+
+ private:
+  mode_t previous_;
+};
+
+// Directories and files are born with their final permissions: no chmod (an inotify
+// attribute event) follows their creation, so there is no moment at which they are open
+// to others. Modes come out exact whatever the umask, on every new level.
+TEST_F(FileManagerTest, ItemsAreCreatedWithTheirFinalPermissions) {
+  ScopedUmask mask(022);
+  int events = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  ASSERT_GE(inotify_add_watch(events, dir.path().c_str(), IN_ATTRIB), 0);
+  ErrorPtr error;
+  ASSERT_TRUE(files.createDirectory(dir.file("private"), false, permissions(0700), &error));
+  ASSERT_TRUE(files.createFile(dir.file("secret"), bytes("data"), permissions(0600), &error));
+  alignas(inotify_event) char buffer[4096];
+  EXPECT_LT(read(events, buffer, sizeof buffer), 0) << "a mode was changed after creation";
+  close(events);
+  EXPECT_EQ(modeOf(dir.file("private")), 0700u);
+  EXPECT_EQ(modeOf(dir.file("secret")), 0600u);
+
+  ScopedUmask strict(077);
+  ASSERT_TRUE(files.createDirectory(dir.file("a/b"), true, permissions(0750), &error));
+  EXPECT_EQ(modeOf(dir.file("a")), 0750u);
+  EXPECT_EQ(modeOf(dir.file("a/b")), 0750u);
+  ASSERT_TRUE(files.createFile(dir.file("shared"), bytes("x"), permissions(0644), &error));
+  EXPECT_EQ(modeOf(dir.file("shared")), 0644u);
+}
+
+// Open-or-create gives a new file exact permissions and leaves an existing one as it is;
+// without following links, a link to a file or to nothing is refused, its target untouched.
+TEST_F(FileManagerTest, OpeningCanCreateAndRefuseSymbolicLinks) {
+  ScopedUmask mask(077);
+  FileOpenOptions options{.create = true, .followSymbolicLinks = false, .permissions = 0640};
+  ErrorPtr error;
+  ASSERT_TRUE(files.fileHandleForUpdating(dir.file("new.db"), options, &error));
+  EXPECT_EQ(modeOf(dir.file("new.db")), 0640u);
+  chmod(dir.file("new.db").c_str(), 0600);
+  ASSERT_TRUE(files.fileHandleForUpdating(dir.file("new.db"), options, &error));
+  EXPECT_EQ(modeOf(dir.file("new.db")), 0600u);
+
+  for (const char* target : {"new.db", "nowhere.db"}) {
+    std::string link = dir.file(std::string("link-to-") + target);
+    ASSERT_EQ(symlink(dir.file(target).c_str(), link.c_str()), 0);
+    EXPECT_FALSE(files.fileHandleForUpdating(link, options, &error)) << target;
+    EXPECT_NE(error->localizedDescription().find("because it is a symbolic link"),
+              std::string::npos)
+        << error->localizedDescription();
+  }
+  EXPECT_FALSE(std::filesystem::exists(dir.file("nowhere.db")));
 }
 
 }  // namespace

@@ -121,8 +121,9 @@ std::string errnoText(int err) {
 }
 
 // Fills *error (when given) and returns false, so failures read `return fail(...)`.
+// `because` replaces the usual end of the message ("because ...") when given.
 bool fail(ErrorPtr* error, int err, Operation operation, const std::string& path,
-          const std::string& destination = {}) {
+          const std::string& destination = {}, const char* because = nullptr) {
   if (!error) return false;
   std::int64_t code = codeForErrno(err);
   std::string message;
@@ -143,6 +144,7 @@ bool fail(ErrorPtr* error, int err, Operation operation, const std::string& path
       message = removeMessage(code, path);
       break;
   }
+  if (because) message = "The file " + quoted(path) + " couldn\u2019t be opened " + because;
   ObjectPtr underlying = Error::make(NSPOSIXErrorDomain, err,
                                      Value::dict({{NSLocalizedDescriptionKey, errnoText(err)}}));
   Dictionary info;
@@ -351,7 +353,11 @@ class PosixFileManager final : public FileManager {
                        const FileAttributes& attributes, ErrorPtr* error) override {
     if (path.empty()) return fail(error, ENOENT, Operation::Write, path);
     std::vector<std::string> created;
-    int err = withIntermediates ? makeDirectories(path, &created) : makeOne(path, &created);
+    // Each directory is made with its final permissions (plus the owner's own access until
+    // its children exist), so none is ever open to others, not even for a moment.
+    mode_t mode = attributes.posixPermissions ? (*attributes.posixPermissions | S_IRWXU) : 0777;
+    int err =
+        withIntermediates ? makeDirectories(path, mode, &created) : makeOne(path, mode, &created);
     // Attributes go on deepest first, so that restrictive permissions on a parent can't
     // stop us from reaching its children.
     for (auto it = created.rbegin(); !err && it != created.rend(); ++it) {
@@ -368,13 +374,9 @@ class PosixFileManager final : public FileManager {
                   ErrorPtr* error) override {
     std::string directory = folderOf(path);
     std::string temporary;
-    Descriptor fd(createTemporary(directory, &temporary));
+    Descriptor fd(createTemporary(directory, attributes.posixPermissions, &temporary));
     if (fd.get() < 0) return fail(error, errno, Operation::Write, path);
     int err = writeAll(fd.get(), contents.data(), contents.size());
-    if (!err && attributes.posixPermissions &&
-        fchmod(fd.get(), *attributes.posixPermissions) != 0) {
-      err = errno;
-    }
     if (!err) err = setProtection(temporary, fd.get(), attributes.protection);
     if (!err && fsync(fd.get()) != 0) err = errno;
     int closeErr = fd.close();
@@ -447,11 +449,16 @@ class PosixFileManager final : public FileManager {
     return names;
   }
 
+  using FileManager::fileHandleForUpdating;
   std::unique_ptr<FileHandle> fileHandleForUpdating(const std::string& path,
+                                                    const FileOpenOptions& options,
                                                     ErrorPtr* error) override {
-    int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    int fd = openForUpdating(path, options);
     if (fd < 0) {
-      fail(error, errno, Operation::Read, path);
+      int err = errno;
+      bool refusedLink = err == ELOOP && !options.followSymbolicLinks;
+      fail(error, err, options.create ? Operation::Write : Operation::Read, path, {},
+           refusedLink ? "because it is a symbolic link." : nullptr);
       return nullptr;
     }
     return std::make_unique<PosixFileHandle>(fd, path);
@@ -459,14 +466,15 @@ class PosixFileManager final : public FileManager {
 
  private:
   // mkdir for one directory; an existing item is an error, as the platform has it.
-  static int makeOne(const std::string& path, std::vector<std::string>* created) {
-    if (mkdir(path.c_str(), 0777) != 0) return errno;
+  static int makeOne(const std::string& path, mode_t mode, std::vector<std::string>* created) {
+    if (mkdir(path.c_str(), mode) != 0) return errno;
     created->push_back(path);
     return 0;
   }
 
   // mkdir -p: existing directories on the way (and at the end) are fine.
-  static int makeDirectories(const std::string& path, std::vector<std::string>* created) {
+  static int makeDirectories(const std::string& path, mode_t mode,
+                             std::vector<std::string>* created) {
     std::string target = path.substr(0, path.find_last_not_of('/') + 1);
     if (target.empty()) return 0;  // "/" exists
     std::size_t slash = 0;
@@ -474,7 +482,7 @@ class PosixFileManager final : public FileManager {
       slash = target.find('/', slash + 1);
       std::string prefix = target.substr(0, slash);
       if (prefix.back() == '/') continue;  // "a//b"
-      if (mkdir(prefix.c_str(), 0777) == 0) {
+      if (mkdir(prefix.c_str(), mode) == 0) {
         created->push_back(prefix);
         continue;
       }
@@ -484,23 +492,60 @@ class PosixFileManager final : public FileManager {
     return 0;
   }
 
+  // Narrows a new directory to the exact permissions asked for, where the umask or the
+  // owner's temporary access made them differ.
   static int applyAttributes(const std::string& path, const FileAttributes& attributes) {
     if (int err = setProtection(path, -1, attributes.protection)) return err;
-    if (attributes.posixPermissions && chmod(path.c_str(), *attributes.posixPermissions) != 0) {
-      return errno;
-    }
-    return 0;
+    if (!attributes.posixPermissions) return 0;
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0) return errno;
+    if ((info.st_mode & 07777) == *attributes.posixPermissions) return 0;
+    return chmod(path.c_str(), *attributes.posixPermissions) == 0 ? 0 : errno;
   }
 
-  // Opens a new, uniquely named file beside the target; the kernel applies the umask to
-  // its mode.
-  static int createTemporary(const std::string& directory, std::string* path) {
+  // Opens a new, uniquely named, still empty file beside the target, with exactly the
+  // permissions asked for (without any: 0644 narrowed by the umask).
+  static int createTemporary(const std::string& directory, std::optional<mode_t> permissions,
+                             std::string* path) {
     static std::atomic<unsigned> counter{0};
     for (int attempt = 0; attempt < 100; ++attempt) {
       *path = directory + "/.pnx-tmp-" + std::to_string(getpid()) + "-" +
               std::to_string(counter.fetch_add(1));
-      int fd = open(path->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+      int fd =
+          createExclusive(*path, O_WRONLY, permissions.value_or(0644), permissions.has_value());
       if (fd >= 0 || errno != EEXIST) return fd;
+    }
+    return -1;
+  }
+
+  // open(O_CREAT | O_EXCL) with exactly `mode`: when the umask narrowed it and exact is
+  // asked for, the still empty file is widened to it at once. -1 and errno on failure.
+  static int createExclusive(const std::string& path, int flags, mode_t mode, bool exact) {
+    int fd = open(path.c_str(), flags | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    if (fd < 0 || !exact) return fd;
+    struct stat info {};
+    if (fstat(fd, &info) == 0 && (info.st_mode & 07777) == (mode & 07777)) return fd;
+    if (fchmod(fd, mode & 07777) == 0) return fd;
+    int err = errno;
+    ::close(fd);
+    unlink(path.c_str());
+    errno = err;
+    return -1;
+  }
+
+  // Opens, or creates, the file for reading and writing as options say. An open-or-create
+  // first tries to create, so that a file it makes always gets exact permissions; when the
+  // file exists it is opened as it is. -1 and errno on failure.
+  static int openForUpdating(const std::string& path, const FileOpenOptions& options) {
+    int flags = O_RDWR | O_CLOEXEC | (options.followSymbolicLinks ? 0 : O_NOFOLLOW);
+    if (!options.create) return open(path.c_str(), flags);
+    // A file removed between the two calls is created on the next round; a dangling link
+    // that is followed fails with ENOENT after a few.
+    for (int attempt = 0; attempt < 4; ++attempt) {
+      int fd = createExclusive(path, flags, options.permissions, true);
+      if (fd >= 0 || errno != EEXIST || options.exclusive) return fd;
+      fd = open(path.c_str(), flags);
+      if (fd >= 0 || errno != ENOENT) return fd;
     }
     return -1;
   }

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <thread>
 
 #include "platform/files/bundle.h"
@@ -16,6 +17,7 @@
 #include "platform/foundation/date.h"
 #include "platform/foundation/plist.h"
 #include "platform/security/sqlite.h"
+#include "platform/system/system_log.h"
 
 // On-disk layout of <device>/keychain.db (user_version 1):
 //
@@ -43,9 +45,11 @@ constexpr std::int64_t kSchemaVersion = 1;
 constexpr const char* kColumns =
     "class, service, account, access_group, accessible, data, created, modified";
 
-// How long lock conflicts with other processes are waited out before the keychain counts
-// as unavailable. Each try already waits the connection's busy timeout.
-constexpr auto kBusyPatience = std::chrono::seconds(60);
+// How long lock conflicts with other processes are waited out, in total, before the
+// keychain counts as unavailable: well inside the time a notification service extension
+// has for its whole work. The waiting happens between tries, without any lock held.
+constexpr auto kBusyPatience = std::chrono::seconds(3);
+constexpr auto kLongestPause = std::chrono::milliseconds(20);
 
 enum class Operation { CopyMatching, Add, Update, Delete };
 
@@ -202,6 +206,21 @@ std::string whereClause(const ItemQuery& query, const std::vector<std::string>& 
 // database failed.
 using Work = std::function<std::optional<OSStatus>(SQLiteDatabase& database, ErrorPtr* error)>;
 
+// Failures of the keychain database go to the system log with SQLite's reason, as the
+// platform's keychain reports its own.
+void logFailure(const ErrorPtr& error) {
+  static const SystemLog* log = new SystemLog("pnx.platform", "keychain");
+  std::string reason = error ? error->localizedDescription() : "unknown failure";
+  log->write(LogType::Error, "keychain database unavailable: " + reason);
+}
+
+// A random pause of up to limit, so that processes retrying together drift apart.
+std::chrono::microseconds jittered(std::chrono::microseconds limit) {
+  thread_local std::minstd_rand random(std::random_device{}());
+  std::uniform_int_distribution<std::int64_t> pick(limit.count() / 2, limit.count());
+  return std::chrono::microseconds(pick(random));
+}
+
 // The process's connection to the device's keychain database and its entitlements.
 // One mutex serialises both; the connection is closed before fork() so that a child
 // never inherits SQLite's state for an open file.
@@ -226,25 +245,32 @@ class Keychain {
     return accessGroupsLocked();
   }
 
-  // Runs work against the database, waiting out lock conflicts; a database that cannot be
-  // used gives errSecInteractionNotAllowed.
-  OSStatus run(const Work& work) {
-    std::lock_guard lock(mutex_);
+  // Runs work against the database, waiting out lock conflicts with other connections; a
+  // database that cannot be used gives errSecInteractionNotAllowed, logged, with the reason
+  // in *reason. The connection never waits inside SQLite (its busy timeout is 0): a
+  // conflict comes back at once and the pause before the next try is taken without the
+  // mutex, so other threads keep using the keychain meanwhile. work may run more than once.
+  OSStatus run(const Work& work, ErrorPtr* reason = nullptr) {
     auto giveUp = std::chrono::steady_clock::now() + kBusyPatience;
-    auto pause = std::chrono::milliseconds(1);
+    std::chrono::microseconds pause = std::chrono::milliseconds(1);
     for (;;) {
       ErrorPtr error;
-      SQLiteDatabase* database = connection(&error);
-      if (database) {
-        auto status = work(*database, &error);
-        if (status) return *status;
+      {
+        std::lock_guard lock(mutex_);
+        SQLiteDatabase* database = connection(&error);
+        if (database) {
+          auto status = work(*database, &error);
+          if (status) return *status;
+        }
+        if (!SQLiteDatabase::isBusy(error) || std::chrono::steady_clock::now() >= giveUp) {
+          database_.reset();  // reopen next time: the file may have been repaired meanwhile
+          logFailure(error);
+          if (reason) *reason = error;
+          return errSecInteractionNotAllowed;
+        }
       }
-      if (!SQLiteDatabase::isBusy(error) || std::chrono::steady_clock::now() > giveUp) {
-        database_.reset();  // reopen next time: the file may have been repaired meanwhile
-        return errSecInteractionNotAllowed;
-      }
-      std::this_thread::sleep_for(pause);
-      pause = std::min(pause * 2, std::chrono::milliseconds(100));
+      std::this_thread::sleep_for(jittered(pause));
+      pause = std::min<std::chrono::microseconds>(pause * 2, kLongestPause);
     }
   }
 
@@ -281,14 +307,11 @@ class Keychain {
     std::string path = keychainDatabasePath();
     if (database_ && database_->path() == path) return database_.get();
     database_.reset();
-    FileAttributes privateDirectory;
-    privateDirectory.posixPermissions = 0700;
-    if (!FileManager::current().fileExists(Device::directory()) &&
-        !FileManager::current().createDirectory(Device::directory(), true, privateDirectory,
-                                                error)) {
-      return nullptr;
-    }
-    auto database = SQLiteDatabase::open(path, error);
+    if (!Device::preparePrivateDirectory(error)) return nullptr;
+    SQLiteDatabase::Options options;
+    options.busyTimeoutMilliseconds = 0;  // run() waits, without holding the mutex
+    options.newestUserVersion = kSchemaVersion;
+    auto database = SQLiteDatabase::open(path, options, error);
     if (!database || !ensureSchema(*database, error)) return nullptr;
     database_ = std::move(database);
     return database_.get();
@@ -379,6 +402,43 @@ std::optional<std::vector<StoredItem>> findItems(SQLiteDatabase& database, const
   return items;
 }
 
+// A new item of the query's attributes in group, created and modified now.
+StoredItem newItem(const ItemQuery& query, const std::string& group, Data data) {
+  StoredItem item{query.itemClass,
+                  query.service,
+                  query.account,
+                  group,
+                  query.accessible.value_or(kSecAttrAccessibleWhenUnlocked),
+                  std::move(data),
+                  Date::now(),
+                  {}};
+  item.modified = item.created;
+  return item;
+}
+
+// Inserts item unless one of the same class, service, account and group exists (then
+// changes() is 0).
+bool insertItem(SQLiteDatabase& database, const StoredItem& item, ErrorPtr* error) {
+  std::string sql =
+      std::string("INSERT OR IGNORE INTO items (") + kColumns + ") VALUES (?, ?, ?, ?, ?, ?, ?, ?)";
+  return database.execute(
+      sql,
+      {Value(item.itemClass), Value(item.service), Value(item.account), Value(item.group),
+       Value(item.accessible), Value(item.data), Value(item.created), Value(item.modified)},
+      error);
+}
+
+// Gives the stored item new data, modified now.
+bool replaceData(SQLiteDatabase& database, const StoredItem& item, const Data& data,
+                 ErrorPtr* error) {
+  return database.execute(
+      "UPDATE items SET data = ?, modified = ?"
+      " WHERE class = ? AND service = ? AND account = ? AND access_group = ?",
+      {Value(data), Value(Date::now()), Value(item.itemClass), Value(item.service),
+       Value(item.account), Value(item.group)},
+      error);
+}
+
 Value resultsFor(const std::vector<StoredItem>& items, const ItemQuery& query) {
   if (query.limit == 1) return resultFor(items.front(), query);
   Array results;
@@ -445,27 +505,15 @@ OSStatus SecItemAdd(const Value& attributes, Value* result) {
   std::vector<std::string> groups;
   OSStatus status = prepare(attributes, Operation::Add, &query, &groups);
   if (status != errSecSuccess) return status;
-  StoredItem item{query.itemClass,
-                  query.service,
-                  query.account,
-                  groups.front(),
-                  query.accessible.value_or(kSecAttrAccessibleWhenUnlocked),
-                  query.data.value_or(Data()),
-                  Date::now(),
-                  {}};
-  item.modified = item.created;
-  return Keychain::shared().run([&](SQLiteDatabase& database,
-                                    ErrorPtr* error) -> std::optional<OSStatus> {
-    std::string sql = std::string("INSERT OR IGNORE INTO items (") + kColumns +
-                      ") VALUES (?, ?, ?, ?, ?, ?, ?, ?)";
-    std::vector<Value> arguments{Value(item.itemClass), Value(item.service),    Value(item.account),
-                                 Value(item.group),     Value(item.accessible), Value(item.data),
-                                 Value(item.created),   Value(item.modified)};
-    if (!database.execute(sql, arguments, error)) return std::nullopt;
-    if (database.changes() == 0) return errSecDuplicateItem;
-    if (result && (query.returnData || query.returnAttributes)) *result = resultFor(item, query);
-    return errSecSuccess;
-  });
+  StoredItem item = newItem(query, groups.front(), query.data.value_or(Data()));
+  return Keychain::shared().run(
+      [&](SQLiteDatabase& database, ErrorPtr* error) -> std::optional<OSStatus> {
+        if (!insertItem(database, item, error)) return std::nullopt;
+        if (database.changes() == 0) return errSecDuplicateItem;
+        if (result && (query.returnData || query.returnAttributes))
+          *result = resultFor(item, query);
+        return errSecSuccess;
+      });
 }
 
 OSStatus SecItemUpdate(const Value& dictionary, const Value& attributesToUpdate) {
@@ -508,6 +556,43 @@ OSStatus SecItemDelete(const Value& dictionary) {
         if (!database.execute(sql, arguments, error)) return std::nullopt;
         return database.changes() == 0 ? errSecItemNotFound : errSecSuccess;
       });
+}
+
+OSStatus keychainUpdateItem(const Value& dictionary, const KeychainItemChange& change,
+                            ErrorPtr* reason) {
+  ItemQuery query;
+  std::vector<std::string> groups;
+  OSStatus status = prepare(dictionary, Operation::Update, &query, &groups);
+  if (status != errSecSuccess) return status;
+  return Keychain::shared().run(
+      [&](SQLiteDatabase& database, ErrorPtr* error) -> std::optional<OSStatus> {
+        OSStatus result = errSecSuccess;
+        bool done = database.transaction(
+            [&](ErrorPtr* failure) {
+              auto items = findItems(database, query, groups, failure);
+              if (!items) return false;
+              std::optional<Data> current;
+              if (!items->empty()) current = items->front().data;
+              std::optional<Data> next = change(current);
+              if (!next) return true;
+              if (!items->empty()) return replaceData(database, items->front(), *next, failure);
+              if (!insertItem(database, newItem(query, groups.front(), *next), failure)) {
+                return false;
+              }
+              // Only an item the query cannot see (another accessibility) blocks the add.
+              if (database.changes() == 0) result = errSecDuplicateItem;
+              return true;
+            },
+            error);
+        if (!done) return std::nullopt;
+        return result;
+      },
+      reason);
+}
+
+OSStatus keychainSetItemData(const Value& query, const Data& data, ErrorPtr* reason) {
+  return keychainUpdateItem(
+      query, [&data](const std::optional<Data>&) { return std::optional<Data>(data); }, reason);
 }
 
 }  // namespace pnx

@@ -15,8 +15,11 @@
 // wrong type, with an attribute the operation does not take, or of a class other than
 // generic password. errSecInteractionNotAllowed: the keychain cannot be used right now
 // (the database cannot be opened or read, is not a database, or the disk fails), the
-// state a locked device reports. Lock conflicts with other processes are waited out and
-// retried; they never reach a caller.
+// state a locked device reports, and also a database whose schema is newer than this
+// program's, a keychain.db that is a symbolic link, and a device directory that group or
+// others can write. Failures are logged to the system log with SQLite's reason. Lock
+// conflicts with other processes are waited out for up to a few seconds in total (without
+// holding any lock other threads need) and retried; only then are they a failure.
 //
 // Access groups come from the main bundle's entitlements: the "keychain-access-groups"
 // array of <bundle>/Entitlements.plist (XML or binary), or, without that, the bundle's
@@ -33,10 +36,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/foundation/error.h"
 #include "platform/foundation/value.h"
 #include "platform/security/os_status.h"
 
@@ -80,6 +85,29 @@ OSStatus SecItemAdd(const Value& attributes, Value* result = nullptr);
 OSStatus SecItemUpdate(const Value& query, const Value& attributesToUpdate);
 // Deletes every matching item.
 OSStatus SecItemDelete(const Value& query);
+
+// Beyond the platform's four operations: what the kit's own store needs to write an item
+// safely while other processes write it too.
+
+// Given an item's current data (nullopt when there is none), its new data, or nullopt to
+// leave the item as it is.
+using KeychainItemChange = std::function<std::optional<Data>(const std::optional<Data>& current)>;
+
+// Read-modify-write of one item in one write transaction of the keychain database: reads
+// the data of the item the query matches, hands it to change, and stores what change
+// returns, updating that item or adding a new one as SecItemAdd would (the query's
+// attributes, the first entitled group when it names none). Threads and processes changing
+// the same item take turns, so every change applies to the result of the one before: none
+// is lost, and two first writes never collide. errSecDuplicateItem only when an item of the
+// same name and group exists with another accessibility, which the query cannot see.
+// change may be called more than once (a lock conflict starts the transaction again) and
+// must not use the keychain itself. With errSecInteractionNotAllowed, *reason receives the
+// database's failure with SQLite's message.
+OSStatus keychainUpdateItem(const Value& query, const KeychainItemChange& change,
+                            ErrorPtr* reason = nullptr);
+// Stores data as the item's data, updating the item or adding it, in one transaction:
+// concurrent writers never fail, and the last one wins.
+OSStatus keychainSetItemData(const Value& query, const Data& data, ErrorPtr* reason = nullptr);
 
 // "errSecItemNotFound (-25300): the item cannot be found", for people reading a status.
 std::string keychainStatusDescription(OSStatus status);

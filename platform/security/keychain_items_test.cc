@@ -1,17 +1,23 @@
 #include "platform/security/keychain_items.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "platform/files/fixtures_test.h"
 #include "platform/security/sqlite.h"
+#include "platform/security/sqlite_io.h"
+#include "platform/system/system_log.h"
 
 namespace pnx {
 namespace {
@@ -34,6 +40,8 @@ Value query(const char* account,
   for (const auto& [key, value] : more) entries[Value(key)] = value;
   return Value(std::move(entries));
 }
+
+constexpr auto npos = std::string::npos;
 
 Data bytes(std::string_view text) {
   return Data(text.begin(), text.end());
@@ -240,6 +248,149 @@ TEST_F(KeychainItems, ConcurrentProcessesLoseNothing) {
     }
   }
   EXPECT_TRUE(readText("shared").ends_with("-" + std::to_string(kRounds - 1)));
+}
+
+// Keeps the system-log lines while it lives.
+struct SystemLogLines : LogSink {
+  void systemLog(LogType, std::string_view, std::string_view, std::string_view text) override {
+    std::lock_guard lock(mutex);
+    all += std::string(text) + "\n";
+  }
+  void console(std::string_view) override {}
+  bool contains(std::string_view text) {
+    std::lock_guard lock(mutex);
+    return all.find(text) != std::string::npos;
+  }
+  std::mutex mutex;
+  std::string all;
+};
+
+class KeychainFailures : public KeychainItems {
+ protected:
+  KeychainFailures() { SystemLog::setSink(log_); }
+  ~KeychainFailures() override {
+    SystemLog::setSink(nullptr);
+    SQLiteIO::setCurrent(nullptr);
+  }
+
+  // The reason a write failed for, "" when it succeeded.
+  static std::string failedWrite(const char* account, const char* text) {
+    ErrorPtr reason;
+    OSStatus status = keychainSetItemData(query(account), bytes(text), &reason);
+    if (status == errSecSuccess) return "";
+    EXPECT_EQ(status, errSecInteractionNotAllowed);
+    return reason ? reason->localizedDescription() : "<no reason>";
+  }
+
+  std::shared_ptr<SystemLogLines> log_ = std::make_shared<SystemLogLines>();
+};
+
+// Another connection holds the write lock: a writer waits without blocking readers on
+// other threads, gives up within a few seconds saying why, and gets through once the lock
+// is released while it waits.
+TEST_F(KeychainFailures, ABusyDatabaseIsWaitedOutBrieflyWithoutBlockingOtherThreads) {
+  using std::chrono::steady_clock;
+  ASSERT_EQ(failedWrite("a", "before"), "");
+  auto other = SQLiteDatabase::open(keychainDatabasePath());
+  ASSERT_TRUE(other && other->execute("BEGIN IMMEDIATE"));
+  auto start = steady_clock::now();
+  std::thread writer([] { EXPECT_NE(failedWrite("a", "x").find("database is locked"), npos); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_EQ(readText("a"), "before");
+  EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(1));
+  writer.join();
+  EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(6));
+  EXPECT_TRUE(log_->contains("database is locked"));
+
+  std::thread releaser([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    other->execute("COMMIT");
+  });
+  EXPECT_EQ(failedWrite("a", "after"), "");
+  releaser.join();
+}
+
+// A disk under the store that fails one way: writes fail, or the write lock is always
+// taken, or the commit's sync fails.
+class FailingDisk : public SQLiteIO {
+ public:
+  explicit FailingDisk(int code) : code_(code) {}
+  int write(const File& file, const void* bytes, int amount, std::int64_t offset) override {
+    bool fails = code_ == SQLITE_FULL || code_ == SQLITE_IOERR_WRITE;
+    return fails ? code_ : SQLiteIO::write(file, bytes, amount, offset);
+  }
+  int sync(const File& file, int flags) override {
+    return code_ == SQLITE_IOERR_FSYNC ? code_ : SQLiteIO::sync(file, flags);
+  }
+  int shmLock(const File& file, int offset, int count, int flags) override {
+    // Offset 0 is the write-ahead log's writer lock.
+    bool takesWriteLock =
+        offset == 0 && (flags & SQLITE_SHM_LOCK) && (flags & SQLITE_SHM_EXCLUSIVE);
+    return code_ == SQLITE_BUSY && takesWriteLock ? SQLITE_BUSY
+                                                  : SQLiteIO::shmLock(file, offset, count, flags);
+  }
+
+ private:
+  int code_;
+};
+
+// Each failed write is reported with SQLite's reason, leaves what was stored before it,
+// and the store works again once the fault clears.
+TEST_F(KeychainFailures, AFailedWriteLosesNothingStoredBefore) {
+  const std::pair<int, const char*> faults[] = {{SQLITE_FULL, "database or disk is full"},
+                                                {SQLITE_IOERR_WRITE, "disk I/O error"},
+                                                {SQLITE_BUSY, "database is locked"},
+                                                {SQLITE_IOERR_FSYNC, "disk I/O error"}};
+  ASSERT_EQ(failedWrite("kept", "v0"), "");
+  int round = 0;
+  for (const auto& [code, message] : faults) {
+    std::string before = "v" + std::to_string(round), after = "v" + std::to_string(++round);
+    SQLiteIO::setCurrent(std::make_shared<FailingDisk>(code));
+    EXPECT_NE(failedWrite("kept", "failed").find(message), npos) << code;
+    SQLiteIO::setCurrent(nullptr);
+    // A commit whose sync failed after all its frames reached the log may still count, as
+    // the disk decided; anything else stays as before.
+    std::string stored = readText("kept");
+    EXPECT_TRUE(stored == before || (code == SQLITE_IOERR_FSYNC && stored == "failed")) << code;
+    EXPECT_EQ(failedWrite("kept", after.c_str()), "") << code;
+    EXPECT_EQ(readText("kept"), after) << code;
+    EXPECT_TRUE(log_->contains(message)) << code;
+  }
+  // A first write that fails leaves no item behind.
+  SQLiteIO::setCurrent(std::make_shared<FailingDisk>(SQLITE_FULL));
+  EXPECT_NE(failedWrite("new", "failed"), "");
+  SQLiteIO::setCurrent(nullptr);
+  EXPECT_EQ(SecItemCopyMatching(query("new")), errSecItemNotFound);
+}
+
+// The store refuses what it cannot trust and leaves it as it is: keychain.db as a symbolic
+// link (also a dangling one), a device directory others can write, a newer schema.
+TEST_F(KeychainFailures, UntrustworthyFilesAreRefusedAndLeftAlone) {
+  std::string device = device_.deviceDirectory(), elsewhere = device_.root().file("other.db");
+  std::filesystem::create_directories(device);
+  ASSERT_EQ(symlink(elsewhere.c_str(), keychainDatabasePath().c_str()), 0);
+  EXPECT_NE(failedWrite("a", "x").find("symbolic link"), npos);
+  EXPECT_FALSE(std::filesystem::exists(elsewhere));
+  ASSERT_TRUE(SQLiteDatabase::open(elsewhere));
+  EXPECT_EQ(SecItemCopyMatching(query("a")), errSecInteractionNotAllowed);
+  std::filesystem::remove(keychainDatabasePath());
+
+  for (mode_t mode : {0777, 0720, 0702}) {
+    ASSERT_EQ(chmod(device.c_str(), mode), 0);
+    std::string reason = failedWrite("a", "x");
+    EXPECT_NE(reason.find(device + " can be written by group or others"), npos) << reason;
+  }
+  EXPECT_FALSE(std::filesystem::exists(keychainDatabasePath()));
+  ASSERT_EQ(chmod(device.c_str(), 0750), 0);
+
+  SQLiteDatabase::Options rollbackJournal;
+  rollbackJournal.writeAheadLog = false;
+  ASSERT_TRUE(SQLiteDatabase::open(keychainDatabasePath(), rollbackJournal)
+                  ->execute("CREATE TABLE future (x); PRAGMA user_version = 99;"));
+  std::string original = device_.root().read("device/keychain.db");
+  EXPECT_NE(failedWrite("a", "x").find("schema version 99"), npos);
+  EXPECT_EQ(device_.root().read("device/keychain.db"), original);
+  EXPECT_FALSE(std::filesystem::exists(keychainDatabasePath() + "-wal"));
 }
 
 }  // namespace

@@ -1,11 +1,9 @@
 #include "platform/security/sqlite.h"
 
-#include <fcntl.h>
 #include <sqlite3.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
+#include "platform/files/file_manager.h"
+#include "platform/security/sqlite_io.h"
 
 namespace pnx {
 
@@ -14,21 +12,33 @@ namespace {
 constexpr const char* kInMemoryPath = ":memory:";
 
 ErrorPtr makeError(int code, const std::string& what, const std::string& path,
-                   const std::string& detail) {
+                   const std::string& detail, const ErrorPtr& underlying = nullptr) {
   std::string description = what + " " + path + ": " + detail;
-  return Error::withDescription(SQLiteErrorDomain, code, description, path);
+  Dictionary info{{Value(NSLocalizedDescriptionKey), Value(description)},
+                  {Value(NSFilePathErrorKey), Value(path)}};
+  if (underlying) info[Value(NSUnderlyingErrorKey)] = Value(ObjectPtr(underlying));
+  return Error::make(SQLiteErrorDomain, code, Value(std::move(info)));
 }
 
-// Creates the file with the requested permissions before SQLite sees it, so that the
-// database (and the -wal and -shm files, which SQLite gives the same mode) is private
-// from the first byte. An existing file is left as it is.
-bool createPrivateFile(const std::string& path, mode_t mode, ErrorPtr* error) {
-  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, mode);
-  if (fd < 0) {
-    if (error) *error = makeError(SQLITE_CANTOPEN, "cannot create database", path, strerror(errno));
+// Opens the file, creating it with the requested permissions when missing, before SQLite
+// sees it: so the database (and the -wal and -shm files, which SQLite gives the same mode)
+// is private from the first byte, and a symbolic link in its place, even a dangling one,
+// is refused rather than followed. An existing file is left as it is.
+bool openPrivateFile(const std::string& path, mode_t mode, ErrorPtr* error) {
+  FileOpenOptions options;
+  options.create = true;
+  options.followSymbolicLinks = false;
+  options.permissions = mode;
+  ErrorPtr failure;
+  auto handle = FileManager::current().fileHandleForUpdating(path, options, &failure);
+  if (!handle) {
+    if (error) {
+      std::string reason = failure ? failure->localizedDescription() : "cannot be opened";
+      *error = makeError(SQLITE_CANTOPEN, "cannot open database", path, reason, failure);
+    }
     return false;
   }
-  ::close(fd);
+  handle->close();
   return true;
 }
 
@@ -66,24 +76,50 @@ bool bindValue(sqlite3_stmt* statement, int index, const Value& value) {
 
 std::unique_ptr<SQLiteDatabase> SQLiteDatabase::open(const std::string& path,
                                                      const Options& options, ErrorPtr* error) {
-  if (path != kInMemoryPath && !createPrivateFile(path, options.createMode, error)) return nullptr;
+  if (path != kInMemoryPath && !openPrivateFile(path, options.createMode, error)) return nullptr;
   sqlite3* db = nullptr;
   int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-  int rc = sqlite3_open_v2(path.c_str(), &db, flags, nullptr);
+  int rc = sqlite3_open_v2(path.c_str(), &db, flags, SQLiteIO::vfsName());
   if (rc != SQLITE_OK) {
-    if (error) *error = makeError(rc, "cannot open database", path, sqlite3_errstr(rc));
+    if (error) {
+      *error =
+          makeError(rc, "cannot open database", path, db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
+    }
     sqlite3_close_v2(db);
     return nullptr;
   }
   sqlite3_extended_result_codes(db, 1);
   sqlite3_busy_timeout(db, options.busyTimeoutMilliseconds);
   std::unique_ptr<SQLiteDatabase> database(new SQLiteDatabase(db, path));
-  // These statements read the file header, so a file that is not a database fails here.
+  // Reading the schema version reads the file header, so a file that is not a database
+  // fails here; it comes before the write-ahead log is switched on, which writes.
+  if (options.newestUserVersion && !database->checkUserVersion(*options.newestUserVersion, error)) {
+    return nullptr;
+  }
   std::string setup = options.writeAheadLog ? "PRAGMA journal_mode=WAL;" : "";
   setup += options.fullSync ? "PRAGMA synchronous=FULL;" : "PRAGMA synchronous=NORMAL;";
   setup += "PRAGMA schema_version;";
   if (!database->execute(setup, error)) return nullptr;
   return database;
+}
+
+bool SQLiteDatabase::checkUserVersion(std::int64_t newest, ErrorPtr* error) {
+  auto rows = query("PRAGMA user_version", {}, error);
+  if (!rows) return false;
+  ErrorPtr stepError;
+  if (!rows->next(&stepError)) {
+    if (error) *error = stepError;
+    return false;
+  }
+  std::int64_t version = rows->valueForColumnIndex(0).integerValue();
+  if (version <= newest) return true;
+  if (error) {
+    *error = makeError(SQLITE_CANTOPEN, "cannot open database", path_,
+                       "its schema version " + std::to_string(version) +
+                           " is newer than the newest this program knows (" +
+                           std::to_string(newest) + "); it is left untouched");
+  }
+  return false;
 }
 
 SQLiteDatabase::~SQLiteDatabase() {
@@ -159,7 +195,14 @@ bool SQLiteDatabase::transaction(const std::function<bool(ErrorPtr* error)>& bod
                                  ErrorPtr* error) {
   if (!execute("BEGIN IMMEDIATE", error)) return false;
   ErrorPtr failure;
-  if (body(&failure) && execute("COMMIT", &failure)) return true;
+  bool done = false;
+  try {
+    done = body(&failure) && execute("COMMIT", &failure);
+  } catch (...) {
+    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    throw;
+  }
+  if (done) return true;
   // The rollback's own failure (say, the transaction already ended) changes nothing.
   sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
   if (error) *error = failure;

@@ -1,6 +1,8 @@
 // A small layer over SQLite: a database connection opened the way the platform's stores
-// need it (write-ahead log, busy timeout, full sync, private file), prepared statements
-// bound from Values, and result sets that hand out rows as Values.
+// need it (write-ahead log, busy timeout, full sync, private file, never through a symbolic
+// link), prepared statements bound from Values, and result sets that hand out rows as
+// Values. Every connection does its file work through SQLiteIO (sqlite_io.h), where tests
+// can make the disk fail.
 //
 // Failures are values: an Error in SQLiteErrorDomain whose code is SQLite's extended
 // result code and whose description names the database file and what SQLite said.
@@ -35,7 +37,8 @@ class SQLiteResultSet;
 class SQLiteDatabase {
  public:
   struct Options {
-    // How long one statement waits for another connection's lock before giving up.
+    // How long one statement waits for another connection's lock before giving up. 0 hands
+    // SQLITE_BUSY straight back, for callers that wait out conflicts on their own terms.
     int busyTimeoutMilliseconds = 5000;
     // Write-ahead log: readers never block the writer, and a crash leaves a valid file.
     bool writeAheadLog = true;
@@ -43,10 +46,14 @@ class SQLiteDatabase {
     bool fullSync = true;
     // Permissions of a database file that open() creates (the log files follow them).
     mode_t createMode = 0600;
+    // The newest schema (PRAGMA user_version) the caller understands: a database with a
+    // newer one is refused before anything is written to it.
+    std::optional<std::int64_t> newestUserVersion;
   };
 
   // Opens (creating when missing) the database at path; ":memory:" opens a private
-  // in-memory database. nullptr and *error when it cannot be opened or is not a database.
+  // in-memory database. nullptr and *error when it cannot be opened, is not a database,
+  // is a symbolic link (also a dangling one), or has a newer schema than the options allow.
   static std::unique_ptr<SQLiteDatabase> open(const std::string& path, const Options& options,
                                               ErrorPtr* error = nullptr);
   static std::unique_ptr<SQLiteDatabase> open(const std::string& path, ErrorPtr* error = nullptr) {
@@ -67,8 +74,8 @@ class SQLiteDatabase {
                                        ErrorPtr* error = nullptr);
 
   // Runs body inside BEGIN IMMEDIATE ... COMMIT (taking the write lock up front, so the
-  // transaction never fails half-way on a lock upgrade). Rolls back when body returns false
-  // or the commit fails.
+  // transaction never fails half-way on a lock upgrade). Rolls back when body returns false,
+  // throws (the exception then passes on) or the commit fails.
   bool transaction(const std::function<bool(ErrorPtr* error)>& body, ErrorPtr* error = nullptr);
 
   std::int64_t lastInsertRowId() const;
@@ -86,6 +93,7 @@ class SQLiteDatabase {
  private:
   SQLiteDatabase(sqlite3* db, std::string path) : db_(db), path_(std::move(path)) {}
   ErrorPtr lastError(int code, const std::string& what) const;
+  bool checkUserVersion(std::int64_t newest, ErrorPtr* error);
   sqlite3_stmt* prepareStatement(const std::string& sql, const std::vector<Value>& arguments,
                                  ErrorPtr* error);
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include "platform/files/fixtures_test.h"
 
 namespace pnx {
@@ -52,6 +54,23 @@ TEST(SQLite, FailuresAreErrorsAndTransactionsRollBack) {
   auto rows = database->query("SELECT count(*) AS n FROM t");
   ASSERT_TRUE(rows && rows->next());
   EXPECT_EQ(rows->valueForColumn("n"), Value(0));
+}
+
+TEST(SQLite, AnExceptionInATransactionRollsItBackAndFreesTheLock) {
+  testing::TempDir directory;
+  auto database = SQLiteDatabase::open(directory.file("t.db"));
+  ASSERT_TRUE(database && database->execute("CREATE TABLE t (v INTEGER)"));
+  EXPECT_THROW(database->transaction([&](ErrorPtr* failure) -> bool {
+    database->execute("INSERT INTO t VALUES (1)", {}, failure);
+    throw std::runtime_error("change failed");
+  }),
+               std::runtime_error);
+  auto other = SQLiteDatabase::open(directory.file("t.db"));
+  ASSERT_TRUE(other);
+  EXPECT_TRUE(other->execute("INSERT INTO t VALUES (2)"));
+  auto rows = database->query("SELECT group_concat(v) AS v FROM t");
+  ASSERT_TRUE(rows && rows->next());
+  EXPECT_EQ(rows->valueForColumn("v"), Value("2"));
 }
 
 }  // namespace

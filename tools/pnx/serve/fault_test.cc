@@ -1,0 +1,114 @@
+// Fault specifications of pnx serve and how a plan of several faults is used up.
+
+#include "tools/pnx/serve/fault.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace pnx::serve {
+namespace {
+
+TEST(ServeFault, ParsesEveryPart) {
+  auto fault = parseFault(" status=429 , retry-after=30,delay=0.25,times=2 ");
+  ASSERT_TRUE(fault);
+  EXPECT_EQ(fault->status, 429);
+  EXPECT_EQ(fault->retryAfter, "30");
+  EXPECT_DOUBLE_EQ(fault->delaySeconds, 0.25);
+  EXPECT_EQ(fault->times, 2u);
+  EXPECT_FALSE(fault->drop);
+  EXPECT_EQ(fault->spec, "status=429 , retry-after=30,delay=0.25,times=2");
+
+  auto drop = parseFault("drop");
+  ASSERT_TRUE(drop);
+  EXPECT_TRUE(drop->drop);
+  EXPECT_EQ(drop->status, std::nullopt);
+  EXPECT_EQ(drop->times, std::nullopt);
+  EXPECT_TRUE(parseFault("status=503,drop,times=1"));
+  EXPECT_TRUE(parseFault("delay=2"));  // delays, then answers normally
+}
+
+TEST(ServeFault, RefusesBadSpecificationsWithAReason) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"", "empty"},
+      {"status=abc", "status must be"},
+      {"status=99", "status must be"},
+      {"status=600", "status must be"},
+      {"status=", "status must be"},
+      {"status", "needs a value"},
+      {"status=500,status=501", "given twice"},
+      {"status=500,times=0", "times must be"},
+      {"status=500,times=-1", "times must be"},
+      {"status=500,delay=-1", "delay must be"},
+      {"status=500,delay=nan", "delay must be"},
+      {"status=500,delay=601", "delay must be"},
+      {"status=500,,times=1", "empty part"},
+      {"drop=yes", "takes no value"},
+      {"times=2", "needs status"},
+      {"retry-after=5", "needs status"},
+      {"delay=1,retry-after=5", "no status"},
+      {"drop,retry-after=5", "retry-after"},
+      {"status=500,colour=red", "unknown fault part \"colour\""},
+      {"status=429,retry-after=1\r\nX: y", "control characters"},
+  };
+  for (const auto& [spec, mentions] : cases) {
+    std::string error;
+    EXPECT_EQ(parseFault(spec, &error), std::nullopt) << spec;
+    EXPECT_NE(error.find(mentions), std::string::npos) << spec << " -> " << error;
+    EXPECT_EQ(error.find('\n'), std::string::npos) << spec;
+  }
+}
+
+TEST(ServeFault, ListsComeAsJSONArraysOfStrings) {
+  auto faults = parseFaultList(R"(["status=500,times=1", "drop"])");
+  ASSERT_TRUE(faults);
+  ASSERT_EQ(faults->size(), 2u);
+  EXPECT_TRUE((*faults)[1].drop);
+  EXPECT_TRUE(parseFaultList("[]"));
+
+  std::string error;
+  EXPECT_FALSE(parseFaultList("status=500", &error));
+  EXPECT_NE(error.find("not JSON"), std::string::npos) << error;
+  EXPECT_FALSE(parseFaultList(R"({"fault": "status=500"})", &error));
+  EXPECT_NE(error.find("array"), std::string::npos) << error;
+  EXPECT_FALSE(parseFaultList(R"(["status=500", 5])", &error));
+  EXPECT_NE(error.find("fault 1 is not a string"), std::string::npos) << error;
+  EXPECT_FALSE(parseFaultList(R"(["status=500", "status=1"])", &error));
+  EXPECT_NE(error.find("status must be"), std::string::npos) << error;
+}
+
+TEST(ServeFault, PlanTakesTheFirstFaultWithUsesLeft) {
+  FaultPlan plan;
+  plan.replace({*parseFault("status=500,times=1"), *parseFault("status=429,times=2")});
+  EXPECT_EQ(plan.next()->status, 500);
+  EXPECT_EQ(plan.next()->status, 429);
+  EXPECT_EQ(plan.describe(),
+            pnx::Value(pnx::Array{
+                pnx::Value::dict({{"fault", "status=500,times=1"}, {"remaining", 0}}),
+                pnx::Value::dict({{"fault", "status=429,times=2"}, {"remaining", 1}}),
+            }));
+  EXPECT_EQ(plan.next()->status, 429);
+  EXPECT_EQ(plan.next(), std::nullopt);  // all used up: answers are normal again
+
+  plan.replace({*parseFault("status=503"), *parseFault("status=500")});
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(plan.next()->status, 503);  // no times: for ever
+  plan.replace({});
+  EXPECT_EQ(plan.next(), std::nullopt);
+}
+
+TEST(ServeFault, PlanHandsOutEachUseOnceAcrossThreads) {
+  FaultPlan plan;
+  plan.replace({*parseFault("status=500,times=1000")});
+  std::atomic<int> taken = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      while (plan.next()) ++taken;
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(taken, 1000);
+}
+
+}  // namespace
+}  // namespace pnx::serve

@@ -1,0 +1,87 @@
+// Routing decisions of pnx serve, and the media names it lets through to the file system.
+
+#include "tools/pnx/serve/routing.h"
+
+#include <gtest/gtest.h>
+
+namespace pnx::serve {
+namespace {
+
+TEST(ServeRouting, EndpointsAndMethods) {
+  Route delivery = routeRequest("POST", "/3.0/apps/ap12345678/delivery?x=1");
+  EXPECT_EQ(delivery.endpoint, Endpoint::Delivery);
+  EXPECT_TRUE(delivery.methodAllowed);
+  EXPECT_EQ(delivery.appKey, "ap12345678");
+  EXPECT_EQ(routeRequest("POST", "/3.0/apps/a%20b/delivery").appKey, "a b");
+
+  Route wrongMethod = routeRequest("GET", "/3.0/apps/key/delivery");
+  EXPECT_EQ(wrongMethod.endpoint, Endpoint::Delivery);
+  EXPECT_FALSE(wrongMethod.methodAllowed);
+  EXPECT_EQ(wrongMethod.allow, "POST");
+
+  EXPECT_TRUE(routeRequest("GET", "/_pnx/reports").methodAllowed);
+  EXPECT_FALSE(routeRequest("POST", "/_pnx/reports").methodAllowed);
+  EXPECT_TRUE(routeRequest("POST", "/_pnx/faults").methodAllowed);
+  EXPECT_FALSE(routeRequest("DELETE", "/_pnx/faults").methodAllowed);
+  EXPECT_EQ(routeRequest("HEAD", "/media/a.png").endpoint, Endpoint::Media);
+
+  for (const char* target :
+       {"/", "", "*", "/3.0/apps//delivery", "/3.0/apps/key/delivery/", "/3.0/apps/key",
+        "/3.0/apps/a/b/delivery", "http://host/3.0/apps/k/delivery", "/3.0/apps/k/delivery%",
+        "/_pnx/reports/", "/_pnx", "/mediax/a.png"}) {
+    EXPECT_EQ(routeRequest("POST", target).endpoint, Endpoint::Unknown) << target;
+  }
+}
+
+TEST(ServeRouting, EncodedSlashStaysInsideItsSegment) {
+  // "%2F" decodes after splitting: the key holds a slash instead of making a new segment.
+  Route route = routeRequest("POST", "/3.0/apps/a%2Fb/delivery");
+  EXPECT_EQ(route.endpoint, Endpoint::Delivery);
+  EXPECT_EQ(route.appKey, "a/b");
+}
+
+TEST(ServeRouting, MediaNamesThatCouldLeaveTheDirectoryAreRefused) {
+  EXPECT_EQ(safeMediaPath("a.png"), "a.png");
+  EXPECT_EQ(safeMediaPath("sub/a%20b.png"), "sub/a b.png");
+  EXPECT_EQ(safeMediaPath("%252e%252e"), "%2e%2e");  // decoded once: a plain name
+  for (const char* name : {"", "..", ".", "../etc/passwd", "a/../../b", "%2e%2e", "%2E%2e/x",
+                           "..%2Fetc%2Fpasswd", "a%2F..%2F..%2Fb", "%2Fetc%2Fpasswd", "/etc/passwd",
+                           "a//b", "a/", "a%00.png", "a%zz", "a%2"}) {
+    EXPECT_EQ(safeMediaPath(name), std::nullopt) << name;
+  }
+  Route refused = routeRequest("GET", "/media/..%2F..%2Fetc%2Fpasswd");
+  EXPECT_EQ(refused.endpoint, Endpoint::Media);
+  EXPECT_TRUE(refused.mediaName.empty());
+}
+
+TEST(ServeRouting, MediaContentTypes) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"a.png", "image/png"},
+      {"a.JPG", "image/jpeg"},
+      {"a.jpeg", "image/jpeg"},
+      {"a.gif", "image/gif"},
+      {"a.mp3", "audio/mpeg"},
+      {"a.wav", "audio/x-wav"},
+      {"a.aiff", "audio/aiff"},
+      {"a.aif", "audio/aiff"},
+      {"a.m4a", "audio/mp4"},
+      {"a.mp4", "video/mp4"},
+      {"a.mpeg", "video/mpeg"},
+      {"a.mpg", "video/mpeg"},
+      {"a.avi", "video/x-msvideo"},
+      {"a.txt", "application/octet-stream"},
+      {"png", "application/octet-stream"},
+      {"d.png/file", "application/octet-stream"},
+  };
+  for (const auto& [name, type] : cases) EXPECT_EQ(mediaContentType(name), type) << name;
+}
+
+TEST(ServeRouting, HeadersAreFoundInAnyCase) {
+  const HeaderList headers = {{"content-TYPE", "a"}, {"Content-Type", "b"}};
+  ASSERT_NE(findHeader(headers, "Content-Type"), nullptr);
+  EXPECT_EQ(*findHeader(headers, "Content-Type"), "a");
+  EXPECT_EQ(findHeader(headers, "Content-Encoding"), nullptr);
+}
+
+}  // namespace
+}  // namespace pnx::serve
