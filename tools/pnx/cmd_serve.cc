@@ -350,7 +350,7 @@ class Backend {
       refuse(request, response, 404, "no media file \"" + route.mediaName + "\"");
       return;
     }
-    response.status = 200;
+    // The status is left to the library: 200, or 206 when the request asked for a range.
     response.set_content_provider(
         file->size(), std::string(mediaContentType(route.mediaName)),
         [file](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
@@ -360,7 +360,7 @@ class Backend {
           if (count <= 0) return false;  // the file shrank or failed: end the connection
           return sink.write(buffer.data(), static_cast<std::size_t>(count));
         });
-    printRequestLine(request, 200);
+    printRequestLine(request, request.ranges.empty() ? 200 : 206);
   }
 
   void refuse(const httplib::Request& request, httplib::Response& response, int status,

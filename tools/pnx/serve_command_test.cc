@@ -339,6 +339,10 @@ TEST(ServeCommand, ServesMediaWithTypesAndLengthAndNothingOutside) {
   ASSERT_TRUE(big);
   EXPECT_EQ(big->get_header_value("Content-Length"), std::to_string(large.size()));
   EXPECT_TRUE(big->body == large);
+  auto part = client.Get("/media/large.mp4", {{"Range", "bytes=10-19"}});
+  ASSERT_TRUE(part);
+  EXPECT_EQ(part->status, 206);
+  EXPECT_EQ(part->body, large.substr(10, 10));
 
   for (const char* path :
        {"/media/link.png", "/media/../secret.txt", "/media/..%2Fsecret.txt",
