@@ -50,9 +50,9 @@ bool retryGateOpen(const Value& storedRetryAfter, Date now) {
 std::optional<Date> retryAfterDateForError(const ErrorPtr& error, Date now) {
   if (!error) return std::nullopt;
   const Value& userInfo = error->userInfo();
-  const Value& status = userInfo[PNXStatusCodeKey];
+  const Value& status = userInfo[kStatusCodeKey];
   if (status.isNull() || status.integerValue() != 429) return std::nullopt;
-  const Value& retryAfter = userInfo[PNXRetryAfterKey];
+  const Value& retryAfter = userInfo[kRetryAfterKey];
   std::int64_t seconds =
       retryAfter.isNull() ? kDefaultRetryAfterSeconds : retryAfter.integerValue();
   return now.addingTimeInterval(static_cast<double>(seconds));

@@ -23,7 +23,7 @@ void logResponse(long status, const pnx::HTTPURLResponse& response,
   std::string url = response.url() ? response.url()->absoluteString() : std::string("(null)");
   if (!data) {
     PNXLogVerbose("%ld Response From: %@\nNo data returned", status, url);
-  } else if (isValidUTF8(data->data(), data->size())) {
+  } else if (pnx::isValidUTF8(data->data(), data->size())) {
     PNXLogVerbose("%ld Response From: %@\n%@", status, url,
                   std::string(data->begin(), data->end()));
   } else {

@@ -108,6 +108,6 @@ class PNXPushDeliveryMananger : public std::enable_shared_from_this<PNXPushDeliv
   Abandoned findAbandoned();
   void finishSend(const std::string& sendId, const pnx::Set& queue, const pnx::ErrorPtr& error);
 
-  PNXAtomicProperty<std::shared_ptr<PNXPushDeliveryClient>> client_;
-  PNXAtomicProperty<std::shared_ptr<PNXKeychain>> keychain_;
+  pnx::AtomicProperty<std::shared_ptr<PNXPushDeliveryClient>> client_;
+  pnx::AtomicProperty<std::shared_ptr<PNXKeychain>> keychain_;
 };

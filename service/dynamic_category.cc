@@ -62,6 +62,15 @@ std::int64_t DynamicCategory::actionOptions(const Value& action) {
 std::optional<DynamicAction> DynamicCategory::action(const Value& action, ErrorPtr* error) {
   DynamicAction result;
   result.options = actionOptions(action);
+  // The platform's serialiser writes only arrays and dictionaries at the top.
+  if (!action.isDictionary() && !action.isArray()) {
+    if (error) {
+      *error = Error::withDescription(NSCocoaErrorDomain, NSPropertyListWriteInvalidError,
+                                      "Invalid top-level type in JSON write (" +
+                                          action.className() + ")");
+    }
+    return std::nullopt;
+  }
   auto json = JSON::serialize(action, error);
   if (!json) return std::nullopt;
   result.identifier = std::move(*json);

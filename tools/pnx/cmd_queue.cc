@@ -8,6 +8,8 @@
 #include "tools/pnx/command.h"
 #include "tools/pnx/delivery_json.h"
 
+using namespace pnx;  // the host helpers moved into namespace pnx
+
 namespace {
 
 int runQueue() {

@@ -14,6 +14,8 @@
 #include "delivery/push_delivery_manager.h"
 #include "tools/pnx/command.h"
 
+using namespace pnx;  // the host helpers moved into namespace pnx
+
 namespace {
 
 struct ReportOptions {

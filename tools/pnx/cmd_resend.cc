@@ -12,6 +12,8 @@
 #include "tools/pnx/command.h"
 #include "tools/pnx/delivery_json.h"
 
+using namespace pnx;  // the host helpers moved into namespace pnx
+
 namespace {
 
 // Longer than the request's own 60-second time-out, so that the request always ends first.

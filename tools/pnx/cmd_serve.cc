@@ -40,6 +40,8 @@
 #include "tools/pnx/serve/media_file.h"
 #include "tools/pnx/serve/routing.h"
 
+using namespace pnx;  // the host helpers moved into namespace pnx
+
 namespace {
 
 using namespace pnx::serve;
