@@ -1,0 +1,131 @@
+// Categories and actions as values: what makes two of them equal in a set, their JSON
+// shape and its refusals, and the description text.
+
+#include "platform/notifications/notification_category.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/foundation/json.h"
+
+namespace pnx {
+namespace {
+
+NotificationCategoryPtr chat(
+    std::vector<NotificationActionPtr> actions,
+    NotificationCategoryOptions options = NotificationCategoryOptionCustomDismissAction) {
+  return NotificationCategory::make("chat", std::move(actions), {}, options);
+}
+
+TEST(NotificationCategory, EqualCategoriesCollapseInASetAndAnyDifferenceKeepsBoth) {
+  auto open = [] { return NotificationAction::make("open", "Open", 4); };
+  auto reply = [](std::optional<std::string> placeholder) {
+    return TextInputNotificationAction::make("reply", "Reply", 0, "Send", std::move(placeholder));
+  };
+  NotificationCategorySet set;
+  set.insert(chat({open(), reply("Message")}));
+  set.insert(chat({open(), reply("Message")}));
+  EXPECT_EQ(set.size(), 1u);
+
+  // Each of these differs from the first in one field.
+  set.insert(chat({reply("Message"), open()}));     // action order
+  set.insert(chat({open(), reply(std::nullopt)}));  // no placeholder
+  set.insert(chat({open(), reply("")}));            // an empty placeholder
+  set.insert(chat({open(), NotificationAction::make("reply", "Reply", 0)}));  // plain action
+  set.insert(chat({open(), reply("Message")}, NotificationCategoryOptionNone));
+  set.insert(NotificationCategory::make("chat", {open(), reply("Message")}, {"INSendMessageIntent"},
+                                        NotificationCategoryOptionCustomDismissAction));
+  EXPECT_EQ(set.size(), 7u);
+
+  // A plain action never equals a text-input one, whichever side asks.
+  auto plain = NotificationAction::make("reply", "Reply", 0);
+  EXPECT_FALSE(plain->isEqual(*reply(std::nullopt)));
+  EXPECT_FALSE(reply(std::nullopt)->isEqual(*plain));
+}
+
+TEST(NotificationCategory, RoundTripsThroughItsJSONShape) {
+  auto category = NotificationCategory::make(
+      "chat",
+      {NotificationAction::make("{\"name\":\"Open\"}", "Open", NotificationActionOptionForeground),
+       TextInputNotificationAction::make(
+           "reply", "Reply",
+           NotificationActionOptionDestructive | NotificationActionOptionAuthenticationRequired,
+           "Send", std::nullopt)},
+      {"intent"}, NotificationCategoryOptionCustomDismissAction);
+  Value expected = JSON::parse(R"({"identifier": "chat", "options": 1,
+      "intentIdentifiers": ["intent"], "actions": [
+        {"identifier": "{\"name\":\"Open\"}", "title": "Open", "options": 4},
+        {"identifier": "reply", "title": "Reply", "options": 3,
+         "textInput": {"buttonTitle": "Send", "placeholder": null}}]})")
+                       .value();
+  EXPECT_EQ(category->jsonObject(), expected);
+
+  auto text = JSON::serialize(category->jsonObject()).value();
+  auto back = NotificationCategory::fromJSONObject(JSON::parse(text).value());
+  ASSERT_TRUE(back);
+  EXPECT_TRUE(back->isEqual(*category));
+  EXPECT_EQ(back->hash(), category->hash());
+}
+
+TEST(NotificationCategory, RefusesAStoredShapeItCannotReadNamingWhatIsWrong) {
+  const std::pair<const char*, const char*> cases[] = {
+      {R"([])", "category is not a dictionary"},
+      {R"({"options": 1, "intentIdentifiers": [], "actions": []})", "\"identifier\""},
+      {R"({"identifier": "c", "options": -1, "intentIdentifiers": [], "actions": []})",
+       "\"options\""},
+      {R"({"identifier": "c", "options": 0, "actions": []})", "\"intentIdentifiers\""},
+      {R"({"identifier": "c", "options": 0, "intentIdentifiers": [7], "actions": []})",
+       "intent identifier"},
+      {R"({"identifier": "c", "options": 0, "intentIdentifiers": [],
+           "actions": [{"identifier": "a", "options": 0}]})",
+       "action has no string \"title\""},
+      {R"({"identifier": "c", "options": 0, "intentIdentifiers": [],
+           "actions": [{"identifier": "a", "title": "A", "options": 0, "textInput": 1}]})",
+       "\"textInput\""},
+      {R"({"identifier": "c", "options": 0, "intentIdentifiers": [],
+           "actions": [{"identifier": "a", "title": "A", "options": 0,
+                        "textInput": {"buttonTitle": "B", "placeholder": 2}}]})",
+       "\"placeholder\""},
+  };
+  for (const auto& [json, described] : cases) {
+    ErrorPtr error;
+    EXPECT_FALSE(NotificationCategory::fromJSONObject(JSON::parse(json).value(), &error)) << json;
+    ASSERT_TRUE(error) << json;
+    EXPECT_NE(error->localizedDescription().find(described), std::string::npos)
+        << error->localizedDescription();
+  }
+}
+
+TEST(NotificationCategory, DescribesItselfInThePlatformsStyle) {
+  auto category = NotificationCategory::make(
+      "chat",
+      {NotificationAction::make(
+           "ok", "O\"K", NotificationActionOptionForeground | NotificationActionOptionDestructive),
+       TextInputNotificationAction::make("reply", "Reply", 0, "Send", std::nullopt)},
+      {}, NotificationCategoryOptionCustomDismissAction | 64);
+  EXPECT_EQ(category->description(),
+            "<UNNotificationCategory: identifier: \"chat\", actions: ("
+            "<UNNotificationAction: identifier: \"ok\", title: \"O\\\"K\", options: "
+            "[destructive, foreground]>, "
+            "<UNTextInputNotificationAction: identifier: \"reply\", title: \"Reply\", options: [], "
+            "textInputButtonTitle: \"Send\", textInputPlaceholder: (null)>), "
+            "intentIdentifiers: (), options: [customDismissAction, 64]>");
+  // In a Value, as "%@" would print it.
+  EXPECT_EQ(Value(ObjectPtr(category)).description(), category->description());
+}
+
+TEST(NotificationCategory, ComparesSetsByValueAndSortsThemByIdentifier) {
+  auto a = [] { return NotificationCategory::make("a", {}, {}, 1); };
+  EXPECT_TRUE(equalCategorySets({a()}, {a()}));
+  EXPECT_FALSE(equalCategorySets({a()}, {NotificationCategory::make("a", {}, {}, 0)}));
+  EXPECT_FALSE(equalCategorySets({a()}, {}));
+
+  NotificationCategorySet set{NotificationCategory::make("b", {}, {}, 0),
+                              NotificationCategory::make("a", {}, {}, 1),
+                              NotificationCategory::make("c", {}, {}, 0)};
+  std::vector<std::string> order;
+  for (const auto& category : sortedCategories(set)) order.push_back(category->identifier());
+  EXPECT_EQ(order, (std::vector<std::string>{"a", "b", "c"}));
+}
+
+}  // namespace
+}  // namespace pnx

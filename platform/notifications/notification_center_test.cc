@@ -1,0 +1,251 @@
+// The notification center: categories kept in the device's database and seen by every
+// connection to it, delivered on the center's own queue, replaced whole; the app id of an
+// extension; and the display step that moves attachment files into the store.
+
+#include "platform/notifications/notification_center.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <future>
+#include <thread>
+
+#include "platform/files/bundle.h"
+#include "platform/files/container.h"
+#include "platform/files/fixtures_test.h"
+#include "platform/foundation/json.h"
+#include "platform/security/sqlite.h"
+#include "platform/system/system_log.h"
+
+namespace pnx {
+namespace {
+
+const std::string kMedia = PNX_SOURCE_DIR "/examples/media/";
+
+NotificationCategoryPtr category(const std::string& identifier) {
+  return NotificationCategory::make(
+      identifier,
+      {NotificationAction::make("open", "Open", NotificationActionOptionForeground),
+       TextInputNotificationAction::make("reply", "Reply", 0, "Send", "Message")},
+      {}, NotificationCategoryOptionCustomDismissAction);
+}
+
+// What the center hands to a get, and the thread it was handed on.
+std::pair<NotificationCategorySet, std::thread::id> fetch(NotificationCenter& center) {
+  std::promise<std::pair<NotificationCategorySet, std::thread::id>> delivered;
+  center.getNotificationCategories([&delivered](NotificationCategorySet categories) {
+    delivered.set_value({std::move(categories), std::this_thread::get_id()});
+  });
+  return delivered.get_future().get();
+}
+
+mode_t permissions(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+  return status.st_mode & 0777;
+}
+
+TEST(NotificationCenter, DeliversTheSetLastRegisteredOnItsOwnQueueAndReplacesItWhole) {
+  testing::ScopedDevice device("com.example.chat");
+  auto center = NotificationCenter::currentNotificationCenter();
+  EXPECT_EQ(center->applicationIdentifier(), "com.example.chat");
+  EXPECT_EQ(center.get(), NotificationCenter::forApplication("com.example.chat").get());
+
+  auto [empty, thread] = fetch(*center);
+  EXPECT_TRUE(empty.empty());
+  EXPECT_NE(thread, std::this_thread::get_id());
+
+  center->setNotificationCategories({category("a"), category("b")});
+  center->setNotificationCategories({category("b"), category("c")});
+  // A get queued after the sets sees the last one, with no waiting in between.
+  auto [registered, ignored] = fetch(*center);
+  EXPECT_TRUE(equalCategorySets(registered, {category("b"), category("c")}));
+
+  const std::string directory = device.deviceDirectory() + "/notifications";
+  EXPECT_EQ(center->databasePath(), directory + "/com.example.chat.db");
+  EXPECT_EQ(permissions(directory), 0700u);
+  EXPECT_EQ(permissions(center->databasePath()), 0600u);
+}
+
+TEST(NotificationCenter, SeesWhatAnotherConnectionWroteAndWritesWhatItCanRead) {
+  testing::ScopedDevice device("com.example.chat");
+  auto center = NotificationCenter::currentNotificationCenter();
+  center->setNotificationCategories({category("mine")});
+  center->waitUntilIdle();
+
+  // Another process's connection reads the stored rows and replaces them.
+  auto other = SQLiteDatabase::open(center->databasePath());
+  ASSERT_TRUE(other);
+  auto rows = other->query("SELECT identifier, definition FROM categories");
+  ASSERT_TRUE(rows && rows->next());
+  EXPECT_EQ(rows->valueForColumnIndex(0), Value("mine"));
+  EXPECT_EQ(JSON::parse(*rows->valueForColumnIndex(1).asString()).value(),
+            category("mine")->jsonObject());
+  EXPECT_FALSE(rows->next());
+  rows.reset();
+  std::string theirs = JSON::serialize(category("theirs")->jsonObject()).value();
+  ASSERT_TRUE(other->execute("DELETE FROM categories"));
+  ASSERT_TRUE(other->execute("INSERT INTO categories VALUES (0, 'theirs', ?)", {Value(theirs)}));
+
+  EXPECT_TRUE(equalCategorySets(fetch(*center).first, {category("theirs")}));
+  EXPECT_TRUE(equalCategorySets(center->registeredCategories().value(), {category("theirs")}));
+
+  // A row no one can read: the synchronous read says so, a get delivers an empty set.
+  ASSERT_TRUE(other->execute("INSERT INTO categories VALUES (1, 'bad', '{\"identifier\": 1}')"));
+  ErrorPtr error;
+  EXPECT_FALSE(center->registeredCategories(&error));
+  ASSERT_TRUE(error);
+  EXPECT_NE(error->localizedDescription().find("\"identifier\""), std::string::npos);
+  EXPECT_TRUE(fetch(*center).first.empty());
+}
+
+TEST(NotificationCenter, CountsCallsInFlightUntilTheirHandlersReturn) {
+  testing::ScopedDevice device("com.example.chat");
+  auto center = NotificationCenter::currentNotificationCenter();
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  center->getNotificationCategories([&](NotificationCategorySet) {
+    released.wait();
+    // The chain of a service: register, then ask again, from inside the handler.
+    center->setNotificationCategories({category("chat")});
+    center->getNotificationCategories([](NotificationCategorySet) {});
+  });
+  center->setNotificationCategories({});
+  EXPECT_EQ(center->pendingCalls(), 2u);
+  release.set_value();
+  center->waitUntilIdle();  // the first get and the set behind it
+  center->waitUntilIdle();  // what the handler queued
+  EXPECT_EQ(center->pendingCalls(), 0u);
+  EXPECT_TRUE(equalCategorySets(center->registeredCategories().value(), {category("chat")}));
+}
+
+// Keeps the system log's lines for the test to read.
+class CapturingSink : public LogSink {
+ public:
+  void systemLog(LogType, std::string_view subsystem, std::string_view,
+                 std::string_view text) override {
+    std::lock_guard lock(mutex_);
+    lines_.push_back(std::string(subsystem) + ": " + std::string(text));
+  }
+  void console(std::string_view) override {}
+  std::vector<std::string> lines() {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+TEST(NotificationCenter, KeepsTheStoredSetWhenANewOneCannotBeStoredAndLogsWhy) {
+  testing::ScopedDevice device("com.example.chat");
+  auto sink = std::make_shared<CapturingSink>();
+  SystemLog::setSink(sink);
+  auto center = NotificationCenter::currentNotificationCenter();
+  center->setNotificationCategories({category("kept")});
+  // Text that is not UTF-8 cannot be written as JSON.
+  center->setNotificationCategories({category("kept"), category("bad\xff")});
+  center->waitUntilIdle();
+  SystemLog::setSink(nullptr);
+
+  EXPECT_TRUE(equalCategorySets(center->registeredCategories().value(), {category("kept")}));
+  ASSERT_EQ(sink->lines().size(), 1u);
+  EXPECT_NE(
+      sink->lines()[0].find(
+          "pnx.notifications: Cannot store the notification categories of com.example.chat: "),
+      std::string::npos)
+      << sink->lines()[0];
+  EXPECT_NE(sink->lines()[0].find("not UTF-8"), std::string::npos) << sink->lines()[0];
+}
+
+TEST(NotificationCenter, ReadsAnEmptyDeviceWithoutCreatingAnything) {
+  testing::ScopedDevice device("com.example.chat");
+  auto center = NotificationCenter::currentNotificationCenter();
+  EXPECT_TRUE(center->registeredCategories().value().empty());
+  EXPECT_FALSE(std::filesystem::exists(device.deviceDirectory() + "/notifications"));
+}
+
+TEST(NotificationCenter, GivesAnExtensionTheCenterOfItsApp) {
+  testing::ScopedDevice device;
+  auto infoPlist = [](const std::string& entries) {
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+           "<key>CFBundleIdentifier</key><string>com.example.chat.service</string>" +
+           entries + "</dict>\n</plist>\n";
+  };
+  device.writeBundleFile("Info.plist", infoPlist(""));
+  EXPECT_EQ(NotificationCenter::currentNotificationCenter()->applicationIdentifier(),
+            "com.example.chat.service");
+  device.writeBundleFile("Info.plist", infoPlist("<key>NSExtension</key><dict/>"));
+  EXPECT_EQ(NotificationCenter::currentNotificationCenter()->applicationIdentifier(),
+            "com.example.chat");
+  device.writeBundleFile("Info.plist",
+                         infoPlist("<key>CFBundlePackageType</key><string>XPC!</string>"));
+  EXPECT_EQ(NotificationCenter::currentNotificationCenter()->applicationIdentifier(),
+            "com.example.chat");
+
+  Bundle appex(device.root().path() + "/Service.appex");
+  EXPECT_TRUE(isApplicationExtension(appex));
+  EXPECT_EQ(notificationApplicationIdentifier(nullptr), "unknown.bundle");
+}
+
+TEST(NotificationCenter, DisplayMovesAttachmentsOutOfTheTemporaryDirectoryUnderFreeNames) {
+  testing::ScopedDevice device("com.example.chat");
+  auto center = NotificationCenter::currentNotificationCenter();
+  const std::string temporary = Container::temporaryDirectory();
+  auto attached = [&](const std::string& name) {
+    std::filesystem::copy_file(kMedia + "sample.png", temporary + "/" + name);
+    auto attachment = NotificationAttachment::attachmentWithIdentifier(
+        "ID-" + name, URL::fileURL(temporary + "/" + name), Value());
+    auto content = MutableNotificationContent::make();
+    content->setTitle("Hello");
+    content->setAttachments({attachment});
+    return content;
+  };
+
+  auto first = center->displayNotification(*attached("image.png"));
+  auto second = center->displayNotification(*attached("image.png"));
+  const std::string store =
+      device.deviceDirectory() + "/notifications/com.example.chat/attachments";
+  ASSERT_EQ(first->attachments().size(), 1u);
+  ASSERT_EQ(second->attachments().size(), 1u);
+  EXPECT_EQ(first->attachments()[0]->url().path(), store + "/image.png");
+  EXPECT_EQ(second->attachments()[0]->url().path(), store + "/image 2.png");
+  EXPECT_EQ(second->attachments()[0]->identifier(), "ID-image.png");
+  EXPECT_EQ(second->attachments()[0]->type(), "public.png");
+  EXPECT_EQ(second->title(), "Hello");
+  EXPECT_FALSE(std::filesystem::exists(temporary + "/image.png"));
+  EXPECT_TRUE(std::filesystem::exists(store + "/image 2.png"));
+  EXPECT_EQ(permissions(store), 0700u);
+
+  // A file kept elsewhere is copied, not taken away.
+  auto outside = MutableNotificationContent::make();
+  outside->setAttachments({NotificationAttachment::attachmentWithIdentifier(
+      "ID", URL::fileURL(kMedia + "sample.gif"), Value())});
+  auto shown = center->displayNotification(*outside);
+  EXPECT_EQ(shown->attachments()[0]->url().path(), store + "/sample.gif");
+  EXPECT_TRUE(std::filesystem::exists(kMedia + "sample.gif"));
+}
+
+TEST(NotificationCenter, DisplayLeavesOutAnAttachmentWhoseFileIsGoneAndSaysWhy) {
+  testing::ScopedDevice device("com.example.chat");
+  auto center = NotificationCenter::currentNotificationCenter();
+  const std::string temporary = Container::temporaryDirectory();
+  std::filesystem::copy_file(kMedia + "sample.wav", temporary + "/sound.wav");
+  auto content = MutableNotificationContent::make();
+  content->setAttachments({NotificationAttachment::attachmentWithIdentifier(
+      "ID", URL::fileURL(temporary + "/sound.wav"), Value())});
+  std::filesystem::remove(temporary + "/sound.wav");
+
+  ErrorPtr error;
+  auto shown = center->displayNotification(*content, &error);
+  EXPECT_TRUE(shown->attachments().empty());
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), UNErrorDomain);
+  EXPECT_EQ(error->code(), UNErrorCodeAttachmentMoveIntoDataStoreFailed);
+  EXPECT_NE(error->localizedDescription().find(temporary + "/sound.wav"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace pnx
