@@ -7,6 +7,8 @@
 #include "platform/notifications/notification_center.h"
 #include "tools/pnx/command.h"
 
+using namespace pnx;  // the host helpers moved into namespace pnx
+
 namespace {
 
 int runCategories(const PnxGlobals&) {
