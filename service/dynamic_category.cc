@@ -65,9 +65,9 @@ std::optional<DynamicAction> DynamicCategory::action(const Value& action, ErrorP
   // The platform's serialiser writes only arrays and dictionaries at the top.
   if (!action.isDictionary() && !action.isArray()) {
     if (error) {
-      *error = Error::withDescription(NSCocoaErrorDomain, NSPropertyListWriteInvalidError,
-                                      "Invalid top-level type in JSON write (" +
-                                          action.className() + ")");
+      *error = Error::withDescription(
+          NSCocoaErrorDomain, NSPropertyListWriteInvalidError,
+          "Invalid top-level type in JSON write (" + action.className() + ")");
     }
     return std::nullopt;
   }

@@ -28,8 +28,8 @@ TEST(DynamicCategory, IdentifierFromNameUuidOrWatch) {
   // Any value under "watch" counts, false and empty ones too; a "data" that is not a
   // dictionary never does.
   for (const char* watch : {R"("yes")", "false", R"("")", "null", "{}"}) {
-    auto payload = json(std::string(R"({"category-name": "promo", "data": {"watch": )") + watch +
-                        "}}");
+    auto payload =
+        json(std::string(R"({"category-name": "promo", "data": {"watch": )") + watch + "}}");
     EXPECT_EQ(DynamicCategory::identifier(payload, "w"), "w") << watch;
   }
   EXPECT_EQ(DynamicCategory::identifier(json(R"({"category-name": "p", "data": ["watch"]})"), "w"),
@@ -58,18 +58,17 @@ TEST(DynamicCategory, ActionOptions) {
     Value action = Value::dict({{"type", type}, {"destructive", true}, {"authentication", true}});
     EXPECT_EQ(DynamicCategory::actionOptions(action), kActionOptionForeground) << type;
   }
-  EXPECT_EQ(DynamicCategory::actionOptions(json(
-                R"({"type": "URL", "destructive": true})")),
+  EXPECT_EQ(DynamicCategory::actionOptions(json(R"({"type": "URL", "destructive": true})")),
             kActionOptionDestructive);  // case matters
-  EXPECT_EQ(DynamicCategory::actionOptions(json(
-                R"({"destructive": true, "authentication": true, "foreground": false})")),
+  EXPECT_EQ(DynamicCategory::actionOptions(
+                json(R"({"destructive": true, "authentication": true, "foreground": false})")),
             3);
   // Flags are read leniently, as the platform's boolean reading does.
-  EXPECT_EQ(DynamicCategory::actionOptions(json(
-                R"({"destructive": "Yes", "authentication": " +0001", "foreground": "no"})")),
+  EXPECT_EQ(DynamicCategory::actionOptions(
+                json(R"({"destructive": "Yes", "authentication": " +0001", "foreground": "no"})")),
             3);
-  EXPECT_EQ(DynamicCategory::actionOptions(json(
-                R"({"destructive": 0, "authentication": {}, "foreground": 2})")),
+  EXPECT_EQ(DynamicCategory::actionOptions(
+                json(R"({"destructive": 0, "authentication": {}, "foreground": 2})")),
             kActionOptionForeground);
   EXPECT_EQ(DynamicCategory::actionOptions(json("{}")), 0);
 }
@@ -89,14 +88,15 @@ TEST(DynamicCategory, ActionIdentifierCarriesTheWholeDictionary) {
 
 TEST(DynamicCategory, TextInputNeedsATitleInAValueDictionary) {
   auto both = DynamicCategory::action(
-      json(R"({"name": "Reply", "value": {"textEntryTitle": "Send", "textEntryPlaceholder": "Say"}})"),
+      json(
+          R"({"name": "Reply", "value": {"textEntryTitle": "Send", "textEntryPlaceholder": "Say"}})"),
       nullptr);
   ASSERT_TRUE(both);
   EXPECT_EQ(both->textInputButtonTitle, "Send");
   EXPECT_EQ(both->textInputPlaceholder, "Say");
 
-  auto titleOnly =
-      DynamicCategory::action(json(R"({"name": "R", "value": {"textEntryTitle": "Send"}})"), nullptr);
+  auto titleOnly = DynamicCategory::action(
+      json(R"({"name": "R", "value": {"textEntryTitle": "Send"}})"), nullptr);
   ASSERT_TRUE(titleOnly);
   EXPECT_EQ(titleOnly->textInputButtonTitle, "Send");
   EXPECT_FALSE(titleOnly->textInputPlaceholder);
@@ -131,9 +131,10 @@ TEST(DownloadFileName, LastPathComponentWithoutQueryOrFragment) {
 }
 
 TEST(DownloadFileName, NamesThatWouldLeaveTheDirectoryAreRefused) {
-  for (const char* text : {"https://cdn.example", "https://cdn.example/", "https://cdn.example/a/%2E%2E",
-                           "https://cdn.example/a/..%2Fetc", "https://cdn.example/a/x%2fy.png",
-                           "https://cdn.example/a/nul%00.png", "https://cdn.example/a/%2e"}) {
+  for (const char* text :
+       {"https://cdn.example", "https://cdn.example/", "https://cdn.example/a/%2E%2E",
+        "https://cdn.example/a/..%2Fetc", "https://cdn.example/a/x%2fy.png",
+        "https://cdn.example/a/nul%00.png", "https://cdn.example/a/%2e"}) {
     auto url = URL::parse(text);
     ASSERT_TRUE(url) << text;
     ErrorPtr error;

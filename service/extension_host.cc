@@ -86,12 +86,14 @@ NotificationRequestPtr ExtensionHost::requestFromPayload(std::string identifier,
 
 bool ExtensionHost::extensionWorkInFlight() {
   return WorkInFlight::count() != 0 || URLSession::outstandingTaskCount() != 0 ||
-         PNXPushDeliveryMananger::outstandingSends() != 0;
+         PNXPushDeliveryMananger::outstandingSends() != 0 ||
+         NotificationCenter::currentNotificationCenter()->pendingCalls() != 0;
 }
 
-ExtensionOutcome ExtensionHost::deliver(const NotificationRequestPtr& request,
-                                        const std::shared_ptr<NotificationServiceExtension>& extension,
-                                        const ExtensionRunOptions& options) {
+ExtensionOutcome ExtensionHost::deliver(
+    const NotificationRequestPtr& request,
+    const std::shared_ptr<NotificationServiceExtension>& extension,
+    const ExtensionRunOptions& options) {
   ExtensionOutcome outcome;
   auto center = NotificationCenter::currentNotificationCenter();
   if (!extension || !wantsExtension(request->content()->userInfo())) {
@@ -114,9 +116,8 @@ ExtensionOutcome ExtensionHost::deliver(const NotificationRequestPtr& request,
   };
   // The budget runs on the process Clock; this real-time bound only keeps a pinned clock
   // that nobody advances from holding the host for ever.
-  const auto safety =
-      Steady::now() + std::chrono::duration_cast<Steady::duration>(
-                          std::chrono::duration<double>(options.timeBudget + 600));
+  const auto safety = Steady::now() + std::chrono::duration_cast<Steady::duration>(
+                                          std::chrono::duration<double>(options.timeBudget + 600));
   runMainQueueUntil([&] { return finished() || state->budgetOver; }, safety);
   call.join();
   if (!finished()) {
@@ -129,9 +130,9 @@ ExtensionOutcome ExtensionHost::deliver(const NotificationRequestPtr& request,
     std::lock_guard lock(state->mutex);
     outcome.handBacks = state->handBacks;
   }
-  const NotificationContentPtr shown =
-      outcome.handBacks.empty() || !outcome.handBacks.front() ? request->content()
-                                                               : outcome.handBacks.front();
+  const NotificationContentPtr shown = outcome.handBacks.empty() || !outcome.handBacks.front()
+                                           ? request->content()
+                                           : outcome.handBacks.front();
   outcome.displayed = center->displayNotification(*shown, &outcome.displayError);
   return outcome;
 }

@@ -36,8 +36,8 @@ Value describe(const pnx::ErrorPtr& error) {
 
 pnx::NotificationActionPtr makeAction(const pnx::DynamicAction& action) {
   if (action.textInputButtonTitle) {
-    return pnx::TextInputNotificationAction::make(action.identifier, action.title,
-                                                  action.options, *action.textInputButtonTitle,
+    return pnx::TextInputNotificationAction::make(action.identifier, action.title, action.options,
+                                                  *action.textInputButtonTitle,
                                                   action.textInputPlaceholder);
   }
   return pnx::NotificationAction::make(action.identifier, action.title, action.options);
@@ -45,8 +45,8 @@ pnx::NotificationActionPtr makeAction(const pnx::DynamicAction& action) {
 
 }  // namespace
 
-void PNXNotificationService::didReceiveNotificationRequest(const pnx::NotificationRequestPtr& request,
-                                                           pnx::ContentHandler withContentHandler) {
+void PNXNotificationService::didReceiveNotificationRequest(
+    const pnx::NotificationRequestPtr& request, pnx::ContentHandler withContentHandler) {
   const Value received = request->content()->userInfo();
   PNXPushDeliveryMananger::sharedInstance()->sendPushDelivery(received);
   setContentHandler(std::move(withContentHandler));
@@ -120,8 +120,9 @@ void PNXNotificationService::deliverWithMediaAttachment(const Value& mediaAttach
   auto self = shared_from_this();
   pnx::DispatchQueue::main().async([self, url = *url, work = pnx::WorkInFlight::begin()] {
     consoleLog("PNXNotificationService: setting up download session: %@", url.description());
-    auto session = pnx::URLSession::make(pnx::URLSessionConfiguration::defaultSessionConfiguration(),
-                                         self, &pnx::DispatchQueue::main());
+    auto session =
+        pnx::URLSession::make(pnx::URLSessionConfiguration::defaultSessionConfiguration(), self,
+                              &pnx::DispatchQueue::main());
     session->downloadTask(url)->resume();
     consoleLog("PNXNotificationService: set up download session: %@", url.description());
   });

@@ -36,9 +36,10 @@
 #include "platform/notifications/notification_content.h"
 #include "service/notification_service_extension.h"
 
-class PNX_EXPORT PNXNotificationService : public pnx::NotificationServiceExtension,
-                                          public pnx::URLSessionDelegate,
-                                          public std::enable_shared_from_this<PNXNotificationService> {
+class PNX_EXPORT PNXNotificationService
+    : public pnx::NotificationServiceExtension,
+      public pnx::URLSessionDelegate,
+      public std::enable_shared_from_this<PNXNotificationService> {
  public:
   // The service must be owned by a shared_ptr: its callbacks keep it alive.
   static std::shared_ptr<PNXNotificationService> make() {
