@@ -43,6 +43,43 @@ pnx::NotificationActionPtr makeAction(const pnx::DynamicAction& action) {
   return pnx::NotificationAction::make(action.identifier, action.title, action.options);
 }
 
+// Step 11, in the center's callback: merges the payload's category into the registered set,
+// waits until the set has been taken in, then starts the media step.
+void registerCategory(const std::shared_ptr<PNXNotificationService>& self,
+                      const std::string& identifier, const Value& userInfo,
+                      const pnx::NotificationRequestPtr& request,
+                      pnx::NotificationCategorySet registered) {
+  // The last category of the same identifier is replaced; every other one stays.
+  pnx::NotificationCategoryPtr sameIdentifier;
+  for (const auto& category : registered) {
+    if (category && category->identifier() == identifier) sameIdentifier = category;
+  }
+  if (sameIdentifier) registered.erase(sameIdentifier);
+
+  std::vector<pnx::NotificationActionPtr> actions;
+  for (const Value& description : *userInfo["category-actions"].asArray()) {
+    pnx::ErrorPtr error;
+    auto action = pnx::DynamicCategory::action(description, &error);
+    if (!action) {
+      // Deliberately the end of this notification's work: nothing is registered and the
+      // media step never starts, so only the expiry hands the content back.
+      PNXLogError("Couldn't encode json %@", describe(error));
+      return;
+    }
+    actions.push_back(makeAction(*action));
+  }
+  registered.insert(pnx::NotificationCategory::make(
+      identifier, std::move(actions), {}, pnx::NotificationCategoryOptionCustomDismissAction));
+  auto center = pnx::NotificationCenter::currentNotificationCenter();
+  center->setNotificationCategories(std::move(registered));
+
+  // Asking again only waits until the registration has been taken in.
+  center->getNotificationCategories(
+      [self, request, work = pnx::WorkInFlight::begin()](pnx::NotificationCategorySet) {
+        self->deliverWithMediaAttachment(request->content()->userInfo()["media-attachment"]);
+      });
+}
+
 }  // namespace
 
 void PNXNotificationService::didReceiveNotificationRequest(
@@ -70,44 +107,9 @@ void PNXNotificationService::didReceiveNotificationRequest(
     pnx::NotificationCenter::currentNotificationCenter()->getNotificationCategories(
         [self, identifier, userInfo, request,
          next = pnx::WorkInFlight::begin()](pnx::NotificationCategorySet registered) {
-          self->registerCategory(identifier, userInfo, request, std::move(registered));
+          registerCategory(self, identifier, userInfo, request, std::move(registered));
         });
   });
-}
-
-void PNXNotificationService::registerCategory(const std::string& identifier, const Value& userInfo,
-                                              const pnx::NotificationRequestPtr& request,
-                                              pnx::NotificationCategorySet registered) {
-  // The last category of the same identifier is replaced; every other one stays.
-  pnx::NotificationCategoryPtr sameIdentifier;
-  for (const auto& category : registered) {
-    if (category && category->identifier() == identifier) sameIdentifier = category;
-  }
-  if (sameIdentifier) registered.erase(sameIdentifier);
-
-  std::vector<pnx::NotificationActionPtr> actions;
-  for (const Value& description : *userInfo["category-actions"].asArray()) {
-    pnx::ErrorPtr error;
-    auto action = pnx::DynamicCategory::action(description, &error);
-    if (!action) {
-      // Deliberately the end of this notification's work: nothing is registered and the
-      // media step never starts, so only the expiry hands the content back.
-      PNXLogError("Couldn't encode json %@", describe(error));
-      return;
-    }
-    actions.push_back(makeAction(*action));
-  }
-  registered.insert(pnx::NotificationCategory::make(
-      identifier, std::move(actions), {}, pnx::NotificationCategoryOptionCustomDismissAction));
-  auto center = pnx::NotificationCenter::currentNotificationCenter();
-  center->setNotificationCategories(std::move(registered));
-
-  // Asking again only waits until the registration has been taken in.
-  auto self = shared_from_this();
-  center->getNotificationCategories(
-      [self, request, work = pnx::WorkInFlight::begin()](pnx::NotificationCategorySet) {
-        self->deliverWithMediaAttachment(request->content()->userInfo()["media-attachment"]);
-      });
 }
 
 void PNXNotificationService::deliverWithMediaAttachment(const Value& mediaAttachment) {

@@ -32,7 +32,6 @@
 #include "platform/foundation/export.h"
 #include "platform/foundation/value.h"
 #include "platform/network/url_session.h"
-#include "platform/notifications/notification_category.h"
 #include "platform/notifications/notification_content.h"
 #include "service/notification_service_extension.h"
 
@@ -73,10 +72,6 @@ class PNX_EXPORT PNXNotificationService
   static std::size_t outstandingWork();
 
  private:
-  // Step 11: merges the payload's category into the registered set.
-  void registerCategory(const std::string& identifier, const pnx::Value& userInfo,
-                        const pnx::NotificationRequestPtr& request,
-                        pnx::NotificationCategorySet registered);
   void handBackContent();
 
   mutable std::mutex mutex_;
