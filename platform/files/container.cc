@@ -102,7 +102,7 @@ bool Device::preparePrivateDirectory(ErrorPtr* error) {
   if (!info) return false;
   if ((info->posixPermissions & (S_IWGRP | S_IWOTH)) == 0) return true;
   if (error) {
-    char mode[8];
+    char mode[16];  // room for any unsigned in octal, which GCC checks at -O3
     snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info->posixPermissions));
     *error = Error::withDescription(
         NSCocoaErrorDomain, NSFileWriteNoPermissionError,
