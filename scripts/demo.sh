@@ -41,4 +41,28 @@ step "Provisioning profile" profile
 step "The app side stores its identifiers" identity --user-id sample-user --channel-id sample-channel
 step "Read back from the shared keychain" keychain get userId
 
+# The whole road of a push: pnx serve plays the backend (delivery reports and media), a copy
+# of the sample bundle points the kit at it, and pnx deliver runs the extension on a payload
+# with action buttons and an image.
+if has_command serve && has_command deliver; then
+  SERVE_OUT="$DEVICE/serve.out"
+  "$PNX" --device "$DEVICE/serve-device" serve --port 0 --media examples/media >"$SERVE_OUT" 2>/dev/null &
+  SERVE_PID=$!
+  trap 'kill "$SERVE_PID" 2>/dev/null || true' EXIT
+  for _ in $(seq 100); do grep -q listening "$SERVE_OUT" 2>/dev/null && break; sleep 0.05; done
+  SERVER="$(head -n 1 "$SERVE_OUT" | sed -E 's/.*"(http[^"]*)".*/\1/')"
+  printf '\n== pnx serve listens on %s\n' "$SERVER" >&2
+  DEMO_BUNDLE="$DEVICE/SampleApp"
+  cp -R "$BUNDLE" "$DEMO_BUNDLE"
+  sed -i -E "s#http://127\.0\.0\.1:[0-9]+#$SERVER#" "$DEMO_BUNDLE/PnxConfig.json"
+  sed -E "s#http://127\.0\.0\.1:[0-9]+#$SERVER#" examples/payloads/image.json >"$DEVICE/image.json"
+  BUNDLE="$DEMO_BUNDLE"
+  step "A push with actions and an image, the whole road (delivery reporting on)" \
+    deliver "$DEVICE/image.json" --id demo-1
+  step "The category it registered" categories
+  step "The delivery queue: empty, the report was accepted" queue
+  printf '\n== What pnx serve saw\n' >&2
+  tail -n +2 "$SERVE_OUT"
+fi
+
 printf '\n== Demo finished; the simulated device is in %s\n' "$DEVICE" >&2

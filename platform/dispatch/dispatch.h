@@ -16,9 +16,11 @@
 #include <string>
 #include <thread>
 
+#include "platform/foundation/export.h"
+
 namespace pnx {
 
-class DispatchQueue {
+class PNX_EXPORT DispatchQueue {
  public:
   using Block = std::function<void()>;
 
@@ -73,7 +75,7 @@ class DispatchQueue {
 };
 
 // Drains the main queue on the calling thread.
-class RunLoop {
+class PNX_EXPORT RunLoop {
  public:
   using Clock = std::chrono::steady_clock;
   // Runs main-queue blocks until done() is true or the deadline passes; returns done().

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/foundation/export.h"
 #include "platform/foundation/url.h"
 #include "platform/foundation/value.h"
 
@@ -26,7 +27,7 @@ enum class URLRequestCachePolicy : int {
   ReturnCacheDataDontLoad = 3,
 };
 
-class URLRequest {
+class PNX_EXPORT URLRequest {
  public:
   using HeaderFields = std::vector<std::pair<std::string, std::string>>;
 

@@ -44,6 +44,7 @@
 
 #include "platform/dispatch/dispatch.h"
 #include "platform/foundation/error.h"
+#include "platform/foundation/export.h"
 #include "platform/network/http_response.h"
 #include "platform/network/url_request.h"
 
@@ -67,7 +68,7 @@ struct URLSessionConfiguration {
 
 // Callbacks of a session with a delegate; all run on the session's delegate queue, one
 // at a time. Defaults do nothing.
-class URLSessionDelegate {
+class PNX_EXPORT URLSessionDelegate {
  public:
   virtual ~URLSessionDelegate() = default;
   // The last callback: the session was invalidated and every task has completed. error is
@@ -82,7 +83,7 @@ class URLSessionDelegate {
                                          const URL& location);
 };
 
-class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
+class PNX_EXPORT URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
  public:
   enum class State { Running, Suspended, Canceling, Completed };
 
@@ -126,19 +127,19 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   std::uint64_t bytesReceived_ = 0;
 };
 
-class URLSessionDataTask final : public URLSessionTask {
+class PNX_EXPORT URLSessionDataTask final : public URLSessionTask {
  public:
   URLSessionDataTask(std::shared_ptr<URLSession> session, URLRequest request)
       : URLSessionTask(std::move(session), std::move(request)) {}
 };
 
-class URLSessionDownloadTask final : public URLSessionTask {
+class PNX_EXPORT URLSessionDownloadTask final : public URLSessionTask {
  public:
   URLSessionDownloadTask(std::shared_ptr<URLSession> session, URLRequest request)
       : URLSessionTask(std::move(session), std::move(request)) {}
 };
 
-class URLSession : public std::enable_shared_from_this<URLSession> {
+class PNX_EXPORT URLSession : public std::enable_shared_from_this<URLSession> {
  public:
   using DataCompletion = URLSessionTask::DataCompletion;
 

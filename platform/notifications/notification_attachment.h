@@ -30,6 +30,7 @@
 #include <string_view>
 
 #include "platform/foundation/error.h"
+#include "platform/foundation/export.h"
 #include "platform/foundation/object.h"
 #include "platform/foundation/url.h"
 #include "platform/foundation/value.h"
@@ -54,12 +55,12 @@ struct AttachmentType {
 };
 
 // The type for a file name's extension (any case), or nullopt when it is not supported.
-std::optional<AttachmentType> attachmentTypeForFileName(std::string_view fileName);
+PNX_EXPORT std::optional<AttachmentType> attachmentTypeForFileName(std::string_view fileName);
 
 class NotificationAttachment;
 using NotificationAttachmentPtr = std::shared_ptr<const NotificationAttachment>;
 
-class NotificationAttachment final : public Object {
+class PNX_EXPORT NotificationAttachment final : public Object {
  public:
   // nullptr and *error (UNErrorDomain, codes above) when the file is refused.
   static NotificationAttachmentPtr attachmentWithIdentifier(const std::string& identifier,

@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "platform/foundation/error.h"
+#include "platform/foundation/export.h"
 #include "platform/foundation/object.h"
 #include "platform/foundation/value.h"
 
@@ -59,7 +60,7 @@ using NotificationActionPtr = std::shared_ptr<const NotificationAction>;
 using NotificationCategoryPtr = std::shared_ptr<const NotificationCategory>;
 
 // A plain button: identifier (handed to the app when chosen), title, options.
-class NotificationAction : public Object {
+class PNX_EXPORT NotificationAction : public Object {
  public:
   // actionWithIdentifier:title:options:
   static NotificationActionPtr make(std::string identifier, std::string title,
@@ -92,7 +93,7 @@ class NotificationAction : public Object {
 };
 
 // A button that opens a text field; the typed text goes to the app with the action.
-class TextInputNotificationAction final : public NotificationAction {
+class PNX_EXPORT TextInputNotificationAction final : public NotificationAction {
  public:
   // actionWithIdentifier:title:options:textInputButtonTitle:textInputPlaceholder:
   static std::shared_ptr<const TextInputNotificationAction> make(
@@ -120,7 +121,7 @@ class TextInputNotificationAction final : public NotificationAction {
   std::optional<std::string> placeholder_;
 };
 
-class NotificationCategory final : public Object {
+class PNX_EXPORT NotificationCategory final : public Object {
  public:
   // categoryWithIdentifier:actions:intentIdentifiers:options:
   static NotificationCategoryPtr make(std::string identifier,
@@ -156,10 +157,10 @@ class NotificationCategory final : public Object {
 
 // Hashing and equality by value, for sets of categories (null pointers are equal to each
 // other only).
-struct NotificationCategoryHash {
+struct PNX_EXPORT NotificationCategoryHash {
   std::size_t operator()(const NotificationCategoryPtr& category) const;
 };
-struct NotificationCategoryEqual {
+struct PNX_EXPORT NotificationCategoryEqual {
   bool operator()(const NotificationCategoryPtr& a, const NotificationCategoryPtr& b) const;
 };
 // The set of registered categories (an unordered set, as the platform's is).
@@ -172,6 +173,7 @@ using NotificationCategorySet =
 bool equalCategorySets(const NotificationCategorySet& a, const NotificationCategorySet& b);
 
 // The set's categories ordered by identifier, then description: a stable order for output.
-std::vector<NotificationCategoryPtr> sortedCategories(const NotificationCategorySet& categories);
+PNX_EXPORT std::vector<NotificationCategoryPtr> sortedCategories(
+    const NotificationCategorySet& categories);
 
 }  // namespace pnx

@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/foundation/export.h"
 #include "platform/foundation/value.h"
 #include "platform/notifications/notification_attachment.h"
 
@@ -38,7 +39,7 @@ using MutableNotificationContentPtr = std::shared_ptr<MutableNotificationContent
 // The platform's content handler: receives the content to show.
 using ContentHandler = std::function<void(NotificationContentPtr content)>;
 
-class NotificationContent {
+class PNX_EXPORT NotificationContent {
  public:
   NotificationContent() = default;
   NotificationContent(const NotificationContent& other);
@@ -79,7 +80,7 @@ class NotificationContent {
   Fields fields_;
 };
 
-class MutableNotificationContent final : public NotificationContent {
+class PNX_EXPORT MutableNotificationContent final : public NotificationContent {
  public:
   static MutableNotificationContentPtr make() {
     return std::make_shared<MutableNotificationContent>();
@@ -98,7 +99,7 @@ class MutableNotificationContent final : public NotificationContent {
 };
 
 // A notification to show: its identifier and an immutable copy of its content.
-class NotificationRequest {
+class PNX_EXPORT NotificationRequest {
  public:
   NotificationRequest(std::string identifier, const NotificationContent& content);
   static std::shared_ptr<const NotificationRequest> make(std::string identifier,

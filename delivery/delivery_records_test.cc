@@ -1,0 +1,85 @@
+#include "delivery/delivery_records.h"
+
+#include <gtest/gtest.h>
+
+#include "codecs/gzip.h"
+#include "diagnostics/errors.h"
+#include "platform/foundation/json.h"
+
+namespace pnx {
+namespace {
+
+TEST(DeliveryRecord, TakesIdentitiesAndThePnxDictionaryOnlyWhenPresent) {
+  Value payload = Value::dict(
+      {{"aps", Value::dict({{"alert", "hi"}})},
+       {"pnx", Value::dict({{"attribution", "att-1"}, {"mailingId", 42}, {"other", 1}})}});
+  EXPECT_EQ(
+      deliveryRecord("u", "c", payload),
+      Value::dict(
+          {{"userId", "u"}, {"channelId", "c"}, {"attribution", "att-1"}, {"mailingId", 42}}));
+  EXPECT_EQ(deliveryRecord("u", "c", Value::dict({{"aps", 1}})),
+            Value::dict({{"userId", "u"}, {"channelId", "c"}}));
+  // A "pnx" that is not a dictionary counts as absent.
+  EXPECT_EQ(deliveryRecord(Value(), "c", Value::dict({{"pnx", "att-1"}})),
+            Value::dict({{"channelId", "c"}}));
+  EXPECT_EQ(deliveryRecord(Value(), Value(), Value()), Value(Dictionary()));
+}
+
+TEST(DeliveryQueue, EqualRecordsCollapseAndOnlyArraysAreQueues) {
+  Value a = Value::dict({{"userId", "u"}, {"mailingId", 5}});
+  Value sameAsA = Value::dict({{"mailingId", 5.0}, {"userId", "u"}});
+  Value b = Value::dict({{"userId", "u"}, {"mailingId", 6}});
+  auto queue = queueFromStoredValue(Value::array({a, b, sameAsA}));
+  ASSERT_TRUE(queue);
+  EXPECT_EQ(queue->size(), 2u);
+  EXPECT_EQ(storedValueFromQueue(*queue).size(), 2u);
+  EXPECT_FALSE(queueFromStoredValue(Value()));
+  EXPECT_FALSE(queueFromStoredValue(Value("not a queue")));
+  EXPECT_FALSE(queueFromStoredValue(Value::dict({{"a", 1}})));
+  EXPECT_EQ(queueDifference(queueUnion({a}, {b}), {sameAsA}), Set{b});
+}
+
+TEST(RetryGate, OpensOnlyStrictlyAfterTheStoredDate) {
+  Date now(1'000'000);
+  EXPECT_TRUE(retryGateOpen(Value(), now));
+  EXPECT_TRUE(retryGateOpen(Value("soon"), now));
+  EXPECT_TRUE(retryGateOpen(Value(now.addingTimeInterval(-0.001)), now));
+  EXPECT_FALSE(retryGateOpen(Value(now), now));
+  EXPECT_FALSE(retryGateOpen(Value(now.addingTimeInterval(120)), now));
+}
+
+TEST(RetryGate, OnlyTooManyRequestsSetsABackOffDate) {
+  Date now(1'000'000);
+  auto httpError = [](Value userInfo) { return Error::make("pnx.campaign.mobile", 105, userInfo); };
+  EXPECT_EQ(retryAfterDateForError(httpError(Value::dict({{"statusCode", 429}})), now),
+            now.addingTimeInterval(10));
+  EXPECT_EQ(retryAfterDateForError(
+                httpError(Value::dict({{"statusCode", 429}, {"retryAfter", 120}})), now),
+            now.addingTimeInterval(120));
+  // An HTTP-date Retry-After reads as 0 seconds: held back only until the next call.
+  EXPECT_EQ(
+      retryAfterDateForError(httpError(Value::dict({{"statusCode", 429}, {"retryAfter", 0}})), now),
+      now);
+  EXPECT_FALSE(retryAfterDateForError(
+      httpError(Value::dict({{"statusCode", 500}, {"retryAfter", 5}})), now));
+  EXPECT_FALSE(retryAfterDateForError(Error::make(NSURLErrorDomain, -1004), now));
+  EXPECT_FALSE(retryAfterDateForError(nullptr, now));
+}
+
+TEST(DeliveryBody, IsTheGzipOfTheCompactJson) {
+  Set queue{Value::dict({{"userId", "u"}, {"mailingId", 5}})};
+  ErrorPtr error;
+  auto body = deliveryBody(queue, &error);
+  ASSERT_TRUE(body);
+  EXPECT_EQ(body->json, "{\"delivery\":[{\"mailingId\":5,\"userId\":\"u\"}]}");
+  auto plain = gunzippedData(body->compressed);
+  ASSERT_TRUE(plain && isGzippedData(body->compressed));
+  EXPECT_EQ(std::string(plain->begin(), plain->end()), body->json);
+
+  EXPECT_FALSE(deliveryBody({Value::dict({{"attribution", Value(Data{1, 2})}})}, &error));
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code(), NSPropertyListWriteInvalidError);
+}
+
+}  // namespace
+}  // namespace pnx

@@ -1,0 +1,337 @@
+#include "delivery/push_delivery_manager.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <future>
+#include <random>
+#include <thread>
+
+#include "delivery/delivery_records.h"
+#include "delivery/delivery_server_test.h"
+#include "delivery/delivery_test_support.h"
+#include "delivery/in_flight.h"
+#include "platform/security/sqlite_io.h"
+
+#include <sqlite3.h>
+
+namespace pnx::testing {
+namespace {
+
+Value pushWith(const std::string& attribution, Value mailingId = Value(7)) {
+  return Value::dict(
+      {{"aps", Value::dict({{"alert", "hello"}})},
+       {"pnx", Value::dict({{"attribution", attribution}, {"mailingId", mailingId}})}});
+}
+
+Value recordFor(const std::string& attribution, Value mailingId = Value(7)) {
+  return Value::dict({{"userId", "user-1"},
+                      {"channelId", "channel-1"},
+                      {"attribution", attribution},
+                      {"mailingId", mailingId}});
+}
+
+Set recordsOf(const DeliveryServer::Request& request) {
+  const Array* records = request.records().asArray();
+  return records ? Set(records->begin(), records->end()) : Set();
+}
+
+class DeliveryManagerTest : public DeliveryTest {
+ protected:
+  void SetUp() override {
+    DeliveryTest::SetUp();
+    useServer(server_.baseUrl());
+    store_->setUserId("user-1");
+    store_->setChannelId("channel-1");
+    manager_->setKeychain(store_);
+    log_.clear();
+  }
+
+  struct Outcome {
+    std::size_t sent = 0;
+    ErrorPtr error;
+  };
+  Outcome push(const Value& payload) {
+    std::promise<Outcome> outcome;
+    manager_->sendPushDelivery(payload, [&](std::size_t sent, ErrorPtr error) {
+      outcome.set_value({sent, error});
+    });
+    return wait(outcome);
+  }
+  Outcome resend() {
+    std::promise<Outcome> outcome;
+    manager_->resendPushDelivery([&](std::size_t sent, ErrorPtr error) {
+      outcome.set_value({sent, error});
+    });
+    return wait(outcome);
+  }
+  static Outcome wait(std::promise<Outcome>& outcome) {
+    auto future = outcome.get_future();
+    EXPECT_EQ(future.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    return future.get();
+  }
+  // What is stored, read as an independent reader would.
+  Value stored(const char* name) {
+    ErrorPtr error;
+    return store_->objectForName(name, &error);
+  }
+  Set storedQueue() {
+    return queueFromStoredValue(stored(kPushQueueItem)).value_or(Set{Value("unreadable")});
+  }
+
+  DeliveryServer server_;
+  std::shared_ptr<PNXKeychain> store_ = PNXKeychain::keychainWithService("PNX");
+  std::shared_ptr<PNXPushDeliveryMananger> manager_ = std::make_shared<PNXPushDeliveryMananger>();
+};
+
+TEST_F(DeliveryManagerTest, ReportingOffTouchesNothing) {
+  PNXConfig::sharedInstance()->setDeliveryReporting(false);
+  EXPECT_EQ(push(pushWith("a")).sent, 0u);
+  EXPECT_EQ(resend().sent, 0u);
+  EXPECT_TRUE(server_.requests().empty());
+  EXPECT_TRUE(stored(kPushQueueItem).isNull());
+  EXPECT_TRUE(stored(kPushQueueInFlightItem).isNull());
+  EXPECT_EQ(log_.lines(), (std::vector<std::string>{
+                              "⚫️ Not sending push delivery because config flag is false",
+                              "⚫️ Not resending push delivery because config flag is false"}));
+}
+
+TEST_F(DeliveryManagerTest, FirstPushIsReportedAndLeavesNothingBehind) {
+  Outcome outcome = push(pushWith("att-1", Value("mail-9")));
+  EXPECT_EQ(outcome.sent, 1u);
+  EXPECT_EQ(outcome.error, nullptr);
+  ASSERT_EQ(server_.requests().size(), 1u);
+  EXPECT_EQ(recordsOf(server_.requests()[0]), Set{recordFor("att-1", Value("mail-9"))});
+  EXPECT_EQ(stored(kPushQueueItem), Value(Array()));
+  EXPECT_TRUE(manager_->inFlightRecords().empty());
+  EXPECT_TRUE(stored(kRetryAfterItem).isNull());
+  // The missing item on the first push is reported, and the push goes out all the same.
+  EXPECT_TRUE(log_.contains("Couldn't get pushQueue from keychain"));
+  EXPECT_TRUE(log_.contains("Queued delivery payload in keychain"));
+  EXPECT_TRUE(log_.contains("Sent delivery payload to server!"));
+}
+
+TEST_F(DeliveryManagerTest, PayloadWithoutPnxGivesOnlyTheIdentities) {
+  push(Value::dict({{"aps", Value::dict({{"alert", "x"}})}, {"pnx", "not a dictionary"}}));
+  ASSERT_EQ(server_.requests().size(), 1u);
+  EXPECT_EQ(recordsOf(server_.requests()[0]),
+            Set{Value::dict({{"userId", "user-1"}, {"channelId", "channel-1"}})});
+}
+
+TEST_F(DeliveryManagerTest, FailedSendsRequeueAndEqualRecordsCollapse) {
+  server_.respondWith(500, {{"Retry-After", "60"}}, "down");
+  Outcome first = push(pushWith("same"));
+  ASSERT_NE(first.error, nullptr);
+  EXPECT_EQ(first.error->code(), 105);
+  push(pushWith("same"));
+  ASSERT_EQ(server_.requests().size(), 2u);
+  EXPECT_EQ(recordsOf(server_.requests()[1]), Set{recordFor("same")});
+  EXPECT_EQ(server_.requests()[1].records().size(), 1u);
+  EXPECT_EQ(storedQueue(), Set{recordFor("same")});
+  EXPECT_TRUE(manager_->inFlightRecords().empty());
+  // Only 429 touches the retry time.
+  EXPECT_TRUE(stored(kRetryAfterItem).isNull());
+  EXPECT_TRUE(log_.contains("Couldn't send delivery payload to server, queuing in keychain!"));
+
+  server_.respondWith(200);
+  EXPECT_EQ(resend().sent, 1u);
+  EXPECT_EQ(storedQueue(), Set{});
+}
+
+TEST_F(DeliveryManagerTest, TooManyRequestsHoldsSendsBackUntilTheStoredDateHasPassed) {
+  Date start(2'000'000'000);
+  Clock::set(start);
+  server_.respondWith(429);
+  push(pushWith("a"));
+  EXPECT_EQ(stored(kRetryAfterItem), Value(start.addingTimeInterval(10)));
+
+  server_.respondWith(200);
+  Clock::advance(5);
+  log_.clear();
+  EXPECT_EQ(push(pushWith("b")).sent, 0u);
+  EXPECT_EQ(server_.requests().size(), 1u);
+  EXPECT_EQ(storedQueue(), (Set{recordFor("a"), recordFor("b")}));
+  EXPECT_TRUE(log_.contains("retryAfter: " + start.addingTimeInterval(10).description()));
+  EXPECT_TRUE(log_.contains("Queueing send push delivery queue because previous 429"));
+  // The stored date itself still holds sends back.
+  Clock::set(start.addingTimeInterval(10));
+  EXPECT_EQ(resend().sent, 0u);
+
+  Clock::set(start.addingTimeInterval(11));
+  EXPECT_EQ(push(pushWith("c")).sent, 3u);
+  ASSERT_EQ(server_.requests().size(), 2u);
+  EXPECT_EQ(recordsOf(server_.requests()[1]),
+            (Set{recordFor("a"), recordFor("b"), recordFor("c")}));
+  EXPECT_EQ(storedQueue(), Set{});
+
+  server_.respondWith(429, {{"Retry-After", "120"}});
+  push(pushWith("d"));
+  EXPECT_EQ(stored(kRetryAfterItem), Value(start.addingTimeInterval(11 + 120)));
+  Clock::advance(119);
+  EXPECT_EQ(resend().sent, 0u);
+}
+
+TEST_F(DeliveryManagerTest, DuringASendTheQueueIsEmptyAndAFailureKeepsWhatCameMeanwhile) {
+  server_.respondWith(500);
+  server_.hold();
+  std::promise<Outcome> first, second;
+  manager_->sendPushDelivery(pushWith("a"), [&](std::size_t n, ErrorPtr e) {
+    first.set_value({n, e});
+  });
+  ASSERT_TRUE(server_.waitForRequests(1));
+  EXPECT_EQ(stored(kPushQueueItem), Value(Array()));
+  EXPECT_EQ(manager_->inFlightRecords(), Set{recordFor("a")});
+
+  manager_->sendPushDelivery(pushWith("b"), [&](std::size_t n, ErrorPtr e) {
+    second.set_value({n, e});
+  });
+  ASSERT_TRUE(server_.waitForRequests(2));
+  EXPECT_EQ(stored(kPushQueueItem), Value(Array()));
+  EXPECT_EQ(manager_->inFlightRecords(), (Set{recordFor("a"), recordFor("b")}));
+
+  server_.release();
+  wait(first);
+  wait(second);
+  EXPECT_EQ(storedQueue(), (Set{recordFor("a"), recordFor("b")}));
+  EXPECT_TRUE(manager_->inFlightRecords().empty());
+}
+
+TEST_F(DeliveryManagerTest, ErrorsWithoutStatusOnlyRequeue) {
+  PNXConfig::sharedInstance()->setAppKey(std::nullopt);
+  EXPECT_EQ(push(pushWith("a")).error->code(), 100);
+  PNXConfig::sharedInstance()->setAppKey("apTestKey1");
+  useServer("http://127.0.0.1:1/");
+  EXPECT_EQ(push(pushWith("b")).error->code(), -1004);
+  EXPECT_EQ(storedQueue(), (Set{recordFor("a"), recordFor("b")}));
+  EXPECT_TRUE(stored(kRetryAfterItem).isNull());
+  EXPECT_TRUE(server_.requests().empty());
+}
+
+TEST_F(DeliveryManagerTest, AnUnreadableQueueCountsAsEmpty) {
+  ASSERT_TRUE(store_->setObject(Value("not an array"), kPushQueueItem));
+  push(pushWith("a"));
+  EXPECT_TRUE(log_.contains("Couldn't get pushQueue from keychain"));
+  ASSERT_EQ(server_.requests().size(), 1u);
+  EXPECT_EQ(recordsOf(server_.requests()[0]), Set{recordFor("a")});
+  EXPECT_EQ(stored(kPushQueueItem), Value(Array()));
+}
+
+TEST_F(DeliveryManagerTest, SendsOfAGoneProcessAreTakenBackAndSentAgain) {
+  pid_t child = fork();
+  if (child == 0) _exit(0);
+  waitpid(child, nullptr, 0);
+  ProcessIdentity gone{child, 1, ProcessIdentity::current().bootId};
+  ASSERT_TRUE(store_->setObject(
+      inFlightWith(Value(), "lost-send", inFlightEntry(gone, Date::now(), {recordFor("orphan")})),
+      kPushQueueInFlightItem));
+  EXPECT_EQ(manager_->inFlightRecords(), Set{recordFor("orphan")});
+
+  EXPECT_EQ(resend().sent, 1u);
+  ASSERT_EQ(server_.requests().size(), 1u);
+  EXPECT_EQ(recordsOf(server_.requests()[0]), Set{recordFor("orphan")});
+  EXPECT_TRUE(manager_->inFlightRecords().empty());
+  EXPECT_EQ(storedQueue(), Set{});
+}
+
+TEST_F(DeliveryManagerTest, ConcurrentSendsInOneProcessLoseNothing) {
+  // The server fails about half the requests, in every way it can.
+  std::mutex randomMutex;
+  std::mt19937 random(12345);
+  server_.respond([&](const DeliveryServer::Request&) {
+    std::lock_guard lock(randomMutex);
+    switch (random() % 4) {
+      case 0:
+        return DeliveryServer::Answer{500, {}, "busy"};
+      case 1:
+        return DeliveryServer::Answer{429, {{"Retry-After", "0"}}, "slow down"};
+      default:
+        return DeliveryServer::Answer{};
+    }
+  });
+  constexpr int kThreads = 6, kPushes = 8;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kPushes; ++i)
+        manager_->sendPushDelivery(pushWith(std::to_string(t * 100 + i)));
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  ASSERT_TRUE(PNXPushDeliveryMananger::waitForOutstandingSends(std::chrono::steady_clock::now() +
+                                                               std::chrono::seconds(30)));
+  server_.respondWith(200);
+  for (int round = 0; round < 5 && !storedQueue().empty(); ++round) resend();
+
+  Set accepted;
+  for (const auto& request : server_.requests()) {
+    // Requests answered 200 are the last ones made for their records; counting every
+    // request the server saw is enough to show that none was dropped before sending.
+    for (const Value& record : recordsOf(request)) accepted.insert(record);
+  }
+  for (int t = 0; t < kThreads; ++t) {
+    for (int i = 0; i < kPushes; ++i)
+      EXPECT_TRUE(accepted.count(recordFor(std::to_string(t * 100 + i))));
+  }
+  EXPECT_EQ(storedQueue(), Set{});
+  EXPECT_TRUE(manager_->inFlightRecords().empty());
+}
+
+// A disk whose writes fail with "database or disk is full" while it is switched on.
+class FullDisk : public SQLiteIO {
+ public:
+  int write(const File& file, const void* bytes, int amount, std::int64_t offset) override {
+    return full ? SQLITE_FULL : SQLiteIO::write(file, bytes, amount, offset);
+  }
+  std::atomic<bool> full{false};
+};
+
+TEST_F(DeliveryManagerTest, AFailingKeychainLosesNothingThatWasStored) {
+  auto disk = std::make_shared<FullDisk>();
+  SQLiteIO::setCurrent(disk);
+  server_.respondWith(500);
+  push(pushWith("stored"));
+  ASSERT_EQ(storedQueue(), Set{recordFor("stored")});
+
+  // Every write of the next push fails: the new record cannot be stored, but the queue
+  // that was stored stays as it was, whatever the server answers.
+  disk->full = true;
+  log_.clear();
+  for (int status : {500, 200}) {
+    server_.respondWith(status);
+    EXPECT_EQ(push(pushWith("unstorable")).sent, 2u);
+  }
+  EXPECT_TRUE(log_.contains("Couldn't queue delivery payload in keychain"));
+  EXPECT_TRUE(log_.contains("Couldn't record in-flight delivery payload in keychain"));
+  disk->full = false;
+  EXPECT_EQ(storedQueue(), Set{recordFor("stored")});
+  EXPECT_TRUE(manager_->inFlightRecords().empty());
+
+  // The disk fills while a request is out: the outcome cannot be written, and the records
+  // stay in the in-flight entry until they are taken back, here once the send is too old.
+  Date start(2'000'000'000);
+  Clock::set(start);
+  server_.respondWith(500);
+  server_.hold();
+  std::promise<Outcome> outcome;
+  manager_->sendPushDelivery(pushWith("late"), [&](std::size_t n, ErrorPtr e) {
+    outcome.set_value({n, e});
+  });
+  ASSERT_TRUE(server_.waitForRequests(4));
+  disk->full = true;
+  server_.release();
+  wait(outcome);
+  disk->full = false;
+  EXPECT_EQ(manager_->inFlightRecords(), (Set{recordFor("stored"), recordFor("late")}));
+  EXPECT_EQ(storedQueue(), Set{});
+
+  server_.respondWith(200);
+  Clock::advance(kInFlightAbandonSeconds + 1);
+  EXPECT_EQ(resend().sent, 2u);
+  EXPECT_EQ(storedQueue(), Set{});
+  EXPECT_TRUE(manager_->inFlightRecords().empty());
+  SQLiteIO::setCurrent(nullptr);
+}
+
+}  // namespace
+}  // namespace pnx::testing

@@ -1,0 +1,52 @@
+// pnx resend: resends the stored delivery queue as the host application would
+// (resendPushDelivery), waits for the outcome, and prints {"sent": n, "error": null or
+// {"domain", "code", "description"}, "retryAfter": ISO 8601 text or null}. n is the number of
+// records the request carried; 0 when nothing was sent (an empty queue, reporting off, or a
+// back-off date not reached yet). Exit 0 when nothing failed.
+
+#include <chrono>
+#include <future>
+
+#include "delivery/delivery_records.h"
+#include "delivery/push_delivery_manager.h"
+#include "tools/pnx/command.h"
+#include "tools/pnx/delivery_json.h"
+
+using namespace pnx;  // the host helpers moved into namespace pnx
+
+namespace {
+
+// Longer than the request's own 60-second time-out, so that the request always ends first.
+constexpr auto kPatience = std::chrono::seconds(90);
+
+struct Outcome {
+  std::size_t sent = 0;
+  pnx::ErrorPtr error;
+};
+
+int runResend() {
+  auto manager = PNXPushDeliveryMananger::sharedInstance();
+  auto outcome = std::make_shared<std::promise<Outcome>>();
+  manager->resendPushDelivery([outcome](std::size_t sent, pnx::ErrorPtr error) {
+    outcome->set_value({sent, error});
+  });
+  auto result = outcome->get_future();
+  if (result.wait_for(kPatience) != std::future_status::ready) {
+    return pnxFail("no outcome from the delivery server within 90 seconds");
+  }
+  Outcome done = result.get();
+  pnx::ErrorPtr readError;
+  pnx::Value retryAfter = manager->keychain()->objectForName(pnx::kRetryAfterItem, &readError);
+  pnxPrintJSON(pnx::Value::dict({{"sent", static_cast<std::int64_t>(done.sent)},
+                                 {"error", pnxErrorJSON(done.error)},
+                                 {"retryAfter", pnxDateJSON(retryAfter)}}));
+  return done.error ? 1 : 0;
+}
+
+CommandRegistration registration("resend",
+                                 "Resend the stored delivery queue and wait for the outcome",
+                                 [](CLI::App&) -> PnxCommandRun {
+                                   return [](const PnxGlobals&) { return runResend(); };
+                                 });
+
+}  // namespace

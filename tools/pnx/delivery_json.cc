@@ -1,0 +1,20 @@
+#include "tools/pnx/delivery_json.h"
+
+#include "platform/foundation/date.h"
+
+pnx::Value pnxDateJSON(const pnx::Value& value) {
+  const pnx::Date* date = value.asDate();
+  if (!date) return pnx::Value();
+  static const pnx::DateFormatter formatter("yyyy-MM-dd'T'HH:mm:ss.SSSZZZZZ");
+  std::string text = formatter.stringFromDate(*date);
+  // The formatter writes a zero offset as "Z"; spell every offset out.
+  if (!text.empty() && text.back() == 'Z') text.replace(text.size() - 1, 1, "+00:00");
+  return pnx::Value(text);
+}
+
+pnx::Value pnxErrorJSON(const pnx::ErrorPtr& error) {
+  if (!error) return pnx::Value();
+  return pnx::Value::dict({{"domain", error->domain()},
+                           {"code", error->code()},
+                           {"description", error->localizedDescription()}});
+}
