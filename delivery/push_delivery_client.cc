@@ -2,10 +2,11 @@
 
 #include "config/config.h"
 #include "delivery/delivery_records.h"
-#include "delivery/delivery_transport.h"
 #include "diagnostics/errors.h"
 #include "diagnostics/log.h"
 #include "platform/foundation/utf8.h"
+#include "platform/network/url_request.h"
+#include "platform/network/url_session.h"
 
 namespace {
 
@@ -41,9 +42,10 @@ void PNXPushDeliveryClient::sendPushQueue(const pnx::Set& queue, Completion comp
     completion(NSError_PNX::appKeyMissing());
     return;
   }
-  pnx::DeliveryHTTPRequest request{deliveryURL(config->baseUrl(), *appKey), "POST", 60, {}, {}};
-  request.method = "POST";
-  request.timeoutInterval = kDeliveryTimeoutSeconds;
+  pnx::URL url = deliveryURL(config->baseUrl(), *appKey);
+  pnx::URLRequest request(url, pnx::URLRequestCachePolicy::UseProtocolCachePolicy,
+                          kDeliveryTimeoutSeconds);
+  request.setHTTPMethod("POST");
 
   pnx::ErrorPtr serialisationError;
   auto body = pnx::deliveryBody(queue, &serialisationError);
@@ -51,8 +53,8 @@ void PNXPushDeliveryClient::sendPushQueue(const pnx::Set& queue, Completion comp
     completion(serialisationError);
     return;
   }
-  request.body = body->compressed;
-  request.headers.emplace_back("Content-Encoding", "gzip");
+  request.setHTTPBody(body->compressed);
+  request.setValue("gzip", "Content-Encoding");
   long compressedLength = static_cast<long>(body->compressed.size());
   long jsonLength = static_cast<long>(body->json.size());
   // Single precision, as the ratio has always been computed; an empty body divides by zero
@@ -62,11 +64,10 @@ void PNXPushDeliveryClient::sendPushQueue(const pnx::Set& queue, Completion comp
       "Payload Compression on, only sending %ld bytes instead of %ld bytes, %.1f compression "
       "ratio",
       compressedLength, jsonLength, ratio);
-  request.headers.emplace_back("Content-type", "application/json");
-  PNXLogVerbose("POST %@\n%@", request.url.absoluteString(), body->json);
+  request.setValue("application/json", "Content-type");
+  PNXLogVerbose("POST %@\n%@", url.absoluteString(), body->json);
 
-  pnx::URL url = request.url;
-  pnx::startDeliveryHTTPRequest(
+  auto task = pnx::URLSession::shared().dataTask(
       std::move(request),
       [url, completion = std::move(completion)](
           std::optional<pnx::Data> data, std::shared_ptr<const pnx::HTTPURLResponse> response,
@@ -89,4 +90,5 @@ void PNXPushDeliveryClient::sendPushQueue(const pnx::Set& queue, Completion comp
           completion(NSError_PNX::httpResponseError(*response, data));
         }
       });
+  task->resume();
 }
