@@ -41,4 +41,31 @@ step "Provisioning profile" profile
 step "The app side stores its identifiers" identity --user-id sample-user --channel-id sample-channel
 step "Read back from the shared keychain" keychain get userId
 
+# Delivery reporting against `pnx serve` on the port the sample configuration names.
+SERVE_URL=http://127.0.0.1:8765
+serve_demo() {
+  "$PNX" --device "$DEVICE/serve" serve --port 8765 >"$DEVICE/serve.out" 2>&1 &
+  SERVE_PID=$!
+  trap 'kill "$SERVE_PID" 2>/dev/null || true' EXIT
+  for _ in $(seq 200); do
+    grep -q listening "$DEVICE/serve.out" 2>/dev/null && return 0
+    sleep 0.05
+  done
+  echo "pnx serve did not start on port 8765" >&2
+  return 1
+}
+if has_command serve && has_command _report && serve_demo; then
+  step "A push is reported and accepted by pnx serve" _report --prefix demo --first 1 --count 1
+  printf '\n== What pnx serve accepted: GET %s/_pnx/reports\n' "$SERVE_URL" >&2
+  curl -s "$SERVE_URL/_pnx/reports"
+  echo
+  printf '\n== The server fails the next request (503)\n' >&2
+  curl -s -X POST "$SERVE_URL/_pnx/faults" -d '["status=503,times=1"]'
+  echo
+  step "Another push: the report fails and stays queued" _report --prefix demo --first 2 --count 1
+  step "The queue holds it" queue
+  step "Resend, as the app would: the queue clears" resend
+  step "The queue is empty" queue
+fi
+
 printf '\n== Demo finished; the simulated device is in %s\n' "$DEVICE" >&2
