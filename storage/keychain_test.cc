@@ -241,9 +241,11 @@ TEST_F(KeychainStore, ConcurrentWritersNeverCollideAndMergesLoseNothing) {
     pnx::Value value = store_.objectForName("name-" + std::to_string(i), &error);
     EXPECT_TRUE(value == pnx::Value("p0") || value == pnx::Value("p1")) << value.description();
   }
-  std::set<pnx::Value> merged;
-  for (const pnx::Value& record : *store_.objectForName("pushQueue", &error).asArray()) {
-    merged.insert(record);
+  pnx::Value queue = store_.objectForName("pushQueue", &error);
+  ASSERT_TRUE(queue.isArray()) << queue.description();
+  std::set<std::pair<long long, long long>> merged;
+  for (const pnx::Value& record : *queue.asArray()) {
+    merged.emplace(record["child"].integerValue(), record["i"].integerValue());
   }
   EXPECT_EQ(merged.size(), 2u * kRounds);
 }
