@@ -49,9 +49,10 @@ std::int64_t leadingInteger(const std::string& text) {
   return std::strtoll(text.c_str(), nullptr, 10);
 }
 
-// A usable "Retry-After" value (a string or a number) as an integer; none otherwise.
+// A usable "Retry-After" value (a string or a number) as an integer; none otherwise. The
+// name is matched in any case: HTTP/2 servers send "retry-after".
 std::optional<std::int64_t> retryAfterSeconds(const pnx::HTTPURLResponse& response) {
-  const pnx::Value& header = response.allHeaderFields()["Retry-After"];
+  const pnx::Value& header = response.valueForHTTPHeaderField("Retry-After");
   if (const std::string* text = header.asString()) return leadingInteger(*text);
   if (header.isNumber()) return header.integerValue();
   return std::nullopt;

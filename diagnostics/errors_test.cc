@@ -91,9 +91,15 @@ TEST(ErrorsTest, HttpResponseErrorCarriesStatusRetryAfterBodyAndURL) {
   EXPECT_EQ(retryAfter(Value(45.9)), Value(45));
   EXPECT_TRUE(retryAfter(Value::array({1})).isNull());
 
-  // The header lookup is exact; no body or a body that is not UTF-8 adds no message.
+  // Header names match in any case, as HTTP/2 sends them in lower case.
+  EXPECT_EQ(NSError_PNX::httpResponseError(response(429, Value::dict({{"retry-after", "5"}})),
+                                           std::nullopt)
+                ->userInfo()["retryAfter"],
+            Value(5));
+
+  // No header, no body or a body that is not UTF-8 adds nothing.
   pnx::ErrorPtr bare = NSError_PNX::httpResponseError(
-      response(500, Value::dict({{"retry-after", "5"}})), bytes("\xC3\x28"));
+      response(500, Value::dict({{"X-Retry-After", "5"}})), bytes("\xC3\x28"));
   EXPECT_FALSE(bare->userInfo().contains("retryAfter"));
   EXPECT_FALSE(bare->userInfo().contains("statusMessage"));
   EXPECT_EQ(NSError_PNX::httpResponseError(response(500, Value()), std::nullopt)

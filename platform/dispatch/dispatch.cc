@@ -4,6 +4,9 @@
 #include <exception>
 #include <utility>
 
+#include "platform/dispatch/delayed_work.h"
+#include "platform/foundation/date.h"
+
 namespace pnx {
 
 namespace {
@@ -41,6 +44,7 @@ DispatchQueue::DispatchQueue(std::string label, bool threadless)
 // Destroyed from its own worker (inside a block, or by a block's destruction), the queue
 // cannot join that thread: it runs what is left right here, then lets the thread go.
 DispatchQueue::~DispatchQueue() {
+  if (DelayedWork* delayed = DelayedWork::existing()) delayed->forget(*this);
   {
     std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;
@@ -75,6 +79,11 @@ void DispatchQueue::async(Block block) {
     startIfNeeded();
   }
   wake_.notify_one();
+}
+
+void DispatchQueue::asyncAfter(double seconds, Block block) {
+  DelayedWork::shared().add(*this, Clock::now().timeIntervalSince1970() + seconds,
+                            std::move(block));
 }
 
 // Called with mutex_ held.

@@ -32,6 +32,11 @@ class DispatchQueue {
 
   const std::string& label() const { return label_; }
   void async(Block block);
+  // Queues block once the process Clock has moved on by the given seconds (at once when
+  // zero or less). Blocks due at the same time run in the order they were given. While
+  // the clock is pinned, time passes only by Clock::set/advance, which queue what became
+  // due before they return. Blocks still waiting when the queue is destroyed are dropped.
+  void asyncAfter(double seconds, Block block);
   // Runs block on the queue and waits for it; an exception from the block reaches the
   // caller. Called from the queue itself (or, for the main queue, from the thread that runs
   // its RunLoop), waiting would deadlock, so the block runs inline instead.

@@ -1,10 +1,13 @@
 #include "platform/dispatch/dispatch.h"
 
+#include "platform/foundation/date.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <future>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -135,6 +138,55 @@ TEST(RunLoopTest, ReturnsAtTheDeadlineAndRunPendingDoesNotChase) {
   stop = true;
   RunLoop::runPending();
   EXPECT_EQ(runs, 4);
+}
+
+// Pins the clock for one test and gives the system clock back afterwards.
+struct PinnedClock {
+  PinnedClock() { Clock::set(Date(1'000'000)); }
+  ~PinnedClock() { Clock::useSystemClock(); }
+};
+
+TEST(AsyncAfterTest, APinnedClockFiresExactlyWhenMovedPastTheDueTime) {
+  PinnedClock pinned;
+  DispatchQueue queue("delayed");
+  std::vector<std::string> ran;  // touched only on the queue
+  queue.asyncAfter(10, [&] { ran.push_back("10 s"); });
+  queue.asyncAfter(5, [&] { ran.push_back("5 s, first"); });
+  queue.asyncAfter(5, [&] { ran.push_back("5 s, second"); });
+  queue.asyncAfter(0, [&] { ran.push_back("now"); });
+
+  queue.drain();
+  EXPECT_EQ(ran, std::vector<std::string>{"now"});
+  Clock::advance(4.999);
+  queue.drain();
+  EXPECT_EQ(ran.size(), 1u);
+  // Advancing returns with the due blocks already queued: no sleep, no polling.
+  Clock::advance(0.001);
+  queue.drain();
+  EXPECT_EQ(ran, (std::vector<std::string>{"now", "5 s, first", "5 s, second"}));
+  Clock::set(Date(1'000'000 + 3600));
+  queue.drain();
+  EXPECT_EQ(ran.back(), "10 s");
+}
+
+TEST(AsyncAfterTest, TheSystemClockFiresInRealTimeOnTheMainQueueToo) {
+  auto start = std::chrono::steady_clock::now();
+  bool fired = false;
+  DispatchQueue::main().asyncAfter(0.05, [&] { fired = true; });
+  EXPECT_TRUE(RunLoop::runUntil([&] { return fired; }, start + 5s));
+  EXPECT_GE(std::chrono::steady_clock::now(), start + 50ms);
+}
+
+TEST(AsyncAfterTest, ADestroyedQueueDropsWhatStillWaits) {
+  PinnedClock pinned;
+  auto captured = std::make_shared<int>(0);
+  {
+    DispatchQueue queue("short-lived");
+    queue.asyncAfter(1, [captured] { ++*captured; });
+  }
+  EXPECT_EQ(captured.use_count(), 1);  // the block went with the queue
+  Clock::advance(2);                   // and nothing posts to the destroyed queue
+  EXPECT_EQ(*captured, 0);
 }
 
 }  // namespace

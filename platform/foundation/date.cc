@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <limits>
 #include <mutex>
+#include <vector>
 
 namespace pnx {
 
@@ -18,6 +19,29 @@ namespace {
 // in use. A single atomic keeps set/advance/useSystemClock consistent without a lock.
 
 std::atomic<double> pinnedSeconds{std::numeric_limits<double>::quiet_NaN()};
+
+// Listeners of clock changes; never destroyed, since they may be called while the
+// process exits.
+struct ClockListeners {
+  std::mutex mutex;
+  std::vector<std::function<void()>> listeners;
+};
+
+ClockListeners& clockListeners() {
+  static ClockListeners* listeners = new ClockListeners;
+  return *listeners;
+}
+
+// Runs the listeners outside the lock, so that one may read the clock or register work.
+void notifyClockChanged() {
+  ClockListeners& all = clockListeners();
+  std::vector<std::function<void()>> listeners;
+  {
+    std::lock_guard<std::mutex> lock(all.mutex);
+    listeners = all.listeners;
+  }
+  for (const auto& listener : listeners) listener();
+}
 
 double systemSeconds() {
   auto since = std::chrono::system_clock::now().time_since_epoch();
@@ -322,6 +346,7 @@ Date Clock::now() {
 
 void Clock::set(Date fixed) {
   pinnedSeconds.store(fixed.timeIntervalSince1970(), std::memory_order_release);
+  notifyClockChanged();
 }
 
 // Moves a pinned clock; an unpinned one is pinned at now + seconds.
@@ -331,10 +356,22 @@ void Clock::advance(double seconds) {
   do {
     next = (std::isnan(current) ? systemSeconds() : current) + seconds;
   } while (!pinnedSeconds.compare_exchange_weak(current, next, std::memory_order_acq_rel));
+  notifyClockChanged();
 }
 
 void Clock::useSystemClock() {
   pinnedSeconds.store(std::numeric_limits<double>::quiet_NaN(), std::memory_order_release);
+  notifyClockChanged();
+}
+
+bool Clock::isPinned() {
+  return !std::isnan(pinnedSeconds.load(std::memory_order_acquire));
+}
+
+void Clock::addChangeListener(std::function<void()> listener) {
+  ClockListeners& all = clockListeners();
+  std::lock_guard<std::mutex> lock(all.mutex);
+  all.listeners.push_back(std::move(listener));
 }
 
 // ---------------------------------------------------------------------------------------

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -48,12 +49,22 @@ class Date {
 
 // Process-wide clock. By default the system's real-time clock; tests pin it with set()
 // and move it with advance(). Reset with useSystemClock().
+//
+// Code that waits for a point in time (delayed work, network time-outs) listens for
+// changes: after every set/advance/useSystemClock the listeners run on the thread that
+// changed the clock, so a test that advances a pinned clock past a deadline sees what
+// that deadline triggers without sleeping.
 class Clock {
  public:
   static Date now();
   static void set(Date fixed);
   static void advance(double seconds);
   static void useSystemClock();
+  // True while the clock is pinned: time moves only when set or advanced.
+  static bool isPinned();
+  // Registers a listener for the rest of the process (there is no removal: listeners
+  // belong to process-wide services). It must not change the clock itself.
+  static void addChangeListener(std::function<void()> listener);
 };
 
 // Formats dates with a Unicode pattern. Supported fields: y, yyyy, MM, dd, HH, hh, mm, ss,

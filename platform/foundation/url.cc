@@ -1,11 +1,13 @@
-// URL parsing is done in two steps: our own scan decides what the platform's parser would
-// refuse (characters outside RFC 3986, bad percent escapes, brackets outside the host, an
-// empty host) and where the components lie; curl's URL API then checks the authority of
-// absolute URLs (host syntax, IPv6 literals, port range). The text itself is kept as given:
-// only the path operations rebuild the path part.
+// URL parsing scans the text once to decide what the platform's parser would refuse
+// (characters outside RFC 3986, bad percent escapes, brackets outside the host) and where
+// the components lie, then checks the authority of absolute URLs (host syntax, IPv6
+// literals, port range) the way the HTTP stack will when the URL is loaded, so that a URL
+// accepted here is never refused there as malformed. The text itself is kept as given:
+// only the path operations rebuild the path part. No HTTP library is involved, so parsing
+// a URL costs a process nothing it would not otherwise load.
 #include "platform/foundation/url.h"
 
-#include <curl/curl.h>
+#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -165,11 +167,60 @@ bool hasValidCharacters(std::string_view text, const Parts& parts) {
   return true;
 }
 
-// curl's verdict on an absolute URL with an authority.
-bool curlAccepts(const std::string& text) {
-  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> handle(curl_url(), curl_url_cleanup);
-  return handle && curl_url_set(handle.get(), CURLUPART_URL, text.c_str(),
-                                CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK;
+// A bracketed IPv6 literal's inside: hex digits, ':' and '.' (an embedded IPv4 part) that
+// form an address, then optionally '%' and a zone identifier, which is not checked here
+// (the HTTP stack takes whatever it is given).
+bool isIPv6Literal(std::string_view text) {
+  std::string_view address = text.substr(0, text.find('%'));
+  if (address.size() + 1 == text.size()) return false;  // '%' and no zone
+  if (address.empty() || address.size() >= INET6_ADDRSTRLEN) return false;
+  for (unsigned char c : address) {
+    if (!std::isxdigit(c) && c != ':' && c != '.') return false;
+  }
+  in6_addr parsed;
+  return inet_pton(AF_INET6, std::string(address).c_str(), &parsed) == 1;
+}
+
+// A host name after its escapes are decoded: no control characters, no space and none of
+// the delimiters and sub-delimiters of URLs (bytes of other scripts are left to the
+// resolver).
+bool isHostName(std::string_view host) {
+  constexpr std::string_view kRefused = " /:#?!@{}[]\\$'\"^`*<>=;,+&()";
+  if (host.empty()) return false;
+  for (unsigned char c : percentDecoded(host)) {
+    if (c < 0x20 || kRefused.find(static_cast<char>(c)) != std::string_view::npos) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// "[userinfo@]host[:port]": a host name (see isHostName) or a bracketed IPv6 literal, and a
+// port of decimal digits up to 65535, or none at all after the ':'.
+bool hasValidAuthority(std::string_view authority) {
+  std::size_t at = authority.find('@');
+  std::string_view hostPort = at == std::string_view::npos ? authority : authority.substr(at + 1);
+  std::string_view port;
+  if (!hostPort.empty() && hostPort.front() == '[') {
+    std::size_t close = hostPort.find(']');
+    if (close == std::string_view::npos || !isIPv6Literal(hostPort.substr(1, close - 1))) {
+      return false;
+    }
+    std::string_view rest = hostPort.substr(close + 1);
+    if (!rest.empty() && rest.front() != ':') return false;
+    port = rest.empty() ? rest : rest.substr(1);
+  } else {
+    std::size_t colon = hostPort.find(':');
+    if (!isHostName(hostPort.substr(0, colon))) return false;
+    port = colon == std::string_view::npos ? "" : hostPort.substr(colon + 1);
+  }
+  unsigned long value = 0;
+  for (char c : port) {
+    if (c < '0' || c > '9') return false;
+    value = value * 10 + static_cast<unsigned long>(c - '0');
+    if (value > 65535) return false;
+  }
+  return true;
 }
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
@@ -205,7 +256,7 @@ std::optional<URL> URL::parse(std::string_view text) {
   if (!parts.hasAuthority) return URL(std::string(text));  // "mailto:a@b", "file:/x"
   if (equalsIgnoringCase(parts.scheme, "file")) return URL(std::string(text));
   if (hostOf(parts.authority, nullptr).empty()) return std::nullopt;
-  if (!curlAccepts(std::string(text))) return std::nullopt;
+  if (!hasValidAuthority(parts.authority)) return std::nullopt;
   return URL(std::string(text));
 }
 

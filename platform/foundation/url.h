@@ -1,7 +1,8 @@
 // URL: an absolute URL (scheme://host[:port]/path?query#fragment), a relative reference
 // (no scheme, as the platform's parser accepts "example.com/x"), or a file URL.
 // Parsing fails where the platform's parser fails (spaces, control characters, bad
-// percent escapes, a malformed authority). Absolute URLs are checked with curl's URL API.
+// percent escapes, a malformed authority: a host of other than unreserved characters, a
+// bad IPv6 literal, a port beyond 65535).
 // Path operations follow the platform: lastPathComponent of "https://h" is "", of
 // "https://h/" is "/", of "https://h/a/b/" is "b"; deletingLastPathComponent of
 // "https://h/a/b" is "https://h/a/", of "https://h/a/" is "https://h/", and where nothing is

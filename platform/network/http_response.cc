@@ -9,17 +9,22 @@ HTTPURLResponse::HTTPURLResponse(std::optional<URL> url, long statusCode, Value 
       statusCode_(statusCode),
       headers_(headerFields.isDictionary() ? std::move(headerFields) : Value(Dictionary{})) {}
 
-std::optional<std::string> HTTPURLResponse::headerValue(std::string_view name) const {
+const Value& HTTPURLResponse::valueForHTTPHeaderField(std::string_view name) const {
+  static const Value absent;
   for (const auto& [key, value] : *headers_.asDictionary()) {
     const std::string* field = key.asString();
-    if (!field || field->size() != name.size() ||
-        strncasecmp(field->data(), name.data(), name.size()) != 0) {
-      continue;
+    if (field && field->size() == name.size() &&
+        strncasecmp(field->data(), name.data(), name.size()) == 0) {
+      return value;
     }
-    if (const std::string* text = value.asString()) return *text;
-    if (value.isNumber()) return value.description();
-    return std::nullopt;
   }
+  return absent;
+}
+
+std::optional<std::string> HTTPURLResponse::headerValue(std::string_view name) const {
+  const Value& value = valueForHTTPHeaderField(name);
+  if (const std::string* text = value.asString()) return *text;
+  if (value.isNumber()) return value.description();
   return std::nullopt;
 }
 

@@ -1,6 +1,7 @@
 // HTTPURLResponse: what an HTTP exchange answered: status code, header fields, URL.
 // Header fields are kept as received (a dictionary of string to string, first-seen
-// spelling); allHeaderFields() lookup is exact, headerValue() is case-insensitive.
+// spelling); allHeaderFields() lookup is exact, as a dictionary's is; valueForHTTPHeaderField()
+// and headerValue() ignore case, as HTTP header names do (HTTP/2 sends them in lower case).
 #pragma once
 
 #include <optional>
@@ -19,6 +20,9 @@ class HTTPURLResponse final : public Object {
 
   long statusCode() const { return statusCode_; }
   const Value& allHeaderFields() const { return headers_; }
+  // The field's value as received (a string, or a number when built so); null when absent.
+  const Value& valueForHTTPHeaderField(std::string_view name) const;
+  // The field's value as text: numbers in their description; none when absent.
   std::optional<std::string> headerValue(std::string_view name) const;
   const std::optional<URL>& url() const { return url_; }
 

@@ -11,6 +11,8 @@ TEST(HTTPURLResponseTest, HeaderLookupIgnoresCaseButKeepsTheFields) {
   EXPECT_EQ(response.headerValue("retry-after"), "120");
   EXPECT_EQ(response.headerValue("x-count"), "3");
   EXPECT_FALSE(response.headerValue("Retry"));
+  EXPECT_EQ(response.valueForHTTPHeaderField("X-COUNT"), Value(3));
+  EXPECT_TRUE(response.valueForHTTPHeaderField("Count").isNull());
   EXPECT_TRUE(response.allHeaderFields()["retry-after"].isNull());
   EXPECT_EQ(response.description().rfind("<NSHTTPURLResponse> { URL: https://h/x } "
                                          "{ Status Code: 429, Headers {",

@@ -1,0 +1,512 @@
+// URL loading against real servers on 127.0.0.1 (cpp-httplib, in this process).
+#include "platform/network/url_session.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/files/fixtures_test.h"
+#include "platform/foundation/date.h"
+#include "platform/network/url_error.h"
+
+namespace pnx {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+// A cpp-httplib server on a free port of 127.0.0.1, listening on its own thread.
+class LocalServer {
+ public:
+  explicit LocalServer(std::unique_ptr<httplib::Server> server = nullptr, bool tls = false)
+      : server_(server ? std::move(server) : std::make_unique<httplib::Server>()),
+        scheme_(tls ? "https" : "http") {
+    // Idle kept-alive connections hold a server thread, and stop() waits for them.
+    server_->set_keep_alive_timeout(1);
+  }
+  ~LocalServer() { stop(); }
+
+  httplib::Server* operator->() { return server_.get(); }
+  // Binds first, so that requests made as soon as this returns wait in the backlog.
+  void start() {
+    port_ = server_->bind_to_any_port("127.0.0.1");
+    ASSERT_GT(port_, 0);
+    thread_ = std::thread([this] { server_->listen_after_bind(); });
+  }
+  void stop() {
+    if (!thread_.joinable()) return;
+    server_->stop();
+    thread_.join();
+  }
+  int port() const { return port_; }
+  URL url(const std::string& path) const {
+    return *URL::parse(scheme_ + "://127.0.0.1:" + std::to_string(port_) + path);
+  }
+
+ private:
+  std::unique_ptr<httplib::Server> server_;
+  std::string scheme_;
+  std::thread thread_;
+  int port_ = 0;
+};
+
+// Blocks server handlers until released, so a test controls when (if ever) they answer.
+class Gate {
+ public:
+  void wait() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    ++waiting_;
+    changed_.notify_all();
+    changed_.wait(lock, [this] { return open_; });
+  }
+  bool waitForArrivals(int count) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, 10s, [&] { return waiting_ >= count; });
+  }
+  void open() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    open_ = true;
+    changed_.notify_all();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int waiting_ = 0;
+  bool open_ = false;
+};
+
+struct Outcome {
+  std::optional<Data> data;
+  std::shared_ptr<const HTTPURLResponse> response;
+  ErrorPtr error;
+  bool onMainThread = false;
+};
+
+// Runs a data task on the shared session and waits for its completion.
+Outcome load(URLRequest request) {
+  std::promise<Outcome> done;
+  const auto testThread = std::this_thread::get_id();
+  URLSession::shared()
+      .dataTask(std::move(request),
+                [&](std::optional<Data> data, std::shared_ptr<const HTTPURLResponse> response,
+                    ErrorPtr error) {
+                  done.set_value({std::move(data), std::move(response), std::move(error),
+                                  std::this_thread::get_id() == testThread});
+                })
+      ->resume();
+  auto future = done.get_future();
+  if (future.wait_for(20s) != std::future_status::ready) {
+    ADD_FAILURE() << "no completion";
+    return {};
+  }
+  return future.get();
+}
+
+std::int64_t codeOf(const ErrorPtr& error) {
+  return error ? error->code() : 0;
+}
+
+std::string text(const std::optional<Data>& data) {
+  return data ? std::string(data->begin(), data->end()) : "(none)";
+}
+
+// Records the delegate callbacks; every one runs on the main queue, drained by the test
+// thread, so the recorder needs no lock.
+class Recorder : public URLSessionDelegate {
+ public:
+  void didFinishDownloadingToURL(URLSession&, URLSessionDownloadTask& task,
+                                 const URL& location) override {
+    events.push_back("finish " + task.originalRequest().url().lastPathComponent());
+    location_ = location.path();
+    struct stat info {};
+    fileMode = stat(location_.c_str(), &info) == 0 ? (info.st_mode & 0777) : 0;
+    std::ifstream in(location_, std::ios::binary);
+    fileContents.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    onMainQueue = onMainQueue && DispatchQueue::main().isCurrent();
+  }
+  void didCompleteWithError(URLSession&, URLSessionTask&, const ErrorPtr& error) override {
+    events.push_back("complete " + std::to_string(codeOf(error)));
+    onMainQueue = onMainQueue && DispatchQueue::main().isCurrent();
+    // The finished download's file is gone by now.
+    if (!location_.empty()) fileGoneAtCompletion = !fs::exists(location_);
+  }
+  void didBecomeInvalidWithError(URLSession&, const ErrorPtr& error) override {
+    events.push_back(error ? "invalid with error" : "invalid");
+  }
+
+  bool waitFor(std::size_t count) {
+    return RunLoop::runUntil([&] { return events.size() >= count; }, RunLoop::Clock::now() + 20s);
+  }
+
+  std::vector<std::string> events;
+  std::string location_;
+  unsigned fileMode = 0;
+  std::string fileContents;
+  bool onMainQueue = true;
+  bool fileGoneAtCompletion = false;
+};
+
+std::shared_ptr<URLSession> delegateSession(const std::shared_ptr<Recorder>& recorder,
+                                            URLSessionConfiguration configuration = {}) {
+  return URLSession::make(configuration, recorder, &DispatchQueue::main());
+}
+
+std::size_t filesIn(const std::string& directory) {
+  std::error_code ec;
+  std::size_t count = 0;
+  for (fs::directory_iterator it(directory, ec), end; !ec && it != end; it.increment(ec)) {
+    ++count;
+  }
+  return count;
+}
+
+// ---------------------------------------------------------------------------------------
+
+TEST(URLSessionTest, SharedSessionPostsHeadersAndBodyAndAnswersOnABackgroundQueue) {
+  LocalServer server;
+  httplib::Request seen;
+  server->Post("/echo", [&](const httplib::Request& request, httplib::Response& response) {
+    seen = request;
+    response.status = 201;
+    response.set_header("retry-after", "30");
+    response.set_content("stored", "text/plain");
+  });
+  server->Get("/missing", [](const httplib::Request&, httplib::Response& response) {
+    response.status = 404;
+    response.set_content("no such thing", "text/plain");
+  });
+  server.start();
+
+  URLRequest request(server.url("/echo"), URLRequestCachePolicy::UseProtocolCachePolicy, 60);
+  request.setHTTPMethod("POST");
+  request.setValue("en", "content-LANGUAGE");
+  request.setValue("application/json", "Content-type");
+  request.setHTTPBody(Data{'{', '}', 0, 0xFF});
+  Outcome posted = load(request);
+  EXPECT_EQ(posted.error, nullptr);
+  EXPECT_FALSE(posted.onMainThread);
+  EXPECT_EQ(text(posted.data), "stored");
+  ASSERT_TRUE(posted.response);
+  EXPECT_EQ(posted.response->statusCode(), 201);
+  EXPECT_EQ(posted.response->headerValue("Retry-After"), "30");
+  EXPECT_EQ(posted.response->url()->absoluteString(), server.url("/echo").absoluteString());
+  EXPECT_EQ(seen.method, "POST");
+  EXPECT_EQ(seen.get_header_value("Content-Language"), "en");
+  EXPECT_EQ(seen.get_header_value("Content-Type"), "application/json");
+  EXPECT_EQ(seen.body, std::string("{}\0\xFF", 4));
+  EXPECT_FALSE(seen.has_header("Expect"));
+
+  // An HTTP error status is an answer, not a transport error.
+  Outcome missing = load(URLRequest(server.url("/missing")));
+  EXPECT_EQ(missing.error, nullptr);
+  ASSERT_TRUE(missing.response);
+  EXPECT_EQ(missing.response->statusCode(), 404);
+  EXPECT_EQ(text(missing.data), "no such thing");
+  EXPECT_TRUE(URLSession::waitForOutstandingTasks(std::chrono::steady_clock::now() + 5s));
+}
+
+TEST(URLSessionTest, DownloadFinishesThenCompletesOnTheMainQueueAndLeavesNoFile) {
+  testing::ScopedDevice device;
+  std::string body(300 * 1024, 'x');
+  for (std::size_t i = 0; i < body.size(); i += 97) body[i] = static_cast<char>(i);
+  LocalServer server;
+  server->Get("/media/cat.png", [&](const httplib::Request&, httplib::Response& response) {
+    response.set_content(body, "image/png");
+  });
+  server->Get("/gone.png", [&](const httplib::Request&, httplib::Response& response) {
+    response.status = 404;
+    response.set_content("gone", "text/plain");
+  });
+  server.start();
+
+  auto recorder = std::make_shared<Recorder>();
+  auto session = delegateSession(recorder);
+  auto task = session->downloadTask(server.url("/media/cat.png"));
+  EXPECT_EQ(task->state(), URLSessionTask::State::Suspended);
+  task->resume();
+  ASSERT_TRUE(recorder->waitFor(2));
+  EXPECT_EQ(recorder->events, (std::vector<std::string>{"finish cat.png", "complete 0"}));
+  EXPECT_TRUE(recorder->onMainQueue);
+  EXPECT_EQ(recorder->fileContents, body);
+  EXPECT_EQ(recorder->fileMode, 0600u);
+  EXPECT_EQ(fs::path(recorder->location_).parent_path(), fs::path(Container::temporaryDirectory()));
+  EXPECT_TRUE(recorder->fileGoneAtCompletion);
+  EXPECT_EQ(task->state(), URLSessionTask::State::Completed);
+  EXPECT_EQ(task->countOfBytesReceived(), body.size());
+  EXPECT_EQ(task->response()->statusCode(), 200);
+
+  // A 404 body is downloaded like any other; the invalidation comes last.
+  recorder->events.clear();
+  recorder->location_.clear();
+  session->downloadTask(server.url("/gone.png"))->resume();
+  session->finishTasksAndInvalidate();
+  ASSERT_TRUE(recorder->waitFor(3));
+  EXPECT_EQ(recorder->events,
+            (std::vector<std::string>{"finish gone.png", "complete 0", "invalid"}));
+  EXPECT_EQ(recorder->fileContents, "gone");
+  EXPECT_EQ(filesIn(Container::temporaryDirectory()), 0u);
+  EXPECT_THROW(session->downloadTask(server.url("/gone.png")), Exception);
+  EXPECT_TRUE(RunLoop::runUntil([] { return URLSession::outstandingTaskCount() == 0; },
+                                RunLoop::Clock::now() + 5s));
+}
+
+// A port of 127.0.0.1 that nothing listens on: bound for a moment, then closed.
+int closedPort() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  bind(fd, reinterpret_cast<sockaddr*>(&address), length);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  close(fd);
+  return ntohs(address.sin_port);
+}
+
+TEST(URLSessionTest, TransportFailuresCarryTheirCodesAndTheFailingURL) {
+  LocalServer server;
+  server->Get("/cut", [](const httplib::Request&, httplib::Response& response) {
+    // Promises 100,000 bytes, sends 10, and hangs up.
+    response.set_content_provider(100000, "application/octet-stream",
+                                  [](std::size_t, std::size_t, httplib::DataSink& sink) {
+                                    sink.write("0123456789", 10);
+                                    return false;
+                                  });
+  });
+  server->Get("/loop", [](const httplib::Request&, httplib::Response& response) {
+    response.set_redirect("/loop");
+  });
+  server->Get("/to-file", [](const httplib::Request&, httplib::Response& response) {
+    response.set_redirect("file:///etc/passwd");
+  });
+  server.start();
+  URL closedURL = *URL::parse("http://127.0.0.1:" + std::to_string(closedPort()) + "/x");
+
+  Outcome refused = load(URLRequest(closedURL));
+  EXPECT_EQ(codeOf(refused.error), NSURLErrorCannotConnectToHost);
+  ASSERT_TRUE(refused.error && refused.error->url());
+  EXPECT_EQ(refused.error->url()->absoluteString(), closedURL.absoluteString());
+  EXPECT_EQ(refused.error->domain(), NSURLErrorDomain);
+  EXPECT_EQ(refused.error->localizedDescription(), "Could not connect to the server.");
+  EXPECT_FALSE(refused.data);
+
+  EXPECT_EQ(codeOf(load(URLRequest(server.url("/cut"))).error), NSURLErrorNetworkConnectionLost);
+  EXPECT_EQ(codeOf(load(URLRequest(server.url("/loop"))).error), NSURLErrorHTTPTooManyRedirects);
+  EXPECT_EQ(codeOf(load(URLRequest(server.url("/to-file"))).error), NSURLErrorUnsupportedURL);
+  for (const char* url :
+       {"file:///etc/passwd", "ftp://127.0.0.1/x", "data:text/plain,hi", "gopher://127.0.0.1/"}) {
+    Outcome unsupported = load(URLRequest(*URL::parse(url)));
+    EXPECT_EQ(codeOf(unsupported.error), NSURLErrorUnsupportedURL) << url;
+    EXPECT_FALSE(unsupported.response) << url;
+  }
+  Outcome nameless = load(URLRequest(*URL::parse("http://name-that-does-not-resolve.invalid/")));
+  EXPECT_EQ(codeOf(nameless.error), NSURLErrorCannotFindHost);
+}
+
+TEST(URLSessionTest, AStalledServerTimesOutWhenTheClockPassesTheInterval) {
+  Clock::set(Date(2'000'000'000));
+  Gate gate;
+  LocalServer server;
+  server->Get("/stall", [&](const httplib::Request&, httplib::Response& response) {
+    gate.wait();
+    response.set_content("late", "text/plain");
+  });
+  server.start();
+
+  std::promise<ErrorPtr> done;
+  URLRequest request(server.url("/stall"), URLRequestCachePolicy::UseProtocolCachePolicy, 60);
+  URLSession::shared()
+      .dataTask(request, [&](std::optional<Data>, std::shared_ptr<const HTTPURLResponse>,
+                             ErrorPtr error) { done.set_value(error); })
+      ->resume();
+  auto future = done.get_future();
+  ASSERT_TRUE(gate.waitForArrivals(1));
+  Clock::advance(59);
+  EXPECT_EQ(future.wait_for(300ms), std::future_status::timeout);
+  Clock::advance(1);
+  ASSERT_EQ(future.wait_for(10s), std::future_status::ready);
+  ErrorPtr error = future.get();
+  EXPECT_EQ(codeOf(error), NSURLErrorTimedOut);
+  EXPECT_EQ(error->localizedDescription(), "The request timed out.");
+  gate.open();
+  Clock::useSystemClock();
+}
+
+TEST(URLSessionTest, CancelAndInvalidateAndCancelEndTasksAsCancelled) {
+  Gate gate;
+  LocalServer server;
+  server->Get("/stall", [&](const httplib::Request&, httplib::Response& response) {
+    gate.wait();
+    response.set_content("late", "text/plain");
+  });
+  server.start();
+
+  auto recorder = std::make_shared<Recorder>();
+  auto session = delegateSession(recorder);
+  auto never = session->dataTask(server.url("/stall"));
+  never->cancel();  // never resumed: completes at once, reads nothing
+  ASSERT_TRUE(recorder->waitFor(1));
+  EXPECT_EQ(recorder->events[0], "complete -999");
+
+  auto first = session->dataTask(server.url("/stall"));
+  auto second = session->downloadTask(server.url("/stall"));
+  first->resume();
+  second->resume();
+  ASSERT_TRUE(gate.waitForArrivals(2));
+  first->cancel();
+  ASSERT_TRUE(recorder->waitFor(2));
+  EXPECT_EQ(recorder->events[1], "complete -999");
+  EXPECT_EQ(codeOf(first->error()), NSURLErrorCancelled);
+  session->invalidateAndCancel();
+  ASSERT_TRUE(recorder->waitFor(4));
+  EXPECT_EQ(recorder->events, (std::vector<std::string>{"complete -999", "complete -999",
+                                                        "complete -999", "invalid"}));
+  gate.open();
+}
+
+TEST(URLSessionTest, DownloadsOverTheCapStopAtOnceAndLeaveNoFile) {
+  testing::ScopedDevice device;
+  std::atomic<std::size_t> streamed{0};
+  constexpr std::size_t kEndless = 256u * 1024 * 1024;
+  LocalServer server;
+  server->Get("/declared", [](const httplib::Request&, httplib::Response& response) {
+    response.set_content(std::string(5000, 'd'), "application/octet-stream");
+  });
+  server->Get("/streamed", [&](const httplib::Request&, httplib::Response& response) {
+    // No Content-Length: the cap can only be seen while the body arrives.
+    response.set_chunked_content_provider(
+        "application/octet-stream", [&](std::size_t, httplib::DataSink& sink) {
+          std::string chunk(64 * 1024, 's');
+          if (streamed >= kEndless || !sink.write(chunk.data(), chunk.size())) return false;
+          streamed += chunk.size();
+          return true;
+        });
+  });
+  server.start();
+
+  URLSessionConfiguration configuration;
+  configuration.maximumDownloadSize = 4096;
+  EXPECT_EQ(URLSessionConfiguration().maximumDownloadSize, 50u * 1024 * 1024);
+  auto recorder = std::make_shared<Recorder>();
+  auto session = delegateSession(recorder, configuration);
+  session->downloadTask(server.url("/declared"))->resume();
+  ASSERT_TRUE(recorder->waitFor(1));
+  session->downloadTask(server.url("/streamed"))->resume();
+  ASSERT_TRUE(recorder->waitFor(2));
+  EXPECT_EQ(recorder->events, (std::vector<std::string>{"complete -1103", "complete -1103"}));
+  EXPECT_EQ(filesIn(Container::temporaryDirectory()), 0u);
+  EXPECT_LT(streamed.load(), kEndless);  // stopped long before the server ran dry
+
+  // The cap holds for data tasks too: nothing beyond it is kept in memory.
+  std::promise<ErrorPtr> done;
+  session
+      ->dataTask(server.url("/declared"),
+                 [&](std::optional<Data>, std::shared_ptr<const HTTPURLResponse>, ErrorPtr error) {
+                   done.set_value(error);
+                 })
+      ->resume();
+  auto future = done.get_future();
+  ASSERT_TRUE(RunLoop::runUntil([&] { return future.wait_for(0s) == std::future_status::ready; },
+                                RunLoop::Clock::now() + 10s));
+  EXPECT_EQ(codeOf(future.get()), NSURLErrorDataLengthExceedsMaximum);
+}
+
+// Makes a CA and a certificate for 127.0.0.1 signed by it, with the openssl command.
+void makeCertificates(const testing::TempDir& dir) {
+  std::string d = dir.path();
+  std::string commands =
+      "cd '" + d +
+      "' && "
+      "openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 "
+      "-subj '/CN=Test CA' 2>/dev/null && "
+      "openssl req -newkey rsa:2048 -nodes -keyout server.key -out server.csr "
+      "-subj '/CN=127.0.0.1' 2>/dev/null && "
+      "printf 'subjectAltName=IP:127.0.0.1\\n' > san.ext && "
+      "openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial "
+      "-out server.pem -days 2 -extfile san.ext 2>/dev/null";
+  ASSERT_EQ(std::system(commands.c_str()), 0);
+}
+
+TEST(URLSessionTest, CertificatesAreCheckedAgainstTheSystemAndTheDeviceTrust) {
+  testing::ScopedDevice device;
+  testing::TempDir certificates;
+  makeCertificates(certificates);
+  LocalServer server(std::make_unique<httplib::SSLServer>(certificates.file("server.pem").c_str(),
+                                                          certificates.file("server.key").c_str()),
+                     true);
+  server->Get("/hello", [](const httplib::Request&, httplib::Response& response) {
+    response.set_content("secret", "text/plain");
+  });
+  server.start();
+
+  Outcome untrusted = load(URLRequest(server.url("/hello")));
+  EXPECT_EQ(codeOf(untrusted.error), NSURLErrorServerCertificateUntrusted);
+  EXPECT_FALSE(untrusted.data);
+
+  // A PEM file that is not a certificate is passed over; the CA in trust/ is used.
+  fs::create_directories(device.deviceDirectory() + "/trust");
+  device.root().write("device/trust/notes.txt", "not a certificate");
+  fs::copy_file(certificates.file("ca.pem"), device.deviceDirectory() + "/trust/test-ca.pem");
+  Outcome trusted = load(URLRequest(server.url("/hello")));
+  EXPECT_EQ(trusted.error, nullptr) << trusted.error->description();
+  EXPECT_EQ(text(trusted.data), "secret");
+}
+
+TEST(URLSessionTest, ConnectionsAreReusedAndManyTasksRunAtOnce) {
+  std::mutex mutex;
+  std::set<int> clientPorts;
+  std::atomic<int> served{0};
+  LocalServer server;
+  server->Get(R"(/n/(\d+))", [&](const httplib::Request& request, httplib::Response& response) {
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      clientPorts.insert(request.remote_port);
+    }
+    ++served;
+    response.set_content(request.matches[1].str(), "text/plain");
+  });
+  server.start();
+
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(text(load(URLRequest(server.url("/n/" + std::to_string(i)))).data),
+              std::to_string(i));
+  }
+  EXPECT_EQ(clientPorts.size(), 1u);  // one connection carried all five
+
+  constexpr int kTasks = 200;
+  std::mutex resultsMutex;
+  std::vector<std::string> results(kTasks);
+  for (int i = 0; i < kTasks; ++i) {
+    URLSession::shared()
+        .dataTask(server.url("/n/" + std::to_string(i)),
+                  [&, i](std::optional<Data> data, std::shared_ptr<const HTTPURLResponse>,
+                         ErrorPtr error) {
+                    std::lock_guard<std::mutex> lock(resultsMutex);
+                    results[i] = error ? error->description() : text(data);
+                  })
+        ->resume();
+  }
+  ASSERT_TRUE(URLSession::waitForOutstandingTasks(std::chrono::steady_clock::now() + 30s));
+  EXPECT_EQ(URLSession::outstandingTaskCount(), 0u);
+  for (int i = 0; i < kTasks; ++i) EXPECT_EQ(results[i], std::to_string(i));
+  EXPECT_EQ(served.load(), kTasks + 5);
+}
+
+}  // namespace
+}  // namespace pnx
