@@ -163,7 +163,7 @@ void PNXPushDeliveryMananger::sendPushDelivery(const pnx::Value& payload,
   // Stored before any network activity.
   pnx::Set queue = changeQueue({add, {}});
   if (!abandoned.sendIds.empty()) releaseInFlight(abandoned.sendIds);
-  sendPushQueue(queue, std::move(completion));
+  sendUnlessHeldBack(queue, std::move(completion), true);
 }
 
 void PNXPushDeliveryMananger::resendPushDelivery(SendCompletion completion) {
@@ -182,6 +182,11 @@ void PNXPushDeliveryMananger::resendPushDelivery(SendCompletion completion) {
 }
 
 void PNXPushDeliveryMananger::sendPushQueue(const pnx::Set& queue, SendCompletion completion) {
+  sendUnlessHeldBack(queue, std::move(completion), false);
+}
+
+void PNXPushDeliveryMananger::sendUnlessHeldBack(const pnx::Set& queue, SendCompletion completion,
+                                                 bool queueStored) {
   pnx::ErrorPtr error;
   pnx::Value retryAfter = keychain()->objectForName(pnx::kRetryAfterItem, &error);
   if (retryAfter.isNull() || error) {
@@ -194,7 +199,13 @@ void PNXPushDeliveryMananger::sendPushQueue(const pnx::Set& queue, SendCompletio
     return;
   }
   PNXLogVerbose("Queueing send push delivery queue because previous 429");
-  changeQueue({queue, {}});
+  if (queueStored) {
+    // The queue was merged and stored a moment ago (sendPushDelivery); merging it again
+    // would change nothing and cost a second read of the whole queue.
+    logQueueStored(true);
+  } else {
+    changeQueue({queue, {}});
+  }
   tell(completion, 0, nullptr);
 }
 

@@ -106,6 +106,8 @@ class PNXPushDeliveryMananger : public std::enable_shared_from_this<PNXPushDeliv
     pnx::Set records;
   };
   Abandoned findAbandoned();
+  // sendPushQueue; queueStored when the caller has just stored the queue itself.
+  void sendUnlessHeldBack(const pnx::Set& queue, SendCompletion completion, bool queueStored);
   void finishSend(const std::string& sendId, const pnx::Set& queue, const pnx::ErrorPtr& error);
 
   pnx::AtomicProperty<std::shared_ptr<PNXPushDeliveryClient>> client_;

@@ -63,6 +63,15 @@ if has_command serve && has_command deliver; then
   step "The delivery queue: empty, the report was accepted" queue
   printf '\n== What pnx serve saw\n' >&2
   tail -n +2 "$SERVE_OUT"
+  printf '\n== The server fails the next delivery report (503): POST %s/_pnx/faults\n' "$SERVER" >&2
+  curl -s -X POST "$SERVER/_pnx/faults" -d '["status=503,times=1"]'
+  echo
+  sed -E "s#http://127\.0\.0\.1:[0-9]+#$SERVER#" examples/payloads/plain.json >"$DEVICE/plain.json" 2>/dev/null ||
+    cp "$DEVICE/image.json" "$DEVICE/plain.json"
+  step "Another push: its report fails and stays queued" deliver "$DEVICE/plain.json" --id demo-2
+  step "The queue holds it" queue
+  step "Resend, as the app would: the queue clears" resend
+  step "The queue is empty" queue
 fi
 
 printf '\n== Demo finished; the simulated device is in %s\n' "$DEVICE" >&2

@@ -11,7 +11,7 @@ PACKAGES=(
   clang-format
   doxygen  # scripts/docs.sh: the API reference
   # libraries
-  ca-certificates openssl libssl-dev libcurl4-openssl-dev
+  ca-certificates curl openssl libssl-dev libcurl4-openssl-dev
   libsqlite3-dev sqlite3 zlib1g-dev libplist-dev nlohmann-json3-dev uuid-dev
   libcli11-dev libcpp-httplib-dev libspdlog-dev
   # tests and benchmarks
