@@ -58,9 +58,11 @@ class DeliveryCommands : public ::testing::Test {
     serve_ = std::make_unique<Background>(
         std::vector<std::string>{"--device", dir_.file("serve-device"), "serve", "--port", "0"},
         dir_.file("serve.out"));
+    // The match points into the text it was found in, so the text lives outside the loop.
+    std::string first;
     std::smatch match;
     for (int i = 0; i < 500; ++i) {
-      std::string first = dir_.read("serve.out");
+      first = dir_.read("serve.out");
       if (std::regex_search(first, match, std::regex("127\\.0\\.0\\.1:([0-9]+)"))) break;
       std::this_thread::sleep_for(10ms);
     }
