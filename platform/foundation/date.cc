@@ -122,6 +122,9 @@ Fields fieldsOf(Date date, DateFormatter::Zone zone) {
   Fields fields;
   fields.micros = instant.micros;
   if (zone == DateFormatter::Zone::UTC) {
+    // gmtime_r also loads the zone rules on its first call, so it must not overlap the
+    // first tzset() of another thread.
+    prepareLocalZone();
     gmtime_r(&instant.seconds, &fields.tm);
     return fields;
   }

@@ -34,5 +34,24 @@ TEST(SystemLogTest, TheFirstLineAndTheFirstLocalTimeOnTwoThreadsDoNotRace) {
   EXPECT_EQ(stamp.size(), 25u) << stamp;
 }
 
+// The same with a UTC stamp first: gmtime_r loads the zone rules too, on first use.
+TEST(SystemLogTest, AFirstUtcStampAndTheFirstLineOnTwoThreadsDoNotRace) {
+  SystemLog::setSink(nullptr);
+  std::atomic<bool> stamped{false};
+  std::string stamp;
+  std::thread formatter([&] {
+    stamp = DateFormatter("yyyy-MM-dd HH:mm:ss", DateFormatter::Zone::UTC)
+                .stringFromDate(Date(1625065452));
+    stamped.store(true, std::memory_order_relaxed);
+  });
+  std::thread systemLogUser([&] {
+    while (!stamped.load(std::memory_order_relaxed)) std::this_thread::yield();
+    SystemLog("Quorvex", "PNX").write(LogType::Debug, "pnx test: a line after a UTC stamp");
+  });
+  formatter.join();
+  systemLogUser.join();
+  EXPECT_EQ(stamp, "2021-06-30 15:04:12");
+}
+
 }  // namespace
 }  // namespace pnx
