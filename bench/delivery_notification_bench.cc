@@ -37,6 +37,7 @@ class LocalServer {
     server_.Post(".*", [](const httplib::Request&, httplib::Response& out) {
       out.set_content("{}", "application/json");
     });
+    server_.set_tcp_nodelay(true);  // as a real backend answers: no delayed-ACK stall
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
     while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
