@@ -160,13 +160,6 @@ TEST(NotificationCenter, KeepsTheStoredSetWhenANewOneCannotBeStoredAndLogsWhy) {
   EXPECT_NE(sink->lines()[0].find("not UTF-8"), std::string::npos) << sink->lines()[0];
 }
 
-TEST(NotificationCenter, ReadsAnEmptyDeviceWithoutCreatingAnything) {
-  testing::ScopedDevice device("com.example.chat");
-  auto center = NotificationCenter::currentNotificationCenter();
-  EXPECT_TRUE(center->registeredCategories().value().empty());
-  EXPECT_FALSE(std::filesystem::exists(device.deviceDirectory() + "/notifications"));
-}
-
 TEST(NotificationCenter, GivesAnExtensionTheCenterOfItsApp) {
   testing::ScopedDevice device;
   auto infoPlist = [](const std::string& entries) {
