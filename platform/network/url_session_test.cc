@@ -49,7 +49,11 @@ class LocalServer {
     // Idle kept-alive connections hold a server thread, and stop() waits for them.
     server_->set_keep_alive_timeout(1);
   }
-  ~LocalServer() { stop(); }
+  ~LocalServer() {
+    if (!thread_.joinable()) return;
+    server_->stop();
+    thread_.join();
+  }
 
   httplib::Server* operator->() { return server_.get(); }
   // Binds first, so that requests made as soon as this returns wait in the backlog.
@@ -58,12 +62,6 @@ class LocalServer {
     ASSERT_GT(port_, 0);
     thread_ = std::thread([this] { server_->listen_after_bind(); });
   }
-  void stop() {
-    if (!thread_.joinable()) return;
-    server_->stop();
-    thread_.join();
-  }
-  int port() const { return port_; }
   URL url(const std::string& path) const {
     return *URL::parse(scheme_ + "://127.0.0.1:" + std::to_string(port_) + path);
   }
