@@ -46,7 +46,7 @@ class LocalServer {
   explicit LocalServer(std::unique_ptr<httplib::Server> server = nullptr, bool tls = false)
       : server_(server ? std::move(server) : std::make_unique<httplib::Server>()),
         scheme_(tls ? "https" : "http") {
-    // Idle kept-alive connections hold a server thread, and stop() waits for them.
+    // Idle kept-alive connections hold a server thread, and stopping waits for them.
     server_->set_keep_alive_timeout(1);
   }
   ~LocalServer() {

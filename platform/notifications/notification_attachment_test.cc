@@ -28,8 +28,7 @@ NotificationAttachmentPtr attach(const std::string& pathOrURL, ErrorPtr* error) 
                                                           error);
 }
 
-// A file of the given size that begins with the given bytes (sparse, so large sizes are
-// cheap).
+// A sparse file of the given size that begins with head.
 std::string sizedFile(const testing::TempDir& dir, const std::string& name, std::string_view head,
                       std::uint64_t size) {
   std::string path = dir.write(name, head);

@@ -24,14 +24,6 @@ namespace {
 
 constexpr const char* kBundleId = "com.example.keychain";
 
-std::string entitlementsPlist(std::initializer_list<const char*> groups) {
-  std::string text =
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
-      "<key>keychain-access-groups</key>\n<array>\n";
-  for (const char* group : groups) text += std::string("<string>") + group + "</string>\n";
-  return text + "</array>\n</dict>\n</plist>\n";
-}
-
 Value query(const char* account,
             std::initializer_list<std::pair<std::string_view, Value>> more = {}) {
   Dictionary entries{{Value(kSecClass), Value(kSecClassGenericPassword)},
@@ -137,7 +129,11 @@ TEST_F(KeychainItems, AccessGroupsFollowTheEntitlements) {
   // Without entitlements the bundle identifier is the one group.
   EXPECT_EQ(keychainAccessGroups(), std::vector<std::string>{kBundleId});
 
-  device_.writeBundleFile("Entitlements.plist", entitlementsPlist({"TEAM.shared", "TEAM.other"}));
+  device_.writeBundleFile(
+      "Entitlements.plist",
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+      "<key>keychain-access-groups</key><array><string>TEAM.shared</string>"
+      "<string>TEAM.other</string></array></dict></plist>\n");
   EXPECT_EQ(keychainAccessGroups(), (std::vector<std::string>{"TEAM.shared", "TEAM.other"}));
   ASSERT_EQ(SecItemAdd(
                 query("a", {{kSecAttrAccessGroup, "TEAM.other"}, {kSecValueData, bytes("other")}})),
