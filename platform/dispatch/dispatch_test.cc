@@ -44,9 +44,11 @@ TEST(DispatchQueueTest, RunsBlocksFromManyThreadsOneAtATimeInOrder) {
   }
 }
 
-TEST(DispatchQueueTest, SyncIsABarrierAndRunsInlineFromTheQueueItself) {
+// A block that throws is reported and the queue goes on; sync hands the exception back.
+TEST(DispatchQueueTest, SyncIsABarrierRunsInlineFromTheQueueItselfAndRethrows) {
   DispatchQueue queue("sync");
   int counter = 0;
+  queue.async([] { throw std::runtime_error("boom"); });
   for (int i = 0; i < 100; ++i) queue.async([&] { ++counter; });
   bool wasCurrent = false;
   queue.sync([&] {
@@ -57,27 +59,7 @@ TEST(DispatchQueueTest, SyncIsABarrierAndRunsInlineFromTheQueueItself) {
   EXPECT_TRUE(wasCurrent);
   EXPECT_FALSE(queue.isCurrent());
   EXPECT_EQ(counter, 101);
-}
-
-TEST(DispatchQueueTest, AThrowingBlockIsReportedAndTheQueueGoesOn) {
-  DispatchQueue queue("throws");
-  bool ranAfter = false;
-  queue.async([] { throw std::runtime_error("boom"); });
-  queue.async([&] { ranAfter = true; });
-  queue.drain();
-  EXPECT_TRUE(ranAfter);
   EXPECT_THROW(queue.sync([] { throw std::runtime_error("to caller"); }), std::runtime_error);
-}
-
-TEST(DispatchQueueTest, DestructorRunsWhatIsLeft) {
-  int counter = 0;
-  {
-    DispatchQueue queue("drains");
-    for (int i = 0; i < 100; ++i) queue.async([&] { ++counter; });
-    // Queued while the destructor drains: still runs.
-    queue.async([&] { queue.async([&] { ++counter; }); });
-  }
-  EXPECT_EQ(counter, 101);
 }
 
 // The last reference to a queue can go away on its own worker thread, when a block that
@@ -177,13 +159,19 @@ TEST(AsyncAfterTest, TheSystemClockFiresInRealTimeOnTheMainQueueToo) {
   EXPECT_GE(std::chrono::steady_clock::now(), start + 50ms);
 }
 
-TEST(AsyncAfterTest, ADestroyedQueueDropsWhatStillWaits) {
+// The destructor runs what is queued, even what those blocks queue, and drops the blocks
+// whose time has not come.
+TEST(AsyncAfterTest, ADestroyedQueueRunsWhatIsQueuedAndDropsWhatStillWaits) {
   PinnedClock pinned;
+  int counter = 0;
   auto captured = std::make_shared<int>(0);
   {
     DispatchQueue queue("short-lived");
     queue.asyncAfter(1, [captured] { ++*captured; });
+    for (int i = 0; i < 100; ++i) queue.async([&] { ++counter; });
+    queue.async([&] { queue.async([&] { ++counter; }); });
   }
+  EXPECT_EQ(counter, 101);
   EXPECT_EQ(captured.use_count(), 1);  // the block went with the queue
   Clock::advance(2);                   // and nothing posts to the destroyed queue
   EXPECT_EQ(*captured, 0);

@@ -1,18 +1,17 @@
+// Header fields of requests and responses: names ignore case, and no field forges a line.
 #include "platform/network/url_request.h"
 
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 
+#include "platform/network/http_response.h"
+
 namespace pnx {
 namespace {
 
 TEST(URLRequestTest, HeaderNamesIgnoreCaseAndKeepTheirFirstSpelling) {
   URLRequest request(*URL::parse("https://h/x"));
-  EXPECT_EQ(request.httpMethod(), "GET");
-  EXPECT_EQ(request.timeoutInterval(), 60);
-  EXPECT_EQ(request.cachePolicy(), URLRequestCachePolicy::UseProtocolCachePolicy);
-
   request.setValue("application/json", "Content-type");
   request.setValue("text/plain", "CONTENT-TYPE");
   request.addValue("gzip", "accept-encoding");
@@ -35,6 +34,25 @@ TEST(URLRequestTest, RefusesHeadersThatWouldForgeMoreLines) {
   EXPECT_THROW(request.setValue("a", ""), std::invalid_argument);
   EXPECT_THROW(request.setValue(std::string_view("a\0b", 3), "X-Nul"), std::invalid_argument);
   EXPECT_TRUE(request.allHTTPHeaderFields().empty());
+}
+
+TEST(HTTPURLResponseTest, HeaderLookupIgnoresCaseButKeepsTheFields) {
+  HTTPURLResponse response(URL::parse("https://h/x"), 429,
+                           Value::dict({{"Retry-After", "120"}, {"X-Count", 3}}));
+  EXPECT_EQ(response.headerValue("retry-after"), "120");
+  EXPECT_EQ(response.headerValue("x-count"), "3");
+  EXPECT_FALSE(response.headerValue("Retry"));
+  EXPECT_EQ(response.valueForHTTPHeaderField("X-COUNT"), Value(3));
+  EXPECT_TRUE(response.valueForHTTPHeaderField("Count").isNull());
+  EXPECT_TRUE(response.allHeaderFields()["retry-after"].isNull());
+  EXPECT_EQ(response.description().rfind("<NSHTTPURLResponse> { URL: https://h/x } "
+                                         "{ Status Code: 429, Headers {",
+                                         0),
+            0u);
+
+  HTTPURLResponse bare(std::nullopt, 200);
+  EXPECT_TRUE(bare.allHeaderFields().isDictionary());
+  EXPECT_FALSE(bare.headerValue("Retry-After"));
 }
 
 }  // namespace

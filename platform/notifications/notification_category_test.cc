@@ -1,5 +1,5 @@
-// Categories and actions as values: what makes two of them equal in a set, their JSON
-// shape and its refusals, and the description text.
+// Categories and actions as values: what makes two of them equal in a set, the stored
+// shapes refused, and the description text.
 
 #include "platform/notifications/notification_category.h"
 
@@ -40,30 +40,6 @@ TEST(NotificationCategory, EqualCategoriesCollapseInASetAndAnyDifferenceKeepsBot
   auto plain = NotificationAction::make("reply", "Reply", 0);
   EXPECT_FALSE(plain->isEqual(*reply(std::nullopt)));
   EXPECT_FALSE(reply(std::nullopt)->isEqual(*plain));
-}
-
-TEST(NotificationCategory, RoundTripsThroughItsJSONShape) {
-  auto category = NotificationCategory::make(
-      "chat",
-      {NotificationAction::make("{\"name\":\"Open\"}", "Open", NotificationActionOptionForeground),
-       TextInputNotificationAction::make(
-           "reply", "Reply",
-           NotificationActionOptionDestructive | NotificationActionOptionAuthenticationRequired,
-           "Send", std::nullopt)},
-      {"intent"}, NotificationCategoryOptionCustomDismissAction);
-  Value expected = JSON::parse(R"({"identifier": "chat", "options": 1,
-      "intentIdentifiers": ["intent"], "actions": [
-        {"identifier": "{\"name\":\"Open\"}", "title": "Open", "options": 4},
-        {"identifier": "reply", "title": "Reply", "options": 3,
-         "textInput": {"buttonTitle": "Send", "placeholder": null}}]})")
-                       .value();
-  EXPECT_EQ(category->jsonObject(), expected);
-
-  auto text = JSON::serialize(category->jsonObject()).value();
-  auto back = NotificationCategory::fromJSONObject(JSON::parse(text).value());
-  ASSERT_TRUE(back);
-  EXPECT_TRUE(back->isEqual(*category));
-  EXPECT_EQ(back->hash(), category->hash());
 }
 
 TEST(NotificationCategory, RefusesAStoredShapeItCannotReadNamingWhatIsWrong) {

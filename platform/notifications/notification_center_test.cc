@@ -46,36 +46,38 @@ mode_t permissions(const std::string& path) {
   return status.st_mode & 0777;
 }
 
-TEST(NotificationCenter, DeliversTheSetLastRegisteredOnItsOwnQueueAndReplacesItWhole) {
-  testing::ScopedDevice device("com.example.chat");
-  auto center = NotificationCenter::currentNotificationCenter();
-  EXPECT_EQ(center->applicationIdentifier(), "com.example.chat");
-  EXPECT_EQ(center.get(), NotificationCenter::forApplication("com.example.chat").get());
+class NotificationCenterTest : public ::testing::Test {
+ protected:
+  testing::ScopedDevice device_{"com.example.chat"};
+  std::shared_ptr<NotificationCenter> center_ = NotificationCenter::currentNotificationCenter();
+};
 
-  auto [empty, thread] = fetch(*center);
+TEST_F(NotificationCenterTest, DeliversTheSetLastRegisteredOnItsOwnQueueAndReplacesItWhole) {
+  EXPECT_EQ(center_->applicationIdentifier(), "com.example.chat");
+  EXPECT_EQ(center_.get(), NotificationCenter::forApplication("com.example.chat").get());
+
+  auto [empty, thread] = fetch(*center_);
   EXPECT_TRUE(empty.empty());
   EXPECT_NE(thread, std::this_thread::get_id());
 
-  center->setNotificationCategories({category("a"), category("b")});
-  center->setNotificationCategories({category("b"), category("c")});
+  center_->setNotificationCategories({category("a"), category("b")});
+  center_->setNotificationCategories({category("b"), category("c")});
   // A get queued after the sets sees the last one, with no waiting in between.
-  auto [registered, ignored] = fetch(*center);
+  auto [registered, ignored] = fetch(*center_);
   EXPECT_TRUE(equalCategorySets(registered, {category("b"), category("c")}));
 
-  const std::string directory = device.deviceDirectory() + "/notifications";
-  EXPECT_EQ(center->databasePath(), directory + "/com.example.chat.db");
+  const std::string directory = device_.deviceDirectory() + "/notifications";
+  EXPECT_EQ(center_->databasePath(), directory + "/com.example.chat.db");
   EXPECT_EQ(permissions(directory), 0700u);
-  EXPECT_EQ(permissions(center->databasePath()), 0600u);
+  EXPECT_EQ(permissions(center_->databasePath()), 0600u);
 }
 
-TEST(NotificationCenter, SeesWhatAnotherConnectionWroteAndWritesWhatItCanRead) {
-  testing::ScopedDevice device("com.example.chat");
-  auto center = NotificationCenter::currentNotificationCenter();
-  center->setNotificationCategories({category("mine")});
-  center->waitUntilIdle();
+TEST_F(NotificationCenterTest, SeesWhatAnotherConnectionWroteAndWritesWhatItCanRead) {
+  center_->setNotificationCategories({category("mine")});
+  center_->waitUntilIdle();
 
   // Another process's connection reads the stored rows and replaces them.
-  auto other = SQLiteDatabase::open(center->databasePath());
+  auto other = SQLiteDatabase::open(center_->databasePath());
   ASSERT_TRUE(other);
   auto rows = other->query("SELECT identifier, definition FROM categories");
   ASSERT_TRUE(rows && rows->next());
@@ -88,36 +90,34 @@ TEST(NotificationCenter, SeesWhatAnotherConnectionWroteAndWritesWhatItCanRead) {
   ASSERT_TRUE(other->execute("DELETE FROM categories"));
   ASSERT_TRUE(other->execute("INSERT INTO categories VALUES (0, 'theirs', ?)", {Value(theirs)}));
 
-  EXPECT_TRUE(equalCategorySets(fetch(*center).first, {category("theirs")}));
-  EXPECT_TRUE(equalCategorySets(center->registeredCategories().value(), {category("theirs")}));
+  EXPECT_TRUE(equalCategorySets(fetch(*center_).first, {category("theirs")}));
+  EXPECT_TRUE(equalCategorySets(center_->registeredCategories().value(), {category("theirs")}));
 
   // A row no one can read: the synchronous read says so, a get delivers an empty set.
   ASSERT_TRUE(other->execute("INSERT INTO categories VALUES (1, 'bad', '{\"identifier\": 1}')"));
   ErrorPtr error;
-  EXPECT_FALSE(center->registeredCategories(&error));
+  EXPECT_FALSE(center_->registeredCategories(&error));
   ASSERT_TRUE(error);
   EXPECT_NE(error->localizedDescription().find("\"identifier\""), std::string::npos);
-  EXPECT_TRUE(fetch(*center).first.empty());
+  EXPECT_TRUE(fetch(*center_).first.empty());
 }
 
-TEST(NotificationCenter, CountsCallsInFlightUntilTheirHandlersReturn) {
-  testing::ScopedDevice device("com.example.chat");
-  auto center = NotificationCenter::currentNotificationCenter();
+TEST_F(NotificationCenterTest, CountsCallsInFlightUntilTheirHandlersReturn) {
   std::promise<void> release;
   std::shared_future<void> released = release.get_future().share();
-  center->getNotificationCategories([&](NotificationCategorySet) {
+  center_->getNotificationCategories([&](NotificationCategorySet) {
     released.wait();
     // The chain of a service: register, then ask again, from inside the handler.
-    center->setNotificationCategories({category("chat")});
-    center->getNotificationCategories([](NotificationCategorySet) {});
+    center_->setNotificationCategories({category("chat")});
+    center_->getNotificationCategories([](NotificationCategorySet) {});
   });
-  center->setNotificationCategories({});
-  EXPECT_EQ(center->pendingCalls(), 2u);
+  center_->setNotificationCategories({});
+  EXPECT_EQ(center_->pendingCalls(), 2u);
   release.set_value();
-  center->waitUntilIdle();  // the first get and the set behind it
-  center->waitUntilIdle();  // what the handler queued
-  EXPECT_EQ(center->pendingCalls(), 0u);
-  EXPECT_TRUE(equalCategorySets(center->registeredCategories().value(), {category("chat")}));
+  center_->waitUntilIdle();  // the first get and the set behind it
+  center_->waitUntilIdle();  // what the handler queued
+  EXPECT_EQ(center_->pendingCalls(), 0u);
+  EXPECT_TRUE(equalCategorySets(center_->registeredCategories().value(), {category("chat")}));
 }
 
 // Keeps the system log's lines for the test to read.
@@ -139,18 +139,16 @@ class CapturingSink : public LogSink {
   std::vector<std::string> lines_;
 };
 
-TEST(NotificationCenter, KeepsTheStoredSetWhenANewOneCannotBeStoredAndLogsWhy) {
-  testing::ScopedDevice device("com.example.chat");
+TEST_F(NotificationCenterTest, KeepsTheStoredSetWhenANewOneCannotBeStoredAndLogsWhy) {
   auto sink = std::make_shared<CapturingSink>();
   SystemLog::setSink(sink);
-  auto center = NotificationCenter::currentNotificationCenter();
-  center->setNotificationCategories({category("kept")});
+  center_->setNotificationCategories({category("kept")});
   // Text that is not UTF-8 cannot be written as JSON.
-  center->setNotificationCategories({category("kept"), category("bad\xff")});
-  center->waitUntilIdle();
+  center_->setNotificationCategories({category("kept"), category("bad\xff")});
+  center_->waitUntilIdle();
   SystemLog::setSink(nullptr);
 
-  EXPECT_TRUE(equalCategorySets(center->registeredCategories().value(), {category("kept")}));
+  EXPECT_TRUE(equalCategorySets(center_->registeredCategories().value(), {category("kept")}));
   ASSERT_EQ(sink->lines().size(), 1u);
   EXPECT_NE(
       sink->lines()[0].find(
@@ -160,59 +158,50 @@ TEST(NotificationCenter, KeepsTheStoredSetWhenANewOneCannotBeStoredAndLogsWhy) {
   EXPECT_NE(sink->lines()[0].find("not UTF-8"), std::string::npos) << sink->lines()[0];
 }
 
-TEST(NotificationCenter, ReadsAnEmptyDeviceWithoutCreatingAnything) {
-  testing::ScopedDevice device("com.example.chat");
-  auto center = NotificationCenter::currentNotificationCenter();
-  EXPECT_TRUE(center->registeredCategories().value().empty());
-  EXPECT_FALSE(std::filesystem::exists(device.deviceDirectory() + "/notifications"));
-}
-
-TEST(NotificationCenter, GivesAnExtensionTheCenterOfItsApp) {
-  testing::ScopedDevice device;
+TEST_F(NotificationCenterTest, GivesAnExtensionTheCenterOfItsApp) {
   auto infoPlist = [](const std::string& entries) {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
            "<key>CFBundleIdentifier</key><string>com.example.chat.service</string>" +
            entries + "</dict>\n</plist>\n";
   };
-  device.writeBundleFile("Info.plist", infoPlist(""));
-  EXPECT_EQ(NotificationCenter::currentNotificationCenter()->applicationIdentifier(),
-            "com.example.chat.service");
-  device.writeBundleFile("Info.plist", infoPlist("<key>NSExtension</key><dict/>"));
-  EXPECT_EQ(NotificationCenter::currentNotificationCenter()->applicationIdentifier(),
-            "com.example.chat");
-  device.writeBundleFile("Info.plist",
-                         infoPlist("<key>CFBundlePackageType</key><string>XPC!</string>"));
-  EXPECT_EQ(NotificationCenter::currentNotificationCenter()->applicationIdentifier(),
-            "com.example.chat");
-
-  Bundle appex(device.root().path() + "/Service.appex");
+  const std::pair<std::string, std::string> cases[] = {
+      {"", "com.example.chat.service"},
+      {"<key>NSExtension</key><dict/>", "com.example.chat"},
+      {"<key>CFBundlePackageType</key><string>XPC!</string>", "com.example.chat"}};
+  for (const auto& [entries, identifier] : cases) {
+    device_.writeBundleFile("Info.plist", infoPlist(entries));
+    EXPECT_EQ(NotificationCenter::currentNotificationCenter()->applicationIdentifier(), identifier)
+        << entries;
+  }
+  Bundle appex(device_.root().path() + "/Service.appex");
   EXPECT_TRUE(isApplicationExtension(appex));
   EXPECT_EQ(notificationApplicationIdentifier(nullptr), "unknown.bundle");
 }
 
-TEST(NotificationCenter, DisplayMovesAttachmentsOutOfTheTemporaryDirectoryUnderFreeNames) {
-  testing::ScopedDevice device("com.example.chat");
-  auto center = NotificationCenter::currentNotificationCenter();
-  const std::string temporary = Container::temporaryDirectory();
-  auto attached = [&](const std::string& name) {
-    std::filesystem::copy_file(kMedia + "sample.png", temporary + "/" + name);
-    auto attachment = NotificationAttachment::attachmentWithIdentifier(
-        "ID-" + name, URL::fileURL(temporary + "/" + name), Value());
-    auto content = MutableNotificationContent::make();
-    content->setTitle("Hello");
-    content->setAttachments({attachment});
-    return content;
-  };
+// Content titled "Hello" with the file at path attached.
+MutableNotificationContentPtr withAttachment(const std::string& path) {
+  auto content = MutableNotificationContent::make();
+  content->setTitle("Hello");
+  content->setAttachments(
+      {NotificationAttachment::attachmentWithIdentifier("ID", URL::fileURL(path), Value())});
+  return content;
+}
 
-  auto first = center->displayNotification(*attached("image.png"));
-  auto second = center->displayNotification(*attached("image.png"));
+TEST_F(NotificationCenterTest, DisplayMovesAttachmentsIntoTheStoreUnderFreeNames) {
+  const std::string temporary = Container::temporaryDirectory();
+  auto inTemporary = [&](const char* sample, const char* name) {
+    std::filesystem::copy_file(kMedia + sample, temporary + "/" + name);
+    return withAttachment(temporary + "/" + name);
+  };
+  auto first = center_->displayNotification(*inTemporary("sample.png", "image.png"));
+  auto second = center_->displayNotification(*inTemporary("sample.png", "image.png"));
   const std::string store =
-      device.deviceDirectory() + "/notifications/com.example.chat/attachments";
+      device_.deviceDirectory() + "/notifications/com.example.chat/attachments";
   ASSERT_EQ(first->attachments().size(), 1u);
   ASSERT_EQ(second->attachments().size(), 1u);
   EXPECT_EQ(first->attachments()[0]->url().path(), store + "/image.png");
   EXPECT_EQ(second->attachments()[0]->url().path(), store + "/image 2.png");
-  EXPECT_EQ(second->attachments()[0]->identifier(), "ID-image.png");
+  EXPECT_EQ(second->attachments()[0]->identifier(), "ID");
   EXPECT_EQ(second->attachments()[0]->type(), "public.png");
   EXPECT_EQ(second->title(), "Hello");
   EXPECT_FALSE(std::filesystem::exists(temporary + "/image.png"));
@@ -220,27 +209,15 @@ TEST(NotificationCenter, DisplayMovesAttachmentsOutOfTheTemporaryDirectoryUnderF
   EXPECT_EQ(permissions(store), 0700u);
 
   // A file kept elsewhere is copied, not taken away.
-  auto outside = MutableNotificationContent::make();
-  outside->setAttachments({NotificationAttachment::attachmentWithIdentifier(
-      "ID", URL::fileURL(kMedia + "sample.gif"), Value())});
-  auto shown = center->displayNotification(*outside);
+  auto shown = center_->displayNotification(*withAttachment(kMedia + "sample.gif"));
   EXPECT_EQ(shown->attachments()[0]->url().path(), store + "/sample.gif");
   EXPECT_TRUE(std::filesystem::exists(kMedia + "sample.gif"));
-}
 
-TEST(NotificationCenter, DisplayLeavesOutAnAttachmentWhoseFileIsGoneAndSaysWhy) {
-  testing::ScopedDevice device("com.example.chat");
-  auto center = NotificationCenter::currentNotificationCenter();
-  const std::string temporary = Container::temporaryDirectory();
-  std::filesystem::copy_file(kMedia + "sample.wav", temporary + "/sound.wav");
-  auto content = MutableNotificationContent::make();
-  content->setAttachments({NotificationAttachment::attachmentWithIdentifier(
-      "ID", URL::fileURL(temporary + "/sound.wav"), Value())});
+  // A file gone by then is left out, and the error names it.
+  auto gone = inTemporary("sample.wav", "sound.wav");
   std::filesystem::remove(temporary + "/sound.wav");
-
   ErrorPtr error;
-  auto shown = center->displayNotification(*content, &error);
-  EXPECT_TRUE(shown->attachments().empty());
+  EXPECT_TRUE(center_->displayNotification(*gone, &error)->attachments().empty());
   ASSERT_TRUE(error);
   EXPECT_EQ(error->domain(), UNErrorDomain);
   EXPECT_EQ(error->code(), UNErrorCodeAttachmentMoveIntoDataStoreFailed);

@@ -24,14 +24,6 @@ namespace {
 
 constexpr const char* kBundleId = "com.example.keychain";
 
-std::string entitlementsPlist(std::initializer_list<const char*> groups) {
-  std::string text =
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
-      "<key>keychain-access-groups</key>\n<array>\n";
-  for (const char* group : groups) text += std::string("<string>") + group + "</string>\n";
-  return text + "</array>\n</dict>\n</plist>\n";
-}
-
 Value query(const char* account,
             std::initializer_list<std::pair<std::string_view, Value>> more = {}) {
   Dictionary entries{{Value(kSecClass), Value(kSecClassGenericPassword)},
@@ -137,7 +129,11 @@ TEST_F(KeychainItems, AccessGroupsFollowTheEntitlements) {
   // Without entitlements the bundle identifier is the one group.
   EXPECT_EQ(keychainAccessGroups(), std::vector<std::string>{kBundleId});
 
-  device_.writeBundleFile("Entitlements.plist", entitlementsPlist({"TEAM.shared", "TEAM.other"}));
+  device_.writeBundleFile(
+      "Entitlements.plist",
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+      "<key>keychain-access-groups</key><array><string>TEAM.shared</string>"
+      "<string>TEAM.other</string></array></dict></plist>\n");
   EXPECT_EQ(keychainAccessGroups(), (std::vector<std::string>{"TEAM.shared", "TEAM.other"}));
   ASSERT_EQ(SecItemAdd(
                 query("a", {{kSecAttrAccessGroup, "TEAM.other"}, {kSecValueData, bytes("other")}})),
@@ -176,36 +172,42 @@ TEST_F(KeychainItems, AccessGroupsFollowTheEntitlements) {
   EXPECT_EQ(SecItemAdd(query("a")), errSecMissingEntitlement);
 }
 
-TEST_F(KeychainItems, AnUnreadableDatabaseMeansInteractionNotAllowed) {
-  std::string garbage(8192, '\x5a');
-  device_.root().write("device/keychain.db", garbage);
-  EXPECT_EQ(SecItemCopyMatching(query("a")), errSecInteractionNotAllowed);
-  EXPECT_EQ(SecItemAdd(query("a")), errSecInteractionNotAllowed);
-  EXPECT_EQ(SecItemDelete(query("a")), errSecInteractionNotAllowed);
-  EXPECT_EQ(device_.root().read("device/keychain.db"), garbage);  // left as it was
+// Each round adds an item of the writer's own and overwrites the shared one, reading both
+// back; returns how many steps failed.
+int addAndOverwrite(int writer, int rounds) {
+  int failures = 0;
+  for (int round = 0; round < rounds; ++round) {
+    std::string own = "writer" + std::to_string(writer) + "-" + std::to_string(round);
+    failures += SecItemAdd(query(own.c_str(), {{kSecValueData, bytes(own)}})) != errSecSuccess;
+    failures +=
+        SecItemUpdate(query("shared"), Value::dict({{kSecValueData, bytes(own)}})) != errSecSuccess;
+    failures += readText(own.c_str()) != own;
+    failures += !readText("shared").starts_with("writer");
+  }
+  return failures;
+}
+
+void expectEveryItemKept(int writers, int rounds) {
+  for (int writer = 0; writer < writers; ++writer) {
+    for (int round = 0; round < rounds; ++round) {
+      std::string own = "writer" + std::to_string(writer) + "-" + std::to_string(round);
+      EXPECT_EQ(readText(own.c_str()), own);
+    }
+  }
+  EXPECT_TRUE(readText("shared").ends_with("-" + std::to_string(rounds - 1)));
 }
 
 TEST_F(KeychainItems, ThreadsShareTheKeychainSafely) {
-  std::vector<std::thread> threads;
+  ASSERT_EQ(SecItemAdd(query("shared", {{kSecValueData, bytes("start")}})), errSecSuccess);
   std::atomic<int> failures{0};
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([t, &failures] {
-      for (int round = 0; round < 20; ++round) {
-        std::string account = "t" + std::to_string(t) + "-" + std::to_string(round);
-        if (SecItemAdd(query(account.c_str(), {{kSecValueData, bytes(account)}})) !=
-                errSecSuccess ||
-            readText(account.c_str()) != account) {
-          ++failures;
-        }
-      }
-    });
-  }
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([t, &failures] { failures += addAndOverwrite(t, 20); });
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(failures.load(), 0);
+  expectEveryItemKept(4, 20);
 }
 
-// Each child adds its own items and overwrites one shared item in a loop, reading both
-// back every time; the parent then checks that every item arrived.
 TEST_F(KeychainItems, ConcurrentProcessesLoseNothing) {
   constexpr int kChildren = 2;
   constexpr int kRounds = 60;
@@ -214,40 +216,15 @@ TEST_F(KeychainItems, ConcurrentProcessesLoseNothing) {
   for (int child = 0; child < kChildren; ++child) {
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
-    if (pid > 0) {
-      children.push_back(pid);
-      continue;
-    }
-    int failures = 0;
-    for (int round = 0; round < kRounds; ++round) {
-      std::string own = "own-" + std::to_string(child) + "-" + std::to_string(round);
-      std::string text = "child" + std::to_string(child) + "-" + std::to_string(round);
-      if (SecItemAdd(query(own.c_str(), {{kSecValueData, bytes(text)}})) != errSecSuccess) {
-        ++failures;
-      }
-      if (SecItemUpdate(query("shared"), Value::dict({{kSecValueData, bytes(text)}})) !=
-          errSecSuccess) {
-        ++failures;
-      }
-      if (readText(own.c_str()) != text) ++failures;
-      std::string shared = readText("shared");
-      if (!shared.starts_with("child")) ++failures;
-    }
-    _exit(failures == 0 ? 0 : 1);
+    if (pid == 0) _exit(addAndOverwrite(child, kRounds) == 0 ? 0 : 1);
+    children.push_back(pid);
   }
   for (pid_t pid : children) {
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
   }
-  for (int child = 0; child < kChildren; ++child) {
-    for (int round = 0; round < kRounds; ++round) {
-      std::string own = "own-" + std::to_string(child) + "-" + std::to_string(round);
-      EXPECT_EQ(readText(own.c_str()),
-                "child" + std::to_string(child) + "-" + std::to_string(round));
-    }
-  }
-  EXPECT_TRUE(readText("shared").ends_with("-" + std::to_string(kRounds - 1)));
+  expectEveryItemKept(kChildren, kRounds);
 }
 
 // Keeps the system-log lines while it lives.
@@ -300,6 +277,7 @@ TEST_F(KeychainFailures, ABusyDatabaseIsWaitedOutBrieflyWithoutBlockingOtherThre
   EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(1));
   writer.join();
   EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(6));
+  EXPECT_EQ(readText("a"), "before");
   EXPECT_TRUE(log_->contains("database is locked"));
 
   std::thread releaser([&] {
@@ -310,8 +288,7 @@ TEST_F(KeychainFailures, ABusyDatabaseIsWaitedOutBrieflyWithoutBlockingOtherThre
   releaser.join();
 }
 
-// A disk under the store that fails one way: writes fail, or the write lock is always
-// taken, or the commit's sync fails.
+// A disk under the store that fails one way: writes fail, or the commit's sync fails.
 class FailingDisk : public SQLiteIO {
  public:
   explicit FailingDisk(int code) : code_(code) {}
@@ -321,13 +298,6 @@ class FailingDisk : public SQLiteIO {
   }
   int sync(const File& file, int flags) override {
     return code_ == SQLITE_IOERR_FSYNC ? code_ : SQLiteIO::sync(file, flags);
-  }
-  int shmLock(const File& file, int offset, int count, int flags) override {
-    // Offset 0 is the write-ahead log's writer lock.
-    bool takesWriteLock =
-        offset == 0 && (flags & SQLITE_SHM_LOCK) && (flags & SQLITE_SHM_EXCLUSIVE);
-    return code_ == SQLITE_BUSY && takesWriteLock ? SQLITE_BUSY
-                                                  : SQLiteIO::shmLock(file, offset, count, flags);
   }
 
  private:
@@ -339,7 +309,6 @@ class FailingDisk : public SQLiteIO {
 TEST_F(KeychainFailures, AFailedWriteLosesNothingStoredBefore) {
   const std::pair<int, const char*> faults[] = {{SQLITE_FULL, "database or disk is full"},
                                                 {SQLITE_IOERR_WRITE, "disk I/O error"},
-                                                {SQLITE_BUSY, "database is locked"},
                                                 {SQLITE_IOERR_FSYNC, "disk I/O error"}};
   ASSERT_EQ(failedWrite("kept", "v0"), "");
   int round = 0;
@@ -364,7 +333,8 @@ TEST_F(KeychainFailures, AFailedWriteLosesNothingStoredBefore) {
 }
 
 // The store refuses what it cannot trust and leaves it as it is: keychain.db as a symbolic
-// link (also a dangling one), a device directory others can write, a newer schema.
+// link (also a dangling one), a device directory others can write, a newer schema, and a
+// file that is no database at all.
 TEST_F(KeychainFailures, UntrustworthyFilesAreRefusedAndLeftAlone) {
   std::string device = device_.deviceDirectory(), elsewhere = device_.root().file("other.db");
   std::filesystem::create_directories(device);
@@ -391,6 +361,13 @@ TEST_F(KeychainFailures, UntrustworthyFilesAreRefusedAndLeftAlone) {
   EXPECT_NE(failedWrite("a", "x").find("schema version 99"), npos);
   EXPECT_EQ(device_.root().read("device/keychain.db"), original);
   EXPECT_FALSE(std::filesystem::exists(keychainDatabasePath() + "-wal"));
+
+  std::string garbage(8192, '\x5a');
+  device_.root().write("device/keychain.db", garbage);
+  EXPECT_EQ(SecItemCopyMatching(query("a")), errSecInteractionNotAllowed);
+  EXPECT_EQ(SecItemAdd(query("a")), errSecInteractionNotAllowed);
+  EXPECT_EQ(SecItemDelete(query("a")), errSecInteractionNotAllowed);
+  EXPECT_EQ(device_.root().read("device/keychain.db"), garbage);
 }
 
 }  // namespace
