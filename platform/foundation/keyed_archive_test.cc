@@ -48,7 +48,10 @@ std::string unarchiveFailure(const Data& data) {
 }
 
 TEST(KeyedArchive, NestedValuesRoundTripWithTheirTypes) {
-  Value nested = Value::dict({
+  // Enough objects for two-byte references, and counts that need their own integer.
+  Array many;
+  for (int i = 0; i < 300; ++i) many.push_back("a longer string number " + std::to_string(i));
+  const Value nested = Value::dict({
       {"string", "héllo"},
       {"integer", -42},
       {"big", 9007199254740993LL},
@@ -62,13 +65,8 @@ TEST(KeyedArchive, NestedValuesRoundTripWithTheirTypes) {
       {"records", Value(Set{Value::dict({{"userId", "u1"}, {"mailingId", 7}}),
                             Value::dict({{"userId", "u2"}})})},
       {"list", Value::array({Value::array({}), Value::dict({}), "x", "x", 1, "🙂 ünïcode"})},
+      {"many", Value(many)},
   });
-  // Enough objects for two-byte references, and counts that need their own integer.
-  Array many;
-  for (int i = 0; i < 300; ++i) many.push_back("a longer string number " + std::to_string(i));
-  Dictionary withMany = *nested.asDictionary();
-  withMany[Value("many")] = Value(many);
-  nested = Value(withMany);
   Value decoded = roundTrip(nested);
   EXPECT_EQ(decoded, nested);
   // Numbers compare across kinds, so check that kinds survive too.
@@ -187,24 +185,21 @@ TEST(KeyedArchive, DeepAndExplodingArchivesAreRefused) {
 
 TEST(KeyedArchive, ValuesAnArchiveCannotHoldAreRefusedOnWriting) {
   Value nestedTooDeep = "bottom";
-  for (int i = 0; i <= KeyedUnarchiver::kMaxDepth; ++i)
+  for (int i = 0; i <= KeyedUnarchiver::kMaxDepth; ++i) {
     nestedTooDeep = Value::array({nestedTooDeep});
-  ErrorPtr error;
-  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(nestedTooDeep, &error));
-  ASSERT_TRUE(error);
-  EXPECT_NE(error->localizedDescription().find("nested deeper"), std::string::npos);
-
-  error = nullptr;
-  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(Value(std::string("caf\xe9")), &error));
-  ASSERT_TRUE(error);
-  EXPECT_NE(error->localizedDescription().find("not UTF-8"), std::string::npos);
-  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(Value(std::string("a\0b", 3))));
-
-  error = nullptr;
-  Value withError = Value::array({Value(ObjectPtr(Error::make("domain", 1)))});
-  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(withError, &error));
-  ASSERT_TRUE(error);
-  EXPECT_NE(error->localizedDescription().find("NSError"), std::string::npos);
+  }
+  const std::pair<Value, const char*> cases[] = {
+      {nestedTooDeep, "nested deeper"},
+      {Value(std::string("caf\xe9")), "not UTF-8"},
+      {Value(std::string("a\0b", 3)), ""},
+      {Value::array({Value(ObjectPtr(Error::make("domain", 1)))}), "NSError"},
+  };
+  for (const auto& [value, reason] : cases) {
+    ErrorPtr error;
+    EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(value, &error)) << reason;
+    ASSERT_TRUE(error) << reason;
+    EXPECT_NE(error->localizedDescription().find(reason), std::string::npos);
+  }
 }
 
 }  // namespace
