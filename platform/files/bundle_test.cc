@@ -81,21 +81,5 @@ TEST(BundleTest, FindsResourcesInsideTheBundleOnly) {
   EXPECT_FALSE(bundle.pathForResource("", ""));
 }
 
-// The host names the main bundle; a test device names its own and puts back what was there.
-TEST(BundleTest, MainBundleIsTheOneTheHostNames) {
-  Bundle::setMain("");
-  EXPECT_FALSE(Bundle::main());
-  const std::string deviceBefore = Device::directory();
-  {
-    testing::ScopedDevice device("com.example.main");
-    auto main = Bundle::main();
-    ASSERT_TRUE(main);
-    EXPECT_EQ(main->bundlePath(), device.bundleDirectory());
-    EXPECT_EQ(main->bundleIdentifier(), "com.example.main");
-  }
-  EXPECT_EQ(Device::directory(), deviceBefore);
-  EXPECT_FALSE(Bundle::main());
-}
-
 }  // namespace
 }  // namespace pnx

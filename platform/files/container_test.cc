@@ -41,6 +41,7 @@ TEST(ContainerTest, LaysOutPrivateDirectoriesPerBundleOnDemand) {
   EXPECT_EQ(modeOf(device.deviceDirectory()), 0700u);
 
   Bundle::setMain("");
+  EXPECT_FALSE(Bundle::main());
   EXPECT_EQ(Container::root(), device.deviceDirectory() + "/containers/unknown.bundle");
   device.writeBundleFile("Info.plist", testing::ScopedDevice::infoPlist("../escape"));
   EXPECT_EQ(Container::root(), device.deviceDirectory() + "/containers/.._escape");

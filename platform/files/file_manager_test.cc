@@ -70,7 +70,6 @@ TEST_F(FileManagerTest, MovesAndCopiesNeverOverwrite) {
     }
   }
   ErrorPtr error;
-
   EXPECT_TRUE(files.moveItem(a, dir.file("moved.db"), &error));
   EXPECT_FALSE(files.fileExists(a));
   EXPECT_EQ(dir.read("moved.db"), "old");
