@@ -149,28 +149,23 @@ TEST(KeyedArchive, MalformedArchivesRaiseTheUnarchiveException) {
   }
 }
 
-// Deep chains and widely shared objects are refused rather than exhausting the stack or
-// memory; both are linear in the input, so they finish quickly.
-TEST(KeyedArchive, DeepAndExplodingArchivesAreRefused) {
-  Array deep{"$null", classEntry("NSArray")};
-  for (int i = 0; i < 1000; ++i) {
-    std::int64_t next = static_cast<std::int64_t>(deep.size()) + 1;
-    deep.push_back(
-        Value::dict({{"$class", uidRef(1)}, {"NS.objects", Value::array({uidRef(next)})}}));
+// An archive of arrays `levels` deep, each holding the next one `width` times.
+Data nestedArrays(int levels, std::size_t width) {
+  Array objects{"$null", classEntry("NSArray")};
+  for (int i = 0; i < levels; ++i) {
+    const Value next = uidRef(static_cast<std::int64_t>(objects.size()) + 1);
+    objects.push_back(
+        Value::dict({{"$class", uidRef(1)}, {"NS.objects", Value(Array(width, next))}}));
   }
-  deep.push_back("bottom");
-  EXPECT_NE(unarchiveFailure(archiveWith(deep, uidRef(2))).find("nested deeper"),
-            std::string::npos);
+  objects.push_back("leaf");
+  return archiveWith(objects, uidRef(2));
+}
 
-  // Each level holds the next one twice: 2^60 objects once expanded.
-  Array doubling{"$null", classEntry("NSArray")};
-  for (int i = 0; i < 60; ++i) {
-    Value next = uidRef(static_cast<std::int64_t>(doubling.size()) + 1);
-    doubling.push_back(
-        Value::dict({{"$class", uidRef(1)}, {"NS.objects", Value::array({next, next})}}));
-  }
-  doubling.push_back("leaf");
-  EXPECT_NE(unarchiveFailure(archiveWith(doubling, uidRef(2))).find("expands"), std::string::npos);
+// Deep chains and widely shared objects (2^60 once expanded) are refused rather than
+// exhausting the stack or memory; both checks are linear in the input.
+TEST(KeyedArchive, DeepAndExplodingArchivesAreRefused) {
+  EXPECT_NE(unarchiveFailure(nestedArrays(1000, 1)).find("nested deeper"), std::string::npos);
+  EXPECT_NE(unarchiveFailure(nestedArrays(60, 2)).find("expands"), std::string::npos);
 }
 
 TEST(KeyedArchive, ValuesAnArchiveCannotHoldAreRefusedOnWriting) {
