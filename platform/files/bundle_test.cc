@@ -81,15 +81,5 @@ TEST(BundleTest, FindsResourcesInsideTheBundleOnly) {
   EXPECT_FALSE(bundle.pathForResource("", ""));
 }
 
-TEST(BundleTest, MainBundleIsTheOneTheHostNames) {
-  Bundle::setMain("");
-  EXPECT_FALSE(Bundle::main());
-  testing::ScopedDevice device("com.example.main");
-  auto main = Bundle::main();
-  ASSERT_TRUE(main);
-  EXPECT_EQ(main->bundlePath(), device.bundleDirectory());
-  EXPECT_EQ(main->bundleIdentifier(), "com.example.main");
-}
-
 }  // namespace
 }  // namespace pnx

@@ -1,24 +1,16 @@
-// Test fixtures shared by every subsystem's tests.
-//
-// TempDir: a fresh directory under $TMPDIR (or /tmp), removed with everything in it when
-// the object goes away, even where a test left read-only directories behind.
-// ScopedDevice: points the device directory and the main bundle at temporary directories
-// for the lifetime of the object, and restores the previous ones afterwards. The bundle
-// holds an Info.plist with the given bundle identifier; tests add PnxConfig.json and
-// other resources with writeBundleFile().
-//
-// These helpers use std::filesystem directly, not FileManager, so that they keep working
-// while a test has installed a failing FileManager.
-//
-// Note: inside `namespace pnx`, name GoogleTest's namespace as `::testing`.
-// Not thread-safe: build and destroy them on the test's main thread.
+// Test fixtures shared by every subsystem's tests. They use std::filesystem, not
+// FileManager, so they keep working while a test has installed a failing FileManager.
+// Inside `namespace pnx`, name GoogleTest's namespace `::testing`. Build and destroy them
+// on the test's main thread.
 #pragma once
 
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -29,6 +21,8 @@
 
 namespace pnx::testing {
 
+// A fresh directory under $TMPDIR (or /tmp), removed with everything in it at the end,
+// read-only directories included.
 class TempDir {
  public:
   TempDir() {
@@ -45,8 +39,7 @@ class TempDir {
   // <path>/<name>; nothing is created.
   std::string file(std::string_view name) const { return path_ + "/" + std::string(name); }
 
-  // Writes text to <path>/<relativePath>, creating the directories on the way; returns the
-  // full path.
+  // Writes <path>/<relativePath>, creating the directories on the way; returns its path.
   std::string write(std::string_view relativePath, std::string_view text) const {
     std::string full = file(relativePath);
     std::filesystem::create_directories(std::filesystem::path(full).parent_path());
@@ -65,8 +58,6 @@ class TempDir {
   }
 
  private:
-  // Makes every directory writable again before removing, so that a test that left a
-  // read-only tree behind still gets cleaned up.
   static void removeTree(const std::filesystem::path& root) {
     namespace fs = std::filesystem;
     std::error_code ec;
@@ -82,6 +73,8 @@ class TempDir {
   std::string path_;
 };
 
+// Points the device directory and the main bundle (holding an Info.plist with the given
+// identifier) at temporary directories, and restores the previous ones afterwards.
 class ScopedDevice {
  public:
   explicit ScopedDevice(std::string bundleIdentifier = "com.example.pnx.tests")
@@ -103,8 +96,8 @@ class ScopedDevice {
   std::string bundleDirectory() const { return root_.file("Bundle.app"); }
   TempDir& root() { return root_; }
 
-  // Writes a file into the bundle and names the bundle main again, so that a replaced
-  // Info.plist is read anew. Returns the file's full path.
+  // Writes a bundle file and names the bundle main again, so that a replaced Info.plist is
+  // read anew. Returns the file's full path.
   std::string writeBundleFile(std::string_view relativePath, std::string_view text) {
     std::string full = root_.write("Bundle.app/" + std::string(relativePath), text);
     Bundle::setMain(bundleDirectory());
@@ -124,5 +117,28 @@ class ScopedDevice {
   bool deviceWasDefault_;
   std::string previousBundle_;
 };
+
+// Sets an environment variable for one scope (nullptr unsets it).
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value) : name_(name) {
+    if (const char* old = getenv(name)) old_ = old;
+    value ? setenv(name, value, 1) : unsetenv(name);
+  }
+  ~ScopedEnv() { old_ ? setenv(name_, old_->c_str(), 1) : unsetenv(name_); }
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+// The permission bits of a file (0 when it can't be examined).
+inline mode_t modeOf(const std::string& path) {
+  struct stat info {};
+  stat(path.c_str(), &info);
+  return info.st_mode & 07777;
+}
 
 }  // namespace pnx::testing

@@ -5,11 +5,12 @@
 #include <time.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <limits>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "platform/files/fixtures_test.h"
 
 namespace pnx {
 namespace {
@@ -17,28 +18,8 @@ namespace {
 constexpr double kJune30 = 1625065452;  // 2021-06-30 15:04:12 UTC
 constexpr double kJan15 = 1610723052;   // 2021-01-15 15:04:12 UTC
 
-// Sets TZ for one test and puts the previous value back.
-class ScopedTimeZone {
- public:
-  explicit ScopedTimeZone(const char* zone) {
-    if (const char* old = std::getenv("TZ")) saved_ = old;
-    setenv("TZ", zone, 1);
-  }
-  ~ScopedTimeZone() {
-    if (saved_.empty()) {
-      unsetenv("TZ");
-    } else {
-      setenv("TZ", saved_.c_str(), 1);
-    }
-    tzset();
-  }
-
- private:
-  std::string saved_;
-};
-
 TEST(DateTest, DescriptionAndISO8601AreUTC) {
-  ScopedTimeZone zone("Asia/Tokyo");  // must not leak into either text
+  testing::ScopedEnv zone("TZ", "Asia/Tokyo");  // must not leak into either text
   EXPECT_EQ(Date(kJune30).description(), "2021-06-30 15:04:12 +0000");
   EXPECT_EQ(Date(kJune30).iso8601(), "2021-06-30T15:04:12Z");
   EXPECT_EQ(Date(kJune30 + 0.25).iso8601(), "2021-06-30T15:04:12.250Z");
@@ -68,7 +49,7 @@ TEST(DateTest, ParsesISO8601WithFractionsAndOffsets) {
 }
 
 TEST(DateTest, FormatterUsesTheLocalZoneWithDaylightSaving) {
-  ScopedTimeZone zone("Europe/Berlin");
+  testing::ScopedEnv zone("TZ", "Europe/Berlin");
   const DateFormatter stamp("[yyyy-MM-dd'T'HH:mm:ssZZZ] ");
   EXPECT_EQ(stamp.stringFromDate(Date(kJune30)), "[2021-06-30T17:04:12+0200] ");
   EXPECT_EQ(stamp.stringFromDate(Date(kJan15)), "[2021-01-15T16:04:12+0100] ");

@@ -29,22 +29,20 @@ TEST(ErrorTest, DescriptionListsUserInfoInDictionaryOrder) {
             "Error Domain=D Code=2 \"The operation couldn\u2019t be completed. (D error 2.)\"");
 }
 
-TEST(ErrorTest, UnderlyingErrorOrExceptionByType) {
+// Each accessor answers only for an object of its own type.
+TEST(ErrorTest, UnderlyingErrorExceptionAndURLByType) {
   ErrorPtr inner = Error::make(NSPOSIXErrorDomain, 2);
+  auto exception = std::make_shared<Exception>(NSInvalidArgumentException, "bad archive");
+  auto url = std::make_shared<URL>(URL::fileURL("/tmp/x"));
   Error outer("D", 1, Value::dict({{NSUnderlyingErrorKey, Value(ObjectPtr(inner))}}));
+  Error wrapped("D", 1, Value::dict({{NSUnderlyingErrorKey, Value(ObjectPtr(exception))}}));
+  Error failing("D", 1, Value::dict({{NSURLErrorKey, Value(ObjectPtr(url))}}));
   EXPECT_EQ(outer.underlyingError(), inner);
   EXPECT_EQ(outer.underlyingException(), nullptr);
-  EXPECT_EQ(outer.url(), nullptr);
-
-  auto exception = std::make_shared<Exception>(NSInvalidArgumentException, "bad archive");
-  Error wrapped("D", 1, Value::dict({{NSUnderlyingErrorKey, Value(ObjectPtr(exception))}}));
   EXPECT_EQ(wrapped.underlyingException(), exception);
   EXPECT_EQ(wrapped.underlyingError(), nullptr);
-
-  auto url = std::make_shared<URL>(URL::fileURL("/tmp/x"));
-  Error failing("D", 1, Value::dict({{NSURLErrorKey, Value(ObjectPtr(url))}}));
   EXPECT_EQ(failing.url(), url);
-  EXPECT_EQ(failing.underlyingError(), nullptr);
+  EXPECT_EQ(outer.url(), nullptr);
 }
 
 TEST(ErrorTest, EqualityAndHashingByValue) {
@@ -52,9 +50,10 @@ TEST(ErrorTest, EqualityAndHashingByValue) {
   Value same(ObjectPtr(Error::withDescription("D", 1, "x")));
   EXPECT_EQ(a, same);
   EXPECT_EQ(a.hash(), same.hash());
-  EXPECT_FALSE(a == Value(ObjectPtr(Error::withDescription("D", 1, "y"))));
-  EXPECT_FALSE(a == Value(ObjectPtr(Error::withDescription("E", 1, "x"))));
-  EXPECT_FALSE(a == Value(ObjectPtr(Error::withDescription("D", 2, "x"))));
+  for (ErrorPtr other : {Error::withDescription("D", 1, "y"), Error::withDescription("E", 1, "x"),
+                         Error::withDescription("D", 2, "x")}) {
+    EXPECT_NE(a, Value(ObjectPtr(other))) << other->description();
+  }
   EXPECT_TRUE(Error("D", 1).isEqual(Error("D", 1, Value())));
 
   // Exceptions compare by name and reason; userInfo does not matter.
@@ -62,8 +61,8 @@ TEST(ErrorTest, EqualityAndHashingByValue) {
   Value e2(ObjectPtr(std::make_shared<Exception>("N", "R")));
   EXPECT_EQ(e1, e2);
   EXPECT_EQ(e1.hash(), e2.hash());
-  EXPECT_FALSE(e1 == Value(ObjectPtr(std::make_shared<Exception>("N", "other"))));
-  EXPECT_FALSE(a == e1);
+  EXPECT_NE(e1, Value(ObjectPtr(std::make_shared<Exception>("N", "other"))));
+  EXPECT_NE(a, e1);
 }
 
 }  // namespace

@@ -69,7 +69,7 @@ TEST(FormatTest, AnnotationsLiteralsAndUnknownConversions) {
   EXPECT_EQ(format("%p %p", 0, 0x1f), "0x0 0x1f");
 }
 
-TEST(FormatTest, ExcerptsEscapeWhatCouldDriveATerminal) {
+TEST(FormatTest, ExcerptsEscapeWhatCouldDriveATerminalAndCutLongText) {
   EXPECT_EQ(excerpt("caf\xc3\xa9 \xe2\x80\x9cok\xe2\x80\x9d"),
             "caf\xc3\xa9 \xe2\x80\x9cok\xe2\x80\x9d");
   const char controls[] = "a\0b\x1b[31m\n\t\x7f";
@@ -80,9 +80,7 @@ TEST(FormatTest, ExcerptsEscapeWhatCouldDriveATerminal) {
                     "2J \xe2\x80\xae"
                     "evil \xff\xc3"),
             "\\u009b2J \\u202eevil \\xff\\xc3");
-}
-
-TEST(FormatTest, ExcerptsCutLongTextAtACharacterBoundary) {
+  // Long text is cut at a character boundary.
   const std::string long_(100000, 'x');
   EXPECT_EQ(excerpt(long_), std::string(kExcerptLength, 'x') + "\u2026 (99920 more bytes)");
   EXPECT_EQ(excerpt("ab\xc3\xa9", 3), "ab\u2026 (2 more bytes)");

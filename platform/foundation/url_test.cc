@@ -103,7 +103,6 @@ TEST(URLTest, FileURLsAndEquality) {
   EXPECT_EQ(file.absoluteString(), "file:///tmp/My%20File.png");
   EXPECT_TRUE(file.isFileURL());
   EXPECT_EQ(file.path(), "/tmp/My File.png");
-  EXPECT_EQ(file.lastPathComponent(), "My File.png");
   EXPECT_TRUE(file.isEqual(*URL::parse("file:///tmp/My%20File.png")));
   EXPECT_FALSE(file.isEqual(URL::fileURL("/tmp/other")));
 }

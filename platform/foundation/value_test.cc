@@ -34,91 +34,47 @@ Value tag(int id) {
   return Value(ObjectPtr(std::make_shared<Tag>(id)));
 }
 
-TEST(ValueTest, NumbersCompareExactlyAcrossKinds) {
-  EXPECT_EQ(Value(true), Value(1));
-  EXPECT_EQ(Value(false), Value(0.0));
-  EXPECT_EQ(Value(5), Value(5.0));
-  EXPECT_EQ(Value(0), Value(-0.0));
-  EXPECT_LT(Value(1), Value(1.5));
-  EXPECT_LT(Value(-2), Value(-1.5));
-  EXPECT_GT(Value(-1), Value(-1.5));
-  // 2^63 as a double is above INT64_MAX even though converting would round them equal.
-  EXPECT_LT(Value(kInt64Max), Value(9223372036854775808.0));
-  EXPECT_EQ(Value(kInt64Min), Value(-9223372036854775808.0));
-  // 2^53 + 1 has no double; it must not compare equal to its nearest double.
-  EXPECT_GT(Value(std::int64_t{9007199254740993}), Value(9007199254740992.0));
-  // NaN equals NaN and sorts after every other number.
-  EXPECT_EQ(Value(kNaN), Value(-kNaN));
-  EXPECT_LT(Value(kInf), Value(kNaN));
-  EXPECT_LT(Value(kInt64Max), Value(kNaN));
-  EXPECT_LT(Value(kNaN), Value(""));
-}
-
-TEST(ValueTest, EqualNumbersHashAlikeAndCollapse) {
-  EXPECT_EQ(Value(5).hash(), Value(5.0).hash());
-  EXPECT_EQ(Value(true).hash(), Value(1).hash());
-  EXPECT_EQ(Value(-0.0).hash(), Value(0).hash());
-  EXPECT_EQ(Value(kNaN).hash(), Value(-kNaN).hash());
-  EXPECT_EQ(Value(kInt64Min).hash(), Value(-9223372036854775808.0).hash());
-  EXPECT_EQ(Value::array({1, 2.0}).hash(), Value::array({1.0, 2}).hash());
-
+TEST(ValueTest, EqualNumbersOfAnyKindAreOneValue) {
+  const std::pair<Value, Value> equal[] = {
+      {true, 1},
+      {false, 0.0},
+      {5, 5.0},
+      {0, -0.0},
+      {kNaN, -kNaN},
+      {kInt64Min, -9223372036854775808.0},
+      {Value::array({1, 2.0}), Value::array({1.0, 2})},
+      {Value::dict({{"n", 3}, {"ok", true}}), Value::dict({{"n", 3.0}, {"ok", 1}})},
+      {Value(Set{Value(2)}), Value(Set{Value(2.0)})},
+  };
+  for (const auto& [a, b] : equal) {
+    EXPECT_EQ(a, b) << a.description();
+    EXPECT_EQ(a.hash(), b.hash()) << a.description();
+  }
   EXPECT_EQ(Value(Set{Value(1), Value(1.0), Value(true), Value(2)}).size(), 2u);
   Dictionary dict{{Value(1), Value("one")}, {Value(Set{Value(2)}), Value("set")}};
-  EXPECT_EQ(Value(dict).get(Value(1.0)), Value("one"));
   EXPECT_EQ(Value(dict).get(Value(true)), Value("one"));
   EXPECT_EQ(Value(dict).get(Value(Set{Value(2.0)})), Value("set"));
-  // Records that differ only in number kind are the same record.
-  Set records{Value::dict({{"n", 3}, {"ok", true}}), Value::dict({{"n", 3.0}, {"ok", 1}})};
-  EXPECT_EQ(records.size(), 1u);
 }
 
 TEST(ValueTest, OrderIsTotalAndAgreesWithHash) {
-  const std::vector<Value> values = {
-      Value(),
-      Value(false),
-      Value(-1.5),
-      Value(kInt64Max),
-      Value(kNaN),
-      Value(""),
-      Value("a"),
-      Value("\xc3\xa9"),
-      Value(Date(0)),
-      Value(Date(1)),
-      Value(Data{}),
-      Value(Data{0}),
-      Value::array({}),
-      Value::array({1}),
-      Value::array({1.0, "x"}),
-      Value::dict({}),
-      Value::dict({{"a", 1}}),
-      Value::dict({{"a", 2}}),
-      Value(Set{}),
-      Value(Set{Value(1)}),
-      tag(1),
-      tag(2),
-      tag(3),
-      Value(1),
-  };
-  for (const Value& a : values) {
-    for (const Value& b : values) {
-      EXPECT_EQ(a.compare(b), -b.compare(a)) << a.description() << " vs " << b.description();
-      if (a == b) {
-        EXPECT_EQ(a.hash(), b.hash()) << a.description();
-      }
-      for (const Value& c : values) {
-        if (a < b && b < c) {
-          EXPECT_LT(a, c);
-        }
-      }
-    }
-  }
-  // Families in order, and within each by value; strings bytewise.
+  // Families in order, each by value. Numbers compare exactly: 2^53 + 1 is above its
+  // nearest double, 2^63 as a double above INT64_MAX; NaN sorts after every number.
+  // Strings compare bytewise.
   const std::vector<Value> ascending = {
       Value(),
       Value(-kInf),
+      Value(-2),
+      Value(-1.5),
+      Value(-1),
       Value(false),
       Value(0.5),
       Value(true),
+      Value(1.5),
+      Value(9007199254740992.0),
+      Value(std::int64_t{9007199254740993}),
+      Value(kInt64Max),
+      Value(9223372036854775808.0),
+      Value(kInf),
       Value(kNaN),
       Value(""),
       Value("Z"),
@@ -132,6 +88,7 @@ TEST(ValueTest, OrderIsTotalAndAgreesWithHash) {
       Value::array({}),
       Value::array({1}),
       Value::array({1, 0}),
+      Value::array({1.0, "x"}),
       Value::array({2}),
       Value::dict({}),
       Value::dict({{"a", 1}}),
@@ -144,13 +101,24 @@ TEST(ValueTest, OrderIsTotalAndAgreesWithHash) {
   for (std::size_t i = 0; i + 1 < ascending.size(); ++i) {
     EXPECT_LT(ascending[i], ascending[i + 1]) << i;
   }
-}
-
-TEST(ValueTest, ObjectsAreEqualByIsEqual) {
+  // tag(1) and tag(3) hash alike but differ.
+  std::vector<Value> values = ascending;
+  values.insert(values.end(), {tag(1), tag(2), tag(3), Value(1), Value(0.0)});
+  for (const Value& a : values) {
+    for (const Value& b : values) {
+      EXPECT_EQ(a.compare(b), -b.compare(a)) << a.description() << " vs " << b.description();
+      if (a == b) {
+        EXPECT_EQ(a.hash(), b.hash()) << a.description();
+      }
+      for (const Value& c : values) {
+        if (a < b && b < c) {
+          EXPECT_LT(a, c);
+        }
+      }
+    }
+  }
   EXPECT_EQ(tag(1), tag(1));
-  EXPECT_NE(tag(1).compare(tag(3)), 0);  // same hash, not equal
   EXPECT_EQ(Value(Set{tag(1), tag(1), tag(3)}).size(), 2u);
-  EXPECT_EQ(tag(1).className(), "Tag");
   EXPECT_EQ(Value::array({tag(4)}).description(), "(\n    <Tag 4>\n)");
 }
 
@@ -173,7 +141,6 @@ TEST(ValueTest, ConstructionAndNumericReadings) {
   EXPECT_EQ(dict["a"], Value(2));
   EXPECT_TRUE(dict["missing"].isNull());
   EXPECT_TRUE(Value(3)["a"].isNull());
-  EXPECT_EQ(&dict["missing"], &Value::array({})["x"]);  // one shared null
   EXPECT_EQ(Value("h\xc3\xa9").size(), 3u);
 }
 
@@ -226,16 +193,14 @@ TEST(ValueTest, DescriptionOfNestedContainers) {
   EXPECT_EQ(Value::dict({{"k-1.$_:/", "v"}}).description(), "{\n    k-1.$_:/ = v;\n}");
 }
 
+// NSDate, NSData and NSSet are checked through the JSON writer's messages.
 TEST(ValueTest, ClassNames) {
   EXPECT_EQ(Value().className(), "NSNull");
   EXPECT_EQ(Value(false).className(), "NSNumber");
   EXPECT_EQ(Value(2.5).className(), "NSNumber");
   EXPECT_EQ(Value("").className(), "NSString");
-  EXPECT_EQ(Value(Date(0)).className(), "NSDate");
-  EXPECT_EQ(Value(Data{}).className(), "NSData");
   EXPECT_EQ(Value::array({}).className(), "NSArray");
   EXPECT_EQ(Value::dict({}).className(), "NSDictionary");
-  EXPECT_EQ(Value(Set{}).className(), "NSSet");
 }
 
 }  // namespace

@@ -10,13 +10,10 @@
 namespace pnx {
 namespace {
 
-// syslog(3) stamps its lines in local time, and so does DateFormatter: the first of them in
-// the process sets up the C library's zone. Here the system log goes first on one thread
-// and a formatter follows on another, ordered by nothing ThreadSanitizer counts as
-// synchronisation (a relaxed flag), as two unrelated threads of a program would be. Setting
-// up the zone twice, or tearing down one thread's set-up on the other, is a race it
-// reports. Meaningful in a process of its own, before anything else used the zone (ctest
-// runs each test so).
+// syslog(3) and DateFormatter both use the C library's zone, set up by whichever comes
+// first. The two run on two threads ordered only by a relaxed flag (no synchronisation to
+// ThreadSanitizer): setting up the zone twice is a race it reports. Meaningful only in a
+// process of its own (ctest runs each test so).
 TEST(SystemLogTest, TheFirstLineAndTheFirstLocalTimeOnTwoThreadsDoNotRace) {
   SystemLog::setSink(nullptr);  // syslog(3) itself
   std::atomic<bool> logged{false};
