@@ -57,41 +57,38 @@ class KeychainStore : public ::testing::Test {
   PNXKeychain store_{"svc"};
 };
 
-TEST_F(KeychainStore, SetObjectAddsAndThenUpdatesTheSameItem) {
+// Reads report no error when there is nothing to report: the sentinel stays in place.
+TEST_F(KeychainStore, SetObjectAddsThenUpdatesAndMissingItemsAreNullWithoutAnError) {
+  pnx::ErrorPtr error = sentinel();
+  EXPECT_TRUE(store_.objectForName("name", &error).isNull());
+  EXPECT_FALSE(store_.itemForName("name", &error));
   ASSERT_TRUE(store_.setObject("first", "name"));
   pnx::Clock::advance(30);
-  ASSERT_TRUE(store_.setObject(pnx::Value::array({pnx::Date(5), 7}), "name"));
-
-  pnx::ErrorPtr error = sentinel();
-  EXPECT_EQ(store_.objectForName("name", &error), pnx::Value::array({pnx::Date(5), 7}));
+  const pnx::Value value = pnx::Value::array({pnx::Date(5), 7});
+  ASSERT_TRUE(store_.setObject(value, "name"));
+  EXPECT_EQ(store_.objectForName("name", &error), value);
   auto item = store_.itemForName("name", &error);
   ASSERT_TRUE(item);
-  EXPECT_EQ(item->value(), pnx::Value::array({pnx::Date(5), 7}));
+  EXPECT_EQ(item->value(), value);
   EXPECT_EQ(item->created(), pnx::Date(1700000000));
   EXPECT_EQ(item->modified(), pnx::Date(1700000030));
+
+  // A stored null comes back as null, and as an item with no properties.
+  ASSERT_TRUE(store_.setObject(pnx::Value(), "nothing"));
+  EXPECT_TRUE(store_.objectForName("nothing", &error).isNull());
+  item = store_.itemForName("nothing", &error);
+  ASSERT_TRUE(item);
+  EXPECT_FALSE(item->created());
+  EXPECT_TRUE(item->value().isNull());
   EXPECT_EQ(error->domain(), "sentinel");
 
   EXPECT_TRUE(store_.removeObjectForName("name"));
   EXPECT_FALSE(store_.removeObjectForName("name"));
 }
 
-TEST_F(KeychainStore, AMissingItemIsNullWithoutAnError) {
-  pnx::ErrorPtr error = sentinel();
-  EXPECT_TRUE(store_.objectForName("never", &error).isNull());
-  EXPECT_FALSE(store_.itemForName("never", &error));
-  EXPECT_EQ(error->domain(), "sentinel");
-
-  // A stored null comes back as null, and as an item with no properties.
-  ASSERT_TRUE(store_.setObject(pnx::Value(), "nothing"));
-  EXPECT_TRUE(store_.objectForName("nothing", &error).isNull());
-  auto item = store_.itemForName("nothing", &error);
-  ASSERT_TRUE(item);
-  EXPECT_FALSE(item->created());
-  EXPECT_TRUE(item->value().isNull());
-  EXPECT_EQ(error->domain(), "sentinel");
-}
-
-TEST_F(KeychainStore, DataThatIsNoArchiveIsAnUnarchiveFailure) {
+// Data that is no archive is never handed to an update's change nor overwritten; a change
+// that returns nothing keeps the item.
+TEST_F(KeychainStore, DataThatIsNoArchiveIsAnUnarchiveFailureAndIsNeverOverwritten) {
   ASSERT_EQ(addRawItem("junk", pnx::kSecAttrAccessibleAlwaysThisDeviceOnly, "not an archive"),
             pnx::errSecSuccess);
   pnx::ErrorPtr error;
@@ -105,8 +102,19 @@ TEST_F(KeychainStore, DataThatIsNoArchiveIsAnUnarchiveFailure) {
   error = nullptr;
   EXPECT_FALSE(store_.itemForName("junk", &error));
   ASSERT_TRUE(error);
-  EXPECT_EQ(error->code(), 104);
   EXPECT_EQ(error->localizedDescription(), "Keychain unarchive of <unknown> failed");
+
+  auto toOne = [](const pnx::Value& current) {
+    return current.isNull() ? std::optional<pnx::Value>(1) : std::nullopt;
+  };
+  error = nullptr;
+  EXPECT_FALSE(store_.updateObjectForName("junk", toOne, &error));
+  EXPECT_EQ(error->code(), 104);
+  EXPECT_TRUE(log_.contains("Could not update keychain name junk"));
+  EXPECT_EQ(store_.objectForName("junk", &error), pnx::Value());
+  EXPECT_TRUE(store_.updateObjectForName("fresh", toOne));
+  EXPECT_TRUE(store_.updateObjectForName("fresh", toOne));
+  EXPECT_EQ(store_.objectForName("fresh", &error), pnx::Value(1));
 
   EXPECT_TRUE(store_.userId().isNull());
   ASSERT_EQ(addRawItem("userId", pnx::kSecAttrAccessibleAlwaysThisDeviceOnly, "junk"),
@@ -148,7 +156,12 @@ TEST_F(KeychainStore, ItemsOfAnotherAccessibilityAreInvisibleButBlockTheAdd) {
   EXPECT_TRUE(log_.contains("Could not set keychain name name to value mine, return -25299"));
 }
 
-TEST_F(KeychainStore, TheGroupStoreUsesTheTeamsSharedGroup) {
+TEST_F(KeychainStore, TheGroupStoreUsesTheTeamsSharedGroupOrTheDefaultOne) {
+  useTeamId(std::nullopt);
+  EXPECT_FALSE(PNXKeychain::groupKeychain("PNX")->group());
+  EXPECT_TRUE(log_.contains(
+      "Can not create keychain group with teamId, there is no teamId in config file."));
+
   useTeamId(kTeamId);
   device_.writeBundleFile("Entitlements.plist", entitlementsPlist("ABCDE12345.PNX"));
   auto shared = PNXKeychain::groupKeychain("PNX");
@@ -158,6 +171,8 @@ TEST_F(KeychainStore, TheGroupStoreUsesTheTeamsSharedGroup) {
   shared->setUserId("user-1");
   EXPECT_EQ(shared->userId(), pnx::Value("user-1"));
   EXPECT_TRUE(shared->channelId().isNull());
+  shared->setChannelId("channel-1");
+  EXPECT_EQ(shared->channelId(), pnx::Value("channel-1"));
   EXPECT_TRUE(log_.contains("Set userId in shared keychain."));
   EXPECT_TRUE(log_.contains("Got channelId from shared keychain."));
   // Another store object of the same service and group sees the write at once.
@@ -171,16 +186,6 @@ TEST_F(KeychainStore, TheGroupStoreUsesTheTeamsSharedGroup) {
   pnx::ErrorPtr error;
   EXPECT_TRUE(foreign.objectForName("userId", &error).isNull());
   EXPECT_EQ(error->code(), 104);
-}
-
-TEST_F(KeychainStore, WithoutATeamIdTheGroupStoreUsesTheDefaultGroup) {
-  useTeamId(std::nullopt);
-  auto shared = PNXKeychain::groupKeychain("PNX");
-  EXPECT_FALSE(shared->group());
-  EXPECT_TRUE(log_.contains(
-      "Can not create keychain group with teamId, there is no teamId in config file."));
-  shared->setChannelId("channel-1");
-  EXPECT_EQ(shared->channelId(), pnx::Value("channel-1"));
 }
 
 TEST_F(KeychainStore, TheDefaultStoreIsTheBundleIdentifiers) {
@@ -248,25 +253,6 @@ TEST_F(KeychainStore, ConcurrentWritersNeverCollideAndMergesLoseNothing) {
     merged.emplace(record["child"].integerValue(), record["i"].integerValue());
   }
   EXPECT_EQ(merged.size(), 2u * kRounds);
-}
-
-// Data that is no archive is never handed to the change nor overwritten; a change that
-// returns nothing keeps the item.
-TEST_F(KeychainStore, AnUpdateOfUnreadableDataFailsAndWritesNothing) {
-  ASSERT_EQ(addRawItem("junk", pnx::kSecAttrAccessibleAlwaysThisDeviceOnly, "not an archive"),
-            pnx::errSecSuccess);
-  auto toOne = [](const pnx::Value& current) {
-    return current.isNull() ? std::optional<pnx::Value>(1) : std::nullopt;
-  };
-  pnx::ErrorPtr error;
-  EXPECT_FALSE(store_.updateObjectForName("junk", toOne, &error));
-  EXPECT_EQ(error->code(), 104);
-  EXPECT_TRUE(log_.contains("Could not update keychain name junk"));
-  EXPECT_EQ(store_.objectForName("junk", &error), pnx::Value());
-
-  EXPECT_TRUE(store_.updateObjectForName("fresh", toOne));
-  EXPECT_TRUE(store_.updateObjectForName("fresh", toOne));
-  EXPECT_EQ(store_.objectForName("fresh", &error), pnx::Value(1));
 }
 
 }  // namespace
