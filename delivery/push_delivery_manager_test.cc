@@ -1,8 +1,6 @@
 #include "delivery/push_delivery_manager.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <future>
 #include <random>
@@ -187,22 +185,6 @@ TEST_F(DeliveryManagerTest, ErrorsWithoutStatusOnlyRequeue) {
   EXPECT_EQ(storedQueue(), (Set{recordFor("a"), recordFor("b")}));
   EXPECT_TRUE(stored(kRetryAfterItem).isNull());
   EXPECT_TRUE(server_.requests().empty());
-}
-
-TEST_F(DeliveryManagerTest, SendsOfAGoneProcessAreTakenBackAndSentAgain) {
-  pid_t child = fork();
-  if (child == 0) _exit(0);
-  waitpid(child, nullptr, 0);
-  ProcessIdentity gone{child, 1, ProcessIdentity::current().bootId};
-  ASSERT_TRUE(store_->setObject(
-      inFlightWith(Value(), "lost-send", inFlightEntry(gone, Date::now(), {recordFor("orphan")})),
-      kPushQueueInFlightItem));
-  EXPECT_EQ(manager_->inFlightRecords(), Set{recordFor("orphan")});
-
-  EXPECT_EQ(resend().sent, 1u);
-  EXPECT_EQ(sentRecords(), std::vector<Set>{{recordFor("orphan")}});
-  EXPECT_TRUE(manager_->inFlightRecords().empty());
-  EXPECT_EQ(storedQueue(), Set{});
 }
 
 TEST_F(DeliveryManagerTest, ConcurrentSendsInOneProcessLoseNothing) {
