@@ -14,11 +14,6 @@ namespace {
 
 class DatabasePathTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    documents_ = pnx::Container::documentsDirectory();
-    library_ = pnx::Container::libraryDirectory();
-    privateDirectory_ = library_ + "/pnx.mobile-push";
-  }
   void TearDown() override { PNXLog::sharedInstance().setLogLevelName("error"); }
 
   std::unique_ptr<PNXConfig> configWithPrivateStorage(bool privateStorage) {
@@ -35,58 +30,52 @@ class DatabasePathTest : public ::testing::Test {
     std::ifstream in(path);
     return std::string(std::istreambuf_iterator<char>(in), {});
   }
-  static bool exists(const std::string& path) { return std::filesystem::exists(path); }
 
   pnx::testing::ScopedDevice device_;
   LogCapture log_;
-  std::string documents_, library_, privateDirectory_;
+  // Inside the scratch device, so set after it.
+  const std::string documents_ = pnx::Container::documentsDirectory();
+  const std::string library_ = pnx::Container::libraryDirectory();
+  const std::string privateDirectory_ = library_ + "/pnx.mobile-push";
 };
 
-TEST_F(DatabasePathTest, PrivateStorageCreatesItsDirectoryAndMovesNothingWhenEmpty) {
+TEST_F(DatabasePathTest, PrivateStorageTakesTheOldFilesAndKeepsThePublicOneOnConflict) {
   auto config = configWithPrivateStorage(true);
-  EXPECT_EQ(config->pathForDatabase("a.db"), privateDirectory_ + "/a.db");
+  EXPECT_EQ(config->pathForDatabase("empty.db"), privateDirectory_ + "/empty.db");
   EXPECT_TRUE(std::filesystem::is_directory(privateDirectory_));
-  EXPECT_TRUE(
-      log_.contains("Using Private Path for database a.db -> " + privateDirectory_ + "/a.db"));
+  EXPECT_TRUE(log_.contains("Using Private Path for database empty.db -> " + privateDirectory_ +
+                            "/empty.db"));
   EXPECT_FALSE(log_.contains("moving to"));
-}
 
-TEST_F(DatabasePathTest, PrivateStorageTakesTheOldFileAndKeepsThePublicOneOnConflict) {
   put(library_ + "/a.db", "old private");
   put(documents_ + "/a.db", "public");
-  auto config = configWithPrivateStorage(true);
   EXPECT_EQ(config->pathForDatabase("a.db"), privateDirectory_ + "/a.db");
   EXPECT_EQ(contents(privateDirectory_ + "/a.db"), "old private");
   EXPECT_EQ(contents(documents_ + "/a.db"), "public");
-  EXPECT_FALSE(exists(library_ + "/a.db"));
+  EXPECT_FALSE(std::filesystem::exists(library_ + "/a.db"));
   EXPECT_TRUE(log_.contains("Old private database found for a.db, moving to private path."));
   EXPECT_TRUE(log_.contains("Public database found for a.db, moving to private path."));
   EXPECT_TRUE(log_.contains("Couldn't move public database at " + documents_ + "/a.db to " +
                             privateDirectory_ + "/a.db: "));
-
   // Nothing left to move the second time but the conflicting public file.
   log_.clear();
   config->pathForDatabase("a.db");
   EXPECT_FALSE(log_.contains("Old private database found"));
 }
 
-TEST_F(DatabasePathTest, PublicStorageMovesThePrivateFileBack) {
+TEST_F(DatabasePathTest, PublicStorageMovesThePrivateFileBackPreferringTheOldOne) {
   put(privateDirectory_ + "/b.db", "private");
+  put(library_ + "/c.db", "old private");
+  put(privateDirectory_ + "/c.db", "private");
   auto config = configWithPrivateStorage(false);
   EXPECT_EQ(config->pathForDatabase("b.db"), documents_ + "/b.db");
   EXPECT_EQ(contents(documents_ + "/b.db"), "private");
   EXPECT_TRUE(log_.contains("Using Public Path for database b.db -> " + documents_ + "/b.db"));
   EXPECT_TRUE(log_.contains("Private database found for b.db, moving to public path."));
-
   log_.clear();
   config->pathForDatabase("b.db");
   EXPECT_FALSE(log_.contains("moving to"));
-}
 
-TEST_F(DatabasePathTest, PublicStoragePrefersTheOldPrivateFile) {
-  put(library_ + "/c.db", "old private");
-  put(privateDirectory_ + "/c.db", "private");
-  auto config = configWithPrivateStorage(false);
   EXPECT_EQ(config->pathForDatabase("c.db"), documents_ + "/c.db");
   EXPECT_EQ(contents(documents_ + "/c.db"), "old private");
   EXPECT_EQ(contents(privateDirectory_ + "/c.db"), "private");
@@ -124,7 +113,7 @@ TEST_F(DatabasePathTest, ConcurrentCallersMoveAFileOnce) {
   for (int i = 0; i < 4; ++i) threads.emplace_back([&] { config->pathForDatabase("e.db"); });
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(contents(privateDirectory_ + "/e.db"), "public");
-  EXPECT_FALSE(exists(documents_ + "/e.db"));
+  EXPECT_FALSE(std::filesystem::exists(documents_ + "/e.db"));
   EXPECT_FALSE(log_.contains("Couldn't move"));
 }
 

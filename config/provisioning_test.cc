@@ -23,13 +23,6 @@ class ProvisioningTest : public ::testing::Test {
   void SetUp() override { PNXLog::sharedInstance().setLogLevelName("verbose"); }
   void TearDown() override { PNXLog::sharedInstance().setLogLevelName("error"); }
 
-  // Signed profiles made by the examples' script, as the build tools make them.
-  std::string makeProfile(const std::string& environment, int days = 365) {
-    const std::string command = "sh " PNX_SOURCE_DIR "/examples/make-profiles.sh --days " +
-                                std::to_string(days) + " '" + scratch_.path() + "' " + environment;
-    EXPECT_EQ(std::system(command.c_str()), 0) << command;
-    return scratch_.file(environment + ".mobileprovision");
-  }
   // A profile holding just `text`, unsigned: the reader needs only the plain text.
   std::string writeProfile(const std::string& text) { return scratch_.write("p", text); }
 
@@ -37,41 +30,47 @@ class ProvisioningTest : public ::testing::Test {
   LogCapture log_;
 };
 
-TEST_F(ProvisioningTest, ReadsEachKindOfSignedProfile) {
-  for (const std::string environment : {"debug", "ad-hoc", "enterprise", "appstore"}) {
-    PNXProvisioning reader(makeProfile(environment));
-    EXPECT_EQ(reader.binaryEnvironment(), environment);
-    ASSERT_TRUE(reader.certificateExpiration()) << environment;
-    EXPECT_NEAR(reader.certificateExpiration()->timeIntervalSinceNow(), 365 * 86400.0, 86400);
-    EXPECT_FALSE(reader.certificateExpired());
-    const bool listsDevices = environment == "debug" || environment == "ad-hoc";
-    EXPECT_EQ(reader.provisionedDevices().size(), listsDevices ? 2u : 0u) << environment;
+// Signed profiles as the build tools make them, by the examples' script.
+TEST_F(ProvisioningTest, ReadsSignedProfilesAndTheirExpiration) {
+  for (int days : {365, -1}) {
+    const std::string command = "sh " PNX_SOURCE_DIR "/examples/make-profiles.sh --days " +
+                                std::to_string(days) + " '" + scratch_.path() + "' debug";
+    ASSERT_EQ(std::system(command.c_str()), 0) << command;
+    PNXProvisioning reader(scratch_.file("debug.mobileprovision"));
+    EXPECT_EQ(reader.binaryEnvironment(), "debug");
+    EXPECT_EQ(reader.provisionedDevices().size(), 2u);
+    ASSERT_TRUE(reader.certificateExpiration());
+    EXPECT_NEAR(reader.certificateExpiration()->timeIntervalSinceNow(), days * 86400.0, 86400);
+    EXPECT_EQ(reader.certificateExpired(), days < 0);
   }
-  EXPECT_TRUE(log_.contains("Provisioning - Entitlements.get-task-allow is true (debug)"));
-  EXPECT_TRUE(log_.contains("Provisioning - Entitlements.get-task-allow is false (ad-hoc)"));
-  EXPECT_TRUE(log_.contains("Provisioning - ProvisionsAllDevices exists (enterprise)"));
-  EXPECT_TRUE(log_.contains(
-      "Provisioning - ProvisionsAllDevices and ProvisionedDevices don't exist (appstore)"));
-
-  PNXProvisioning expired(makeProfile("debug", -1));
-  EXPECT_TRUE(expired.certificateExpired());
-  expired.setCertificateExpiration(pnx::Date::now().addingTimeInterval(-1));
-  EXPECT_TRUE(expired.certificateExpired());
 }
 
-TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembers) {
+TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembersAndSaysWhy) {
   const std::string taskAllow = "<key>Entitlements</key><dict><key>get-task-allow</key>";
-  const std::pair<std::string, const char*> cases[] = {
-      {kDevices, "ad-hoc"},
-      {kDevices + taskAllow + "<false/></dict>", "ad-hoc"},
-      {kDevices + taskAllow + "<string>YES</string></dict>", "debug"},
-      {kDevices + "<key>ProvisionsAllDevices</key><true/>", "ad-hoc"},
-      {"<key>ProvisionsAllDevices</key><false/>", "appstore"},
-      {"<key>ProvisionsAllDevices</key><integer>1</integer>", "enterprise"},
+  const std::string allDevices = "<key>ProvisionsAllDevices</key>";
+  struct Case {
+    std::string members;
+    const char* environment;
+    const char* reason;
   };
-  for (const auto& [members, environment] : cases) {
-    PNXProvisioning reader(writeProfile("junk\x01\x02" + plistWith(members) + "\x03trailer"));
-    EXPECT_EQ(reader.binaryEnvironment(), environment) << members;
+  const Case cases[] = {
+      {kDevices, "ad-hoc", "Entitlements.get-task-allow is false (ad-hoc)"},
+      {kDevices + taskAllow + "<false/></dict>", "ad-hoc",
+       "Entitlements.get-task-allow is false (ad-hoc)"},
+      {kDevices + taskAllow + "<string>YES</string></dict>", "debug",
+       "Entitlements.get-task-allow is true (debug)"},
+      {kDevices + allDevices + "<true/>", "ad-hoc",
+       "Entitlements.get-task-allow is false (ad-hoc)"},
+      {allDevices + "<false/>", "appstore",
+       "ProvisionsAllDevices and ProvisionedDevices don't exist (appstore)"},
+      {allDevices + "<integer>1</integer>", "enterprise",
+       "ProvisionsAllDevices exists (enterprise)"},
+  };
+  for (const Case& c : cases) {
+    log_.clear();
+    PNXProvisioning reader(writeProfile("junk\x01\x02" + plistWith(c.members) + "\x03trailer"));
+    EXPECT_EQ(reader.binaryEnvironment(), c.environment) << c.members;
+    EXPECT_TRUE(log_.contains(std::string("Provisioning - ") + c.reason)) << c.members;
   }
 }
 

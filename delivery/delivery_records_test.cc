@@ -39,17 +39,14 @@ TEST(DeliveryQueue, EqualRecordsCollapseAndOnlyArraysAreQueues) {
   EXPECT_EQ(queueDifference(queueUnion({a}, {b}), {sameAsA}), Set{b});
 }
 
-TEST(RetryGate, OpensOnlyStrictlyAfterTheStoredDate) {
+TEST(RetryGate, OnlyTooManyRequestsSetsABackOffDateAndTheGateOpensStrictlyAfterIt) {
   Date now(1'000'000);
   EXPECT_TRUE(retryGateOpen(Value(), now));
   EXPECT_TRUE(retryGateOpen(Value("soon"), now));
   EXPECT_TRUE(retryGateOpen(Value(now.addingTimeInterval(-0.001)), now));
   EXPECT_FALSE(retryGateOpen(Value(now), now));
   EXPECT_FALSE(retryGateOpen(Value(now.addingTimeInterval(120)), now));
-}
 
-TEST(RetryGate, OnlyTooManyRequestsSetsABackOffDate) {
-  Date now(1'000'000);
   auto httpError = [](Value userInfo) { return Error::make("pnx.campaign.mobile", 105, userInfo); };
   EXPECT_EQ(retryAfterDateForError(httpError(Value::dict({{"statusCode", 429}})), now),
             now.addingTimeInterval(10));

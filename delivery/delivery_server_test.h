@@ -1,10 +1,6 @@
-// DeliveryServer: an in-process HTTP server on 127.0.0.1 (cpp-httplib) that plays the
-// delivery endpoint for the delivery tests. It records every request (method, path,
-// headers, the gunzipped body and its records) and answers with what the test scripts:
-// 200 by default, or any status, headers and body, optionally after waiting for a latch
-// that the test releases.
-//
-// Thread-safety: requests arrive on the server's threads; the accessors lock.
+// DeliveryServer: an in-process HTTP server on 127.0.0.1 playing the delivery endpoint. It
+// records every request and answers as the test scripts (200 "{}" by default), optionally
+// holding requests until release(). Requests arrive on the server's threads; accessors lock.
 #pragma once
 
 #include <httplib.h>
@@ -40,10 +36,9 @@ class DeliveryServer {
   using Responder = std::function<Answer(const Request&)>;
 
   DeliveryServer() {
-    server_.Post(".*",
-                 [this](const httplib::Request& in, httplib::Response& out) { handle(in, out); });
-    server_.Get(".*",
-                [this](const httplib::Request& in, httplib::Response& out) { handle(in, out); });
+    auto handler = [this](const httplib::Request& in, httplib::Response& out) { handle(in, out); };
+    server_.Post(".*", handler);
+    server_.Get(".*", handler);
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
     while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -86,10 +81,8 @@ class DeliveryServer {
  private:
   void handle(const httplib::Request& in, httplib::Response& out) {
     Request request{in.method, in.path, in.headers, in.body, Value()};
-    Data bytes(in.body.begin(), in.body.end());
-    if (auto plain = gunzippedData(bytes)) {
-      if (auto json = JSON::parse(*plain)) request.json = *json;
-    }
+    auto plain = gunzippedData(Data(in.body.begin(), in.body.end()));
+    if (auto json = plain ? JSON::parse(*plain) : std::nullopt) request.json = *json;
     Responder responder;
     {
       std::unique_lock lock(mutex_);

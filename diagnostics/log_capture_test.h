@@ -1,14 +1,8 @@
-// LogCapture: for tests that assert what was logged. While it lives, every system-log line
-// and console line goes to it instead of syslog and stderr; the previous sink is restored
-// when it goes away.
-//
-// lines() waits for the log's queues and returns the system-log lines received so far:
-// severity mark and text, e.g. "🛑 Keychain is inaccessible.". Lines of level 0 (NONE)
-// never reach the system log, so they are not among them. Set a level first, e.g.
-// PNXLog::sharedInstance().setLogLevelName("trace").
-//
-// Thread-safety: lines arrive on the log's queue; the accessors may be called from any
-// thread. Build and destroy it on the test's thread.
+// LogCapture: while it lives, every system-log and console line goes to it instead of
+// syslog and stderr; the previous sink comes back when it goes away. lines() waits for the
+// log's queues and returns the system-log lines as mark and text, e.g. "🛑 Keychain is
+// inaccessible." (level 0 lines never reach the system log). Set a level first.
+// Accessors may be called from any thread; build and destroy it on the test's thread.
 #pragma once
 
 #include <memory>
@@ -39,27 +33,22 @@ class LogCapture {
     for (const Entry& entry : entries()) texts.push_back(entry.text);
     return texts;
   }
-
-  // The system-log lines with the type each was sent as.
   std::vector<Entry> entries() {
     PNXLog::sharedInstance().drain();
     std::lock_guard<std::mutex> lock(sink_->mutex);
     return sink_->entries;
   }
-
   bool contains(std::string_view substring) {
     for (const std::string& line : lines()) {
       if (line.find(substring) != std::string::npos) return true;
     }
     return false;
   }
-
   // Console lines (pnx::Console::log), without the console's header.
   std::vector<std::string> consoleLines() {
     std::lock_guard<std::mutex> lock(sink_->mutex);
     return sink_->consoleTexts;
   }
-
   void clear() {
     PNXLog::sharedInstance().drain();
     std::lock_guard<std::mutex> lock(sink_->mutex);

@@ -1,7 +1,6 @@
-// The shared instances when the configuration file cannot be read: the exception reaches
-// every caller, no instance is left half-built, and once the file is fixed the next call
-// builds them. Each test runs in a child process of its own (a death test that must exit
-// 0), so that no earlier test's instances stand in for the ones built here.
+// An unreadable configuration file: the exception reaches every caller, no shared instance
+// is left half-built, and once the file is fixed the next call builds them. Each test runs
+// in a child process (a death test exiting 0) so that no earlier test's instances are used.
 
 #include <gtest/gtest.h>
 
@@ -38,8 +37,7 @@ bool reportsInvalidFile() {
   std::_Exit(held ? 0 : 1);
 }
 
-class SharedInstances : public ::testing::Test {
- protected:
+struct SharedInstances : ::testing::Test {
   SharedInstances() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
