@@ -65,7 +65,11 @@ PNXPushDeliveryMananger::PNXPushDeliveryMananger()
 
 pnx::Value PNXPushDeliveryMananger::generatePayload(const pnx::Value& payload) {
   auto store = keychain();
-  return pnx::deliveryRecord(store->userId(), store->channelId(), payload);
+  // userId is read before channelId, so that the log tells the reads in that order (the
+  // arguments of a call are evaluated in no fixed order).
+  pnx::Value userId = store->userId();
+  pnx::Value channelId = store->channelId();
+  return pnx::deliveryRecord(userId, channelId, payload);
 }
 
 pnx::Set PNXPushDeliveryMananger::pushQueue() {

@@ -333,5 +333,15 @@ TEST_F(DeliveryManagerTest, AFailingKeychainLosesNothingThatWasStored) {
   SQLiteIO::setCurrent(nullptr);
 }
 
+TEST_F(DeliveryManagerTest, TheRecordReadsUserIdBeforeChannelId) {
+  manager_->generatePayload(pushWith("order"));
+  std::vector<std::string> reads;
+  for (const std::string& line : log_.lines()) {
+    if (line.find("from shared keychain.") != std::string::npos) reads.push_back(line);
+  }
+  EXPECT_EQ(reads, (std::vector<std::string>{"⚫️ Got userId from shared keychain.",
+                                             "⚫️ Got channelId from shared keychain."}));
+}
+
 }  // namespace
 }  // namespace pnx::testing
