@@ -87,7 +87,7 @@ void PNXPushDeliveryMananger::setPushQueue(const pnx::Set& queue) {
   logQueueStored(keychain()->setObject(pnx::storedValueFromQueue(queue), pnx::kPushQueueItem));
 }
 
-pnx::Set PNXPushDeliveryMananger::changeQueue(const QueueChange& change) {
+pnx::Set PNXPushDeliveryMananger::changeQueue(const QueueChange& change, bool* storedOut) {
   bool unreadable = false;
   pnx::Set result;
   auto merge = [&](const pnx::Value& stored) -> std::optional<pnx::Value> {
@@ -102,6 +102,7 @@ pnx::Set PNXPushDeliveryMananger::changeQueue(const QueueChange& change) {
   bool stored = pnx::updateKeychainValue(*keychain(), pnx::kPushQueueItem, merge);
   if (unreadable) logQueueUnreadable();
   logQueueStored(stored);
+  if (storedOut) *storedOut = stored;
   return result;
 }
 
@@ -165,9 +166,10 @@ void PNXPushDeliveryMananger::sendPushDelivery(const pnx::Value& payload,
   Abandoned abandoned = findAbandoned();
   add.insert(abandoned.records.begin(), abandoned.records.end());
   // Stored before any network activity.
-  pnx::Set queue = changeQueue({add, {}});
+  bool stored = false;
+  pnx::Set queue = changeQueue({add, {}}, &stored);
   if (!abandoned.sendIds.empty()) releaseInFlight(abandoned.sendIds);
-  sendUnlessHeldBack(queue, std::move(completion), true);
+  sendUnlessHeldBack(queue, std::move(completion), stored);
 }
 
 void PNXPushDeliveryMananger::resendPushDelivery(SendCompletion completion) {
@@ -186,11 +188,11 @@ void PNXPushDeliveryMananger::resendPushDelivery(SendCompletion completion) {
 }
 
 void PNXPushDeliveryMananger::sendPushQueue(const pnx::Set& queue, SendCompletion completion) {
-  sendUnlessHeldBack(queue, std::move(completion), false);
+  sendUnlessHeldBack(queue, std::move(completion), std::nullopt);
 }
 
 void PNXPushDeliveryMananger::sendUnlessHeldBack(const pnx::Set& queue, SendCompletion completion,
-                                                 bool queueStored) {
+                                                 std::optional<bool> callerStored) {
   pnx::ErrorPtr error;
   pnx::Value retryAfter = keychain()->objectForName(pnx::kRetryAfterItem, &error);
   if (retryAfter.isNull() || error) {
@@ -203,10 +205,11 @@ void PNXPushDeliveryMananger::sendUnlessHeldBack(const pnx::Set& queue, SendComp
     return;
   }
   PNXLogVerbose("Queueing send push delivery queue because previous 429");
-  if (queueStored) {
+  if (callerStored) {
     // The queue was merged and stored a moment ago (sendPushDelivery); merging it again
-    // would change nothing and cost a second read of the whole queue.
-    logQueueStored(true);
+    // would change nothing and cost a second read of the whole queue. The message tells
+    // how that store went.
+    logQueueStored(*callerStored);
   } else {
     changeQueue({queue, {}});
   }

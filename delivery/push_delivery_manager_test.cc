@@ -343,5 +343,20 @@ TEST_F(DeliveryManagerTest, TheRecordReadsUserIdBeforeChannelId) {
                                              "⚫️ Got channelId from shared keychain."}));
 }
 
+TEST_F(DeliveryManagerTest, AHeldBackPushTellsThatItsQueueWasNotStored) {
+  auto disk = std::make_shared<FullDisk>();
+  SQLiteIO::setCurrent(disk);
+  store_->setObject(Value(Date::now().addingTimeInterval(600)), kRetryAfterItem);
+  disk->full = true;
+  log_.clear();
+  EXPECT_EQ(push(pushWith("held")).sent, 0u);
+  disk->full = false;
+  SQLiteIO::setCurrent(nullptr);
+  EXPECT_TRUE(log_.contains("Queueing send push delivery queue because previous 429"));
+  EXPECT_TRUE(log_.contains("Couldn't queue delivery payload in keychain"));
+  EXPECT_FALSE(log_.contains("Queued delivery payload in keychain"));
+  EXPECT_TRUE(server_.requests().empty());
+}
+
 }  // namespace
 }  // namespace pnx::testing
