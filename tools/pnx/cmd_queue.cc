@@ -16,13 +16,12 @@ namespace {
 
 int runQueue() {
   auto keychain = PNXPushDeliveryMananger::sharedInstance()->keychain();
-  pnx::ErrorPtr error;
-  pnx::Value queue = keychain->objectForName(pnx::kPushQueueItem, &error);
-  pnx::Value retryAfter;
-  if (!error) retryAfter = keychain->objectForName(pnx::kRetryAfterItem, &error);
-  pnx::Value inFlight;
-  if (!error) inFlight = keychain->objectForName(pnx::kPushQueueInFlightItem, &error);
-  if (error) return pnxFail("cannot read the delivery queue: " + error->localizedDescription());
+  pnx::Value queue, retryAfter, inFlight;
+  for (auto [name, value] :
+       {std::pair{pnx::kPushQueueItem, &queue}, std::pair{pnx::kRetryAfterItem, &retryAfter},
+        std::pair{pnx::kPushQueueInFlightItem, &inFlight}}) {
+    if (auto failure = pnxReadDeliveryItem(*keychain, name, value)) return pnxFail(*failure);
+  }
   // A stored value that is not an array is an empty queue to the extension too.
   pnx::Set records = pnx::queueFromStoredValue(queue).value_or(pnx::Set());
   pnxPrintJSON(

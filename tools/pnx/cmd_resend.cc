@@ -30,12 +30,11 @@ int runResend() {
   auto manager = PNXPushDeliveryMananger::sharedInstance();
   // The extension takes an unreadable queue for an empty one and sends nothing; here that
   // is a failure to report, not "nothing to send". With reporting off nothing is read.
-  pnx::ErrorPtr queueError;
   if (PNXConfig::sharedInstance()->deliveryReporting()) {
-    manager->keychain()->objectForName(pnx::kPushQueueItem, &queueError);
-  }
-  if (queueError) {
-    return pnxFail("cannot read the delivery queue: " + queueError->localizedDescription());
+    pnx::Value queue;
+    if (auto failure = pnxReadDeliveryItem(*manager->keychain(), pnx::kPushQueueItem, &queue)) {
+      return pnxFail(*failure);
+    }
   }
   auto outcome = std::make_shared<std::promise<Outcome>>();
   manager->resendPushDelivery([outcome](std::size_t sent, pnx::ErrorPtr error) {

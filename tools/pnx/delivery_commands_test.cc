@@ -185,4 +185,12 @@ TEST_F(DeliveryCommands, FailuresExitOneWithALineThatNamesThem) {
   }
 }
 
+TEST_F(DeliveryCommands, AnUnreadableKeychainIsNamedWithItsStatus) {
+  dir_.write("device/keychain.db", std::string(4096, 'x'));
+  PnxRun broken = pnx({"queue"});
+  EXPECT_EQ(broken.exitCode, 1);
+  EXPECT_NE(broken.err.find("(errSecInteractionNotAllowed (-25308)"), std::string::npos)
+      << broken.err;
+}
+
 }  // namespace
