@@ -40,10 +40,12 @@
 #include "config/atomic_property.h"
 #include "delivery/push_delivery_client.h"
 #include "platform/foundation/error.h"
+#include "platform/foundation/export.h"
 #include "platform/foundation/value.h"
 #include "storage/keychain.h"
 
-class PNXPushDeliveryMananger : public std::enable_shared_from_this<PNXPushDeliveryMananger> {
+class PNX_EXPORT PNXPushDeliveryMananger
+    : public std::enable_shared_from_this<PNXPushDeliveryMananger> {
  public:
   // Told once what became of a send: how many records the request carried (0 when no request
   // was made: reporting off, an empty queue, the retry gate closed) and its error (null on
