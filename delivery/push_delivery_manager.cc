@@ -239,14 +239,18 @@ void PNXPushDeliveryMananger::finishSend(const std::string& sendId, const pnx::S
   if (!error) {
     PNXLogVerbose("Sent delivery payload to server!");
     changeQueue({{}, queue});
-  } else {
-    PNXLogError("Couldn't send delivery payload to server, queuing in keychain!");
-    changeQueue({queue, {}});
-    if (auto until = pnx::retryAfterDateForError(error, pnx::Date::now())) {
-      keychain()->setObject(pnx::Value(*until), pnx::kRetryAfterItem);
-    }
+    releaseInFlight({sendId});
+    return;
   }
-  releaseInFlight({sendId});
+  PNXLogError("Couldn't send delivery payload to server, queuing in keychain!");
+  bool requeued = false;
+  changeQueue({queue, {}}, &requeued);
+  if (auto until = pnx::retryAfterDateForError(error, pnx::Date::now())) {
+    keychain()->setObject(pnx::Value(*until), pnx::kRetryAfterItem);
+  }
+  // Records that could not be put back are held by the in-flight entry alone: it stays, and
+  // a later send takes them back once this process is gone or the send is too old.
+  if (requeued) releaseInFlight({sendId});
 }
 
 std::size_t PNXPushDeliveryMananger::outstandingSends() {

@@ -358,5 +358,34 @@ TEST_F(DeliveryManagerTest, AHeldBackPushTellsThatItsQueueWasNotStored) {
   EXPECT_TRUE(server_.requests().empty());
 }
 
+// A disk on which the next `failures` writes fail, and later ones succeed again.
+class FlakyDisk : public SQLiteIO {
+ public:
+  int write(const File& file, const void* bytes, int amount, std::int64_t offset) override {
+    if (failures.fetch_sub(1) > 0) return SQLITE_FULL;
+    return SQLiteIO::write(file, bytes, amount, offset);
+  }
+  std::atomic<int> failures{0};
+};
+
+TEST_F(DeliveryManagerTest, ARequeueThatCannotBeStoredKeepsTheRecordsInFlight) {
+  auto disk = std::make_shared<FlakyDisk>();
+  SQLiteIO::setCurrent(disk);
+  server_.respondWith(500);
+  server_.hold();
+  std::promise<Outcome> outcome;
+  manager_->sendPushDelivery(pushWith("kept"), [&](std::size_t n, ErrorPtr e) {
+    outcome.set_value({n, e});
+  });
+  ASSERT_TRUE(server_.waitForRequests(1));
+  disk->failures = 1;  // the merge back fails; the in-flight entry must not go then
+  server_.release();
+  wait(outcome);
+  SQLiteIO::setCurrent(nullptr);
+  EXPECT_TRUE(log_.contains("Couldn't queue delivery payload in keychain"));
+  EXPECT_EQ(storedQueue(), Set{});
+  EXPECT_EQ(manager_->inFlightRecords(), Set{recordFor("kept")});
+}
+
 }  // namespace
 }  // namespace pnx::testing
