@@ -146,9 +146,12 @@ pnx::Set PNXPushDeliveryMananger::inFlightRecords() {
 std::size_t PNXPushDeliveryMananger::reclaimAbandonedSends() {
   Abandoned abandoned = findAbandoned();
   if (abandoned.sendIds.empty()) return 0;
-  // Into the queue first, out of the in-flight item second: a crash in between leaves the
-  // records in both places, never in neither.
-  changeQueue({abandoned.records, {}});
+  // Into the queue first, out of the in-flight item second, and only once they are in the
+  // queue: a crash or a failed write in between leaves the records in both places, never
+  // in neither.
+  bool stored = false;
+  changeQueue({abandoned.records, {}}, &stored);
+  if (!stored) return 0;
   releaseInFlight(abandoned.sendIds);
   return abandoned.records.size();
 }
@@ -168,7 +171,7 @@ void PNXPushDeliveryMananger::sendPushDelivery(const pnx::Value& payload,
   // Stored before any network activity.
   bool stored = false;
   pnx::Set queue = changeQueue({add, {}}, &stored);
-  if (!abandoned.sendIds.empty()) releaseInFlight(abandoned.sendIds);
+  if (stored && !abandoned.sendIds.empty()) releaseInFlight(abandoned.sendIds);
   sendUnlessHeldBack(queue, std::move(completion), stored);
 }
 

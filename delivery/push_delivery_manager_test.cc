@@ -387,5 +387,20 @@ TEST_F(DeliveryManagerTest, ARequeueThatCannotBeStoredKeepsTheRecordsInFlight) {
   EXPECT_EQ(manager_->inFlightRecords(), Set{recordFor("kept")});
 }
 
+TEST_F(DeliveryManagerTest, TakingBackThatCannotBeStoredLeavesTheRecordsInFlight) {
+  Date longAgo = Date::now().addingTimeInterval(-10 * kInFlightAbandonSeconds);
+  ASSERT_TRUE(store_->setObject(
+      inFlightWith(Value(), "old-send",
+                   inFlightEntry(ProcessIdentity::current(), longAgo, {recordFor("old")})),
+      kPushQueueInFlightItem));
+  auto disk = std::make_shared<FlakyDisk>();
+  SQLiteIO::setCurrent(disk);
+  disk->failures = 1;  // the queue's write fails, the in-flight entry's would not
+  manager_->reclaimAbandonedSends();
+  SQLiteIO::setCurrent(nullptr);
+  EXPECT_TRUE(storedQueue() == Set{recordFor("old")} ||
+              manager_->inFlightRecords() == Set{recordFor("old")});
+}
+
 }  // namespace
 }  // namespace pnx::testing
