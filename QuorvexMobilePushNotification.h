@@ -33,5 +33,7 @@
 #include "config/atomic_property.h"
 #include "config/config.h"
 #include "config/provisioning.h"
+#include "delivery/push_delivery_client.h"
+#include "delivery/push_delivery_manager.h"
 #include "delivery/task.h"
 #include "storage/keychain.h"

@@ -6,10 +6,10 @@
 // written into the keychain item "pushQueueInFlight", under an identifier of the send,
 // together with the identity of the sending process and the time the send began. The
 // owner removes the entry once it has dealt with the outcome (records removed on success,
-// merged back on failure). Any later send or resend, in any process, takes the records of
-// an entry back into the queue when the owning process is gone, or when the send began
-// longer ago than the request time-out plus a margin (the owner is stuck or its clock
-// jumped), so that they go out again.
+// merged back on failure; when the merge cannot be stored, the entry stays). Any later send or
+// resend, in any process, takes the records of an entry back into the queue when the owning process
+// is gone, or when the send began longer ago than the request time-out plus a margin (the owner is
+// stuck or its clock jumped), so that they go out again.
 //
 // The item's value: a dictionary from send identifier to
 //   {"pid": int, "processStart": int, "boot": string, "started": date, "records": [record]}

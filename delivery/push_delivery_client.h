@@ -17,9 +17,10 @@
 #include <memory>
 
 #include "platform/foundation/error.h"
+#include "platform/foundation/export.h"
 #include "platform/foundation/value.h"
 
-class PNXPushDeliveryClient {
+class PNX_EXPORT PNXPushDeliveryClient {
  public:
   // One error value: null means success.
   using Completion = std::function<void(pnx::ErrorPtr error)>;

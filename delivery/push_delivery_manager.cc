@@ -65,7 +65,11 @@ PNXPushDeliveryMananger::PNXPushDeliveryMananger()
 
 pnx::Value PNXPushDeliveryMananger::generatePayload(const pnx::Value& payload) {
   auto store = keychain();
-  return pnx::deliveryRecord(store->userId(), store->channelId(), payload);
+  // userId is read before channelId, so that the log tells the reads in that order (the
+  // arguments of a call are evaluated in no fixed order).
+  pnx::Value userId = store->userId();
+  pnx::Value channelId = store->channelId();
+  return pnx::deliveryRecord(userId, channelId, payload);
 }
 
 pnx::Set PNXPushDeliveryMananger::pushQueue() {
@@ -83,7 +87,7 @@ void PNXPushDeliveryMananger::setPushQueue(const pnx::Set& queue) {
   logQueueStored(keychain()->setObject(pnx::storedValueFromQueue(queue), pnx::kPushQueueItem));
 }
 
-pnx::Set PNXPushDeliveryMananger::changeQueue(const QueueChange& change) {
+pnx::Set PNXPushDeliveryMananger::changeQueue(const QueueChange& change, bool* storedOut) {
   bool unreadable = false;
   pnx::Set result;
   auto merge = [&](const pnx::Value& stored) -> std::optional<pnx::Value> {
@@ -98,6 +102,7 @@ pnx::Set PNXPushDeliveryMananger::changeQueue(const QueueChange& change) {
   bool stored = pnx::updateKeychainValue(*keychain(), pnx::kPushQueueItem, merge);
   if (unreadable) logQueueUnreadable();
   logQueueStored(stored);
+  if (storedOut) *storedOut = stored;
   return result;
 }
 
@@ -141,9 +146,12 @@ pnx::Set PNXPushDeliveryMananger::inFlightRecords() {
 std::size_t PNXPushDeliveryMananger::reclaimAbandonedSends() {
   Abandoned abandoned = findAbandoned();
   if (abandoned.sendIds.empty()) return 0;
-  // Into the queue first, out of the in-flight item second: a crash in between leaves the
-  // records in both places, never in neither.
-  changeQueue({abandoned.records, {}});
+  // Into the queue first, out of the in-flight item second, and only once they are in the
+  // queue: a crash or a failed write in between leaves the records in both places, never
+  // in neither.
+  bool stored = false;
+  changeQueue({abandoned.records, {}}, &stored);
+  if (!stored) return 0;
   releaseInFlight(abandoned.sendIds);
   return abandoned.records.size();
 }
@@ -161,9 +169,10 @@ void PNXPushDeliveryMananger::sendPushDelivery(const pnx::Value& payload,
   Abandoned abandoned = findAbandoned();
   add.insert(abandoned.records.begin(), abandoned.records.end());
   // Stored before any network activity.
-  pnx::Set queue = changeQueue({add, {}});
-  if (!abandoned.sendIds.empty()) releaseInFlight(abandoned.sendIds);
-  sendUnlessHeldBack(queue, std::move(completion), true);
+  bool stored = false;
+  pnx::Set queue = changeQueue({add, {}}, &stored);
+  if (stored && !abandoned.sendIds.empty()) releaseInFlight(abandoned.sendIds);
+  sendUnlessHeldBack(queue, std::move(completion), stored);
 }
 
 void PNXPushDeliveryMananger::resendPushDelivery(SendCompletion completion) {
@@ -182,11 +191,11 @@ void PNXPushDeliveryMananger::resendPushDelivery(SendCompletion completion) {
 }
 
 void PNXPushDeliveryMananger::sendPushQueue(const pnx::Set& queue, SendCompletion completion) {
-  sendUnlessHeldBack(queue, std::move(completion), false);
+  sendUnlessHeldBack(queue, std::move(completion), std::nullopt);
 }
 
 void PNXPushDeliveryMananger::sendUnlessHeldBack(const pnx::Set& queue, SendCompletion completion,
-                                                 bool queueStored) {
+                                                 std::optional<bool> callerStored) {
   pnx::ErrorPtr error;
   pnx::Value retryAfter = keychain()->objectForName(pnx::kRetryAfterItem, &error);
   if (retryAfter.isNull() || error) {
@@ -199,10 +208,11 @@ void PNXPushDeliveryMananger::sendUnlessHeldBack(const pnx::Set& queue, SendComp
     return;
   }
   PNXLogVerbose("Queueing send push delivery queue because previous 429");
-  if (queueStored) {
+  if (callerStored) {
     // The queue was merged and stored a moment ago (sendPushDelivery); merging it again
-    // would change nothing and cost a second read of the whole queue.
-    logQueueStored(true);
+    // would change nothing and cost a second read of the whole queue. The message tells
+    // how that store went.
+    logQueueStored(*callerStored);
   } else {
     changeQueue({queue, {}});
   }
@@ -232,14 +242,18 @@ void PNXPushDeliveryMananger::finishSend(const std::string& sendId, const pnx::S
   if (!error) {
     PNXLogVerbose("Sent delivery payload to server!");
     changeQueue({{}, queue});
-  } else {
-    PNXLogError("Couldn't send delivery payload to server, queuing in keychain!");
-    changeQueue({queue, {}});
-    if (auto until = pnx::retryAfterDateForError(error, pnx::Date::now())) {
-      keychain()->setObject(pnx::Value(*until), pnx::kRetryAfterItem);
-    }
+    releaseInFlight({sendId});
+    return;
   }
-  releaseInFlight({sendId});
+  PNXLogError("Couldn't send delivery payload to server, queuing in keychain!");
+  bool requeued = false;
+  changeQueue({queue, {}}, &requeued);
+  if (auto until = pnx::retryAfterDateForError(error, pnx::Date::now())) {
+    keychain()->setObject(pnx::Value(*until), pnx::kRetryAfterItem);
+  }
+  // Records that could not be put back are held by the in-flight entry alone: it stays, and
+  // a later send takes them back once this process is gone or the send is too old.
+  if (requeued) releaseInFlight({sendId});
 }
 
 std::size_t PNXPushDeliveryMananger::outstandingSends() {

@@ -40,10 +40,12 @@
 #include "config/atomic_property.h"
 #include "delivery/push_delivery_client.h"
 #include "platform/foundation/error.h"
+#include "platform/foundation/export.h"
 #include "platform/foundation/value.h"
 #include "storage/keychain.h"
 
-class PNXPushDeliveryMananger : public std::enable_shared_from_this<PNXPushDeliveryMananger> {
+class PNX_EXPORT PNXPushDeliveryMananger
+    : public std::enable_shared_from_this<PNXPushDeliveryMananger> {
  public:
   // Told once what became of a send: how many records the request carried (0 when no request
   // was made: reporting off, an empty queue, the retry gate closed) and its error (null on
@@ -95,8 +97,9 @@ class PNXPushDeliveryMananger : public std::enable_shared_from_this<PNXPushDeliv
     pnx::Set remove;
   };
   // (stored ∪ add) − remove, as one keychain transaction; returns the queue as stored
-  // afterwards and logs as setPushQueue does.
-  pnx::Set changeQueue(const QueueChange& change);
+  // afterwards (as it would be, when the write failed), tells in *stored whether the write
+  // succeeded, and logs as setPushQueue does.
+  pnx::Set changeQueue(const QueueChange& change, bool* stored = nullptr);
   // Adds / removes in-flight entries; false (logged) when the keychain refused.
   bool recordInFlight(const std::string& sendId, const pnx::Set& records);
   void releaseInFlight(const std::vector<std::string>& sendIds);
@@ -106,8 +109,10 @@ class PNXPushDeliveryMananger : public std::enable_shared_from_this<PNXPushDeliv
     pnx::Set records;
   };
   Abandoned findAbandoned();
-  // sendPushQueue; queueStored when the caller has just stored the queue itself.
-  void sendUnlessHeldBack(const pnx::Set& queue, SendCompletion completion, bool queueStored);
+  // sendPushQueue; callerStored holds the outcome of the caller's own store of the queue
+  // a moment ago, nullopt when the caller did not store it.
+  void sendUnlessHeldBack(const pnx::Set& queue, SendCompletion completion,
+                          std::optional<bool> callerStored);
   void finishSend(const std::string& sendId, const pnx::Set& queue, const pnx::ErrorPtr& error);
 
   pnx::AtomicProperty<std::shared_ptr<PNXPushDeliveryClient>> client_;

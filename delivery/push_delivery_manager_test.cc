@@ -274,5 +274,74 @@ TEST_F(DeliveryManagerTest, AFailingKeychainLosesNothingThatWasStored) {
   SQLiteIO::setCurrent(nullptr);
 }
 
+TEST_F(DeliveryManagerTest, TheRecordReadsUserIdBeforeChannelId) {
+  manager_->generatePayload(pushWith("order"));
+  std::vector<std::string> reads;
+  for (const std::string& line : log_.lines()) {
+    if (line.find("from shared keychain.") != std::string::npos) reads.push_back(line);
+  }
+  EXPECT_EQ(reads, (std::vector<std::string>{"⚫️ Got userId from shared keychain.",
+                                             "⚫️ Got channelId from shared keychain."}));
+}
+
+TEST_F(DeliveryManagerTest, AHeldBackPushTellsThatItsQueueWasNotStored) {
+  auto disk = std::make_shared<FullDisk>();
+  SQLiteIO::setCurrent(disk);
+  store_->setObject(Value(Date::now().addingTimeInterval(600)), kRetryAfterItem);
+  disk->full = true;
+  log_.clear();
+  EXPECT_EQ(push(pushWith("held")).sent, 0u);
+  disk->full = false;
+  SQLiteIO::setCurrent(nullptr);
+  EXPECT_TRUE(log_.contains("Queueing send push delivery queue because previous 429"));
+  EXPECT_TRUE(log_.contains("Couldn't queue delivery payload in keychain"));
+  EXPECT_FALSE(log_.contains("Queued delivery payload in keychain"));
+  EXPECT_TRUE(server_.requests().empty());
+}
+
+// A disk on which the next `failures` writes fail, and later ones succeed again.
+class FlakyDisk : public SQLiteIO {
+ public:
+  int write(const File& file, const void* bytes, int amount, std::int64_t offset) override {
+    if (failures.fetch_sub(1) > 0) return SQLITE_FULL;
+    return SQLiteIO::write(file, bytes, amount, offset);
+  }
+  std::atomic<int> failures{0};
+};
+
+TEST_F(DeliveryManagerTest, ARequeueThatCannotBeStoredKeepsTheRecordsInFlight) {
+  auto disk = std::make_shared<FlakyDisk>();
+  SQLiteIO::setCurrent(disk);
+  server_.respondWith(500);
+  server_.hold();
+  std::promise<Outcome> outcome;
+  manager_->sendPushDelivery(pushWith("kept"), [&](std::size_t n, ErrorPtr e) {
+    outcome.set_value({n, e});
+  });
+  ASSERT_TRUE(server_.waitForRequests(1));
+  disk->failures = 1;  // the merge back fails; the in-flight entry must not go then
+  server_.release();
+  wait(outcome);
+  SQLiteIO::setCurrent(nullptr);
+  EXPECT_TRUE(log_.contains("Couldn't queue delivery payload in keychain"));
+  EXPECT_EQ(storedQueue(), Set{});
+  EXPECT_EQ(manager_->inFlightRecords(), Set{recordFor("kept")});
+}
+
+TEST_F(DeliveryManagerTest, TakingBackThatCannotBeStoredLeavesTheRecordsInFlight) {
+  Date longAgo = Date::now().addingTimeInterval(-10 * kInFlightAbandonSeconds);
+  ASSERT_TRUE(store_->setObject(
+      inFlightWith(Value(), "old-send",
+                   inFlightEntry(ProcessIdentity::current(), longAgo, {recordFor("old")})),
+      kPushQueueInFlightItem));
+  auto disk = std::make_shared<FlakyDisk>();
+  SQLiteIO::setCurrent(disk);
+  disk->failures = 1;  // the queue's write fails, the in-flight entry's would not
+  manager_->reclaimAbandonedSends();
+  SQLiteIO::setCurrent(nullptr);
+  EXPECT_TRUE(storedQueue() == Set{recordFor("old")} ||
+              manager_->inFlightRecords() == Set{recordFor("old")});
+}
+
 }  // namespace
 }  // namespace pnx::testing

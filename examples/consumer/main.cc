@@ -61,6 +61,16 @@ int main(int argc, char** argv) {
   PNXLogInfo("not shown: %@", pnx::Value(1));
   log.drain();
 
+  // Without a configuration file delivery reporting is off: nothing is sent, at once.
+  std::size_t sent = 1;
+  pnx::ErrorPtr sendError;
+  PNXPushDeliveryMananger::sharedInstance()->sendPushDelivery(
+      pnx::Value::dict({}), [&](std::size_t count, pnx::ErrorPtr error) {
+        sent = count;
+        sendError = error;
+      });
+  check(sent == 0 && !sendError, "PNXPushDeliveryMananger with reporting off sends nothing");
+
   if (failures) std::printf("%d check(s) failed\n", failures);
   return failures ? 1 : 0;
 }

@@ -2,8 +2,10 @@
 // them: {"pushQueue": [record, ...], "retryAfter": ISO 8601 text or null, "inFlight":
 // [record, ...]}. "inFlight" holds the records of sends that are on their way, in any
 // process, or that a process left behind when it died (the next send takes those back).
+// A keychain that cannot be read is a failure (exit 1, naming the item), not an empty queue.
 
 #include "delivery/delivery_records.h"
+#include "delivery/in_flight.h"
 #include "delivery/push_delivery_manager.h"
 #include "tools/pnx/command.h"
 #include "tools/pnx/delivery_json.h"
@@ -13,13 +15,19 @@ using namespace pnx;  // the host helpers moved into namespace pnx
 namespace {
 
 int runQueue() {
-  auto manager = PNXPushDeliveryMananger::sharedInstance();
-  pnx::ErrorPtr error;
-  pnx::Value retryAfter = manager->keychain()->objectForName(pnx::kRetryAfterItem, &error);
+  auto keychain = PNXPushDeliveryMananger::sharedInstance()->keychain();
+  pnx::Value queue, retryAfter, inFlight;
+  for (auto [name, value] :
+       {std::pair{pnx::kPushQueueItem, &queue}, std::pair{pnx::kRetryAfterItem, &retryAfter},
+        std::pair{pnx::kPushQueueInFlightItem, &inFlight}}) {
+    if (auto failure = pnxReadDeliveryItem(*keychain, name, value)) return pnxFail(*failure);
+  }
+  // A stored value that is not an array is an empty queue to the extension too.
+  pnx::Set records = pnx::queueFromStoredValue(queue).value_or(pnx::Set());
   pnxPrintJSON(
-      pnx::Value::dict({{"pushQueue", pnx::storedValueFromQueue(manager->pushQueue())},
+      pnx::Value::dict({{"pushQueue", pnx::storedValueFromQueue(records)},
                         {"retryAfter", pnxDateJSON(retryAfter)},
-                        {"inFlight", pnx::storedValueFromQueue(manager->inFlightRecords())}}));
+                        {"inFlight", pnx::storedValueFromQueue(pnx::inFlightRecords(inFlight))}}));
   return 0;
 }
 

@@ -2,11 +2,13 @@
 // (resendPushDelivery), waits for the outcome, and prints {"sent": n, "error": null or
 // {"domain", "code", "description"}, "retryAfter": ISO 8601 text or null}. n is the number of
 // records the request carried; 0 when nothing was sent (an empty queue, reporting off, or a
-// back-off date not reached yet). Exit 0 when nothing failed.
+// back-off date not reached yet). Exit 0 when nothing failed; otherwise exit 1 with a line
+// on stderr that names the failure.
 
 #include <chrono>
 #include <future>
 
+#include "config/config.h"
 #include "delivery/delivery_records.h"
 #include "delivery/push_delivery_manager.h"
 #include "tools/pnx/command.h"
@@ -26,6 +28,14 @@ struct Outcome {
 
 int runResend() {
   auto manager = PNXPushDeliveryMananger::sharedInstance();
+  // The extension takes an unreadable queue for an empty one and sends nothing; here that
+  // is a failure to report, not "nothing to send". With reporting off nothing is read.
+  if (PNXConfig::sharedInstance()->deliveryReporting()) {
+    pnx::Value queue;
+    if (auto failure = pnxReadDeliveryItem(*manager->keychain(), pnx::kPushQueueItem, &queue)) {
+      return pnxFail(*failure);
+    }
+  }
   auto outcome = std::make_shared<std::promise<Outcome>>();
   manager->resendPushDelivery([outcome](std::size_t sent, pnx::ErrorPtr error) {
     outcome->set_value({sent, error});
@@ -40,7 +50,10 @@ int runResend() {
   pnxPrintJSON(pnx::Value::dict({{"sent", static_cast<std::int64_t>(done.sent)},
                                  {"error", pnxErrorJSON(done.error)},
                                  {"retryAfter", pnxDateJSON(retryAfter)}}));
-  return done.error ? 1 : 0;
+  if (done.error) {
+    return pnxFail("the delivery queue was not sent: " + done.error->localizedDescription());
+  }
+  return 0;
 }
 
 CommandRegistration registration("resend",

@@ -169,4 +169,30 @@ TEST_F(DeliveryCommands, AProcessKilledDuringItsRequestLeavesItsRecordsForTheNex
                                                {"inFlight", pnx::Value(pnx::Array())}}));
 }
 
+TEST_F(DeliveryCommands, FailuresExitOneWithALineThatNamesThem) {
+  setFaults(R"(["status=503"])");
+  ASSERT_EQ(pnx({"_report", "--prefix", "f", "--count", "1"}).exitCode, 0);
+  PnxRun refused = pnx({"resend"});
+  EXPECT_EQ(refused.exitCode, 1);
+  EXPECT_EQ(refused.json().value()["error"]["code"], pnx::Value(105));
+  EXPECT_EQ(refused.errLines().size(), 1u);
+  EXPECT_NE(refused.err.find("HTTP connection to PNX server failed"), std::string::npos);
+
+  // A keychain that cannot be read is no empty queue.
+  dir_.write("device/keychain.db", std::string(4096, 'x'));
+  for (const char* command : {"queue", "resend"}) {
+    PnxRun broken = pnx({command});
+    EXPECT_EQ(broken.exitCode, 1) << command;
+    EXPECT_NE(broken.err.find("pushQueue"), std::string::npos) << command << broken.err;
+  }
+}
+
+TEST_F(DeliveryCommands, AnUnreadableKeychainIsNamedWithItsStatus) {
+  dir_.write("device/keychain.db", std::string(4096, 'x'));
+  PnxRun broken = pnx({"queue"});
+  EXPECT_EQ(broken.exitCode, 1);
+  EXPECT_NE(broken.err.find("(errSecInteractionNotAllowed (-25308)"), std::string::npos)
+      << broken.err;
+}
+
 }  // namespace

@@ -1,6 +1,7 @@
 #include "tools/pnx/delivery_json.h"
 
 #include "platform/foundation/date.h"
+#include "platform/security/keychain_items.h"
 
 pnx::Value pnxDateJSON(const pnx::Value& value) {
   const pnx::Date* date = value.asDate();
@@ -17,4 +18,15 @@ pnx::Value pnxErrorJSON(const pnx::ErrorPtr& error) {
   return pnx::Value::dict({{"domain", error->domain()},
                            {"code", error->code()},
                            {"description", error->localizedDescription()}});
+}
+
+std::optional<std::string> pnxReadDeliveryItem(PNXKeychain& store, const char* name,
+                                               pnx::Value* value) {
+  pnx::ErrorPtr error;
+  pnx::OSStatus status = pnx::errSecSuccess;
+  *value = store.objectForName(name, &error, &status);
+  if (!error) return std::nullopt;
+  std::string reason = "cannot read the delivery queue: " + error->localizedDescription();
+  if (status != pnx::errSecSuccess) reason += " (" + pnx::keychainStatusDescription(status) + ")";
+  return reason;
 }
