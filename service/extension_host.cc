@@ -51,6 +51,16 @@ bool runMainQueueUntil(const std::function<bool()>& done, Steady::time_point dea
   return true;
 }
 
+// Now plus the given seconds. A bound too far to count in the steady clock's ticks (an
+// unlimited budget, say) means no bound at all, rather than an overflow that would put it
+// in the past and end the run at once.
+Steady::time_point realTimeBound(double seconds) {
+  constexpr double kFarthest = 1e9;  // some 30 years: well inside the clock's range
+  if (!(seconds < kFarthest)) return Steady::time_point::max();
+  return Steady::now() +
+         std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(seconds));
+}
+
 }  // namespace
 
 bool ExtensionHost::wantsExtension(const Value& userInfo) {
@@ -116,9 +126,8 @@ ExtensionOutcome ExtensionHost::deliver(
   };
   // The budget runs on the process Clock; this real-time bound only keeps a pinned clock
   // that nobody advances from holding the host for ever.
-  const auto safety = Steady::now() + std::chrono::duration_cast<Steady::duration>(
-                                          std::chrono::duration<double>(options.timeBudget + 600));
-  runMainQueueUntil([&] { return finished() || state->budgetOver; }, safety);
+  runMainQueueUntil([&] { return finished() || state->budgetOver; },
+                    realTimeBound(options.timeBudget + 600));
   call.join();
   if (!finished()) {
     outcome.expired = true;
