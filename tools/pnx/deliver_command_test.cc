@@ -186,4 +186,11 @@ TEST_F(DeliverCommand, BadInputIsOneLineAndExitOne) {
   EXPECT_EQ(pnx({"deliver"}).exitCode, 2);
 }
 
+TEST_F(DeliverCommand, APayloadPathThatIsADirectoryIsNamedAsOne) {
+  PnxRun run = pnx({"deliver", dir_.file("bundle")});
+  EXPECT_EQ(run.exitCode, 1);
+  EXPECT_EQ(run.errLines().size(), 1u) << run.err;
+  EXPECT_NE(run.err.find("is a directory"), std::string::npos) << run.err;
+}
+
 }  // namespace
