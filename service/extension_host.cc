@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <exception>
 #include <mutex>
 #include <thread>
 
@@ -35,6 +36,18 @@ struct RunState {
   bool handedBack() {
     std::lock_guard lock(mutex);
     return !handBacks.empty();
+  }
+
+  // What the extension threw from didReceiveNotificationRequest, if anything.
+  std::exception_ptr thrown;  // written before callReturned is set, read after
+};
+
+// Joins the thread however the scope is left, so that an exception out of the run loop
+// does not meet a joinable thread (std::terminate).
+struct JoinOnExit {
+  std::thread& thread;
+  ~JoinOnExit() {
+    if (thread.joinable()) thread.join();
   }
 };
 
@@ -115,20 +128,29 @@ ExtensionOutcome ExtensionHost::deliver(
   auto state = std::make_shared<RunState>();
   DispatchQueue::main().asyncAfter(options.timeBudget, [state] { state->budgetOver = true; });
   std::thread call([state, request, extension] {
-    extension->didReceiveNotificationRequest(
-        request, [state](NotificationContentPtr content) { state->record(content); });
+    try {
+      extension->didReceiveNotificationRequest(
+          request, [state](NotificationContentPtr content) { state->record(content); });
+    } catch (...) {
+      // On a phone this ends the extension's process; here it ends the run, on the host's
+      // thread, instead of terminating the host.
+      state->thrown = std::current_exception();
+    }
     state->callReturned = true;
     DispatchQueue::main().async([] {});
   });
+  JoinOnExit joinOnExit{call};
 
   auto finished = [&] {
     return state->callReturned && state->handedBack() && !extensionWorkInFlight();
   };
   // The budget runs on the process Clock; this real-time bound only keeps a pinned clock
   // that nobody advances from holding the host for ever.
-  runMainQueueUntil([&] { return finished() || state->budgetOver; },
+  auto threw = [&] { return state->callReturned && state->thrown; };
+  runMainQueueUntil([&] { return finished() || threw() || state->budgetOver; },
                     realTimeBound(options.timeBudget + 600));
   call.join();
+  if (state->thrown) std::rethrow_exception(state->thrown);
   if (!finished()) {
     outcome.expired = true;
     extension->serviceExtensionTimeWillExpire();

@@ -410,5 +410,20 @@ TEST(ExtensionHost, ABudgetTooLongToCountStillWaitsForTheHandBack) {
   }
 }
 
+class ThrowsOnReceive final : public NotificationServiceExtension {
+ public:
+  void didReceiveNotificationRequest(const NotificationRequestPtr&, ContentHandler) override {
+    throw Exception("Invalid Config File", "not JSON");
+  }
+  void serviceExtensionTimeWillExpire() override {}
+};
+
+TEST(ExtensionHost, AnExceptionFromTheExtensionIsRethrownOnTheHostsThread) {
+  testing::ScopedDevice device;
+  EXPECT_THROW(ExtensionHost::deliver(requestFor(json(R"({"aps": {"mutable-content": 1}})")),
+                                      std::make_shared<ThrowsOnReceive>()),
+               Exception);
+}
+
 }  // namespace
 }  // namespace pnx
