@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <exception>
 #include <mutex>
 #include <thread>
 
@@ -36,6 +37,18 @@ struct RunState {
     std::lock_guard lock(mutex);
     return !handBacks.empty();
   }
+
+  // What the extension threw from didReceiveNotificationRequest, if anything.
+  std::exception_ptr thrown;  // written before callReturned is set, read after
+};
+
+// Joins the thread however the scope is left, so that an exception out of the run loop
+// does not meet a joinable thread (std::terminate).
+struct JoinOnExit {
+  std::thread& thread;
+  ~JoinOnExit() {
+    if (thread.joinable()) thread.join();
+  }
 };
 
 // Runs the main queue until done() or the deadline, looking again at least every few
@@ -49,6 +62,16 @@ bool runMainQueueUntil(const std::function<bool()>& done, Steady::time_point dea
     RunLoop::runUntil(done, std::min(deadline, now + kSlice));
   }
   return true;
+}
+
+// Now plus the given seconds. A bound too far to count in the steady clock's ticks (an
+// unlimited budget, say) means no bound at all, rather than an overflow that would put it
+// in the past and end the run at once.
+Steady::time_point realTimeBound(double seconds) {
+  constexpr double kFarthest = 1e9;  // some 30 years: well inside the clock's range
+  if (!(seconds < kFarthest)) return Steady::time_point::max();
+  return Steady::now() +
+         std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(seconds));
 }
 
 }  // namespace
@@ -105,21 +128,29 @@ ExtensionOutcome ExtensionHost::deliver(
   auto state = std::make_shared<RunState>();
   DispatchQueue::main().asyncAfter(options.timeBudget, [state] { state->budgetOver = true; });
   std::thread call([state, request, extension] {
-    extension->didReceiveNotificationRequest(
-        request, [state](NotificationContentPtr content) { state->record(content); });
+    try {
+      extension->didReceiveNotificationRequest(
+          request, [state](NotificationContentPtr content) { state->record(content); });
+    } catch (...) {
+      // On a phone this ends the extension's process; here it ends the run, on the host's
+      // thread, instead of terminating the host.
+      state->thrown = std::current_exception();
+    }
     state->callReturned = true;
     DispatchQueue::main().async([] {});
   });
+  JoinOnExit joinOnExit{call};
 
   auto finished = [&] {
     return state->callReturned && state->handedBack() && !extensionWorkInFlight();
   };
   // The budget runs on the process Clock; this real-time bound only keeps a pinned clock
   // that nobody advances from holding the host for ever.
-  const auto safety = Steady::now() + std::chrono::duration_cast<Steady::duration>(
-                                          std::chrono::duration<double>(options.timeBudget + 600));
-  runMainQueueUntil([&] { return finished() || state->budgetOver; }, safety);
+  auto threw = [&] { return state->callReturned && state->thrown; };
+  runMainQueueUntil([&] { return finished() || threw() || state->budgetOver; },
+                    realTimeBound(options.timeBudget + 600));
   call.join();
+  if (state->thrown) std::rethrow_exception(state->thrown);
   if (!finished()) {
     outcome.expired = true;
     extension->serviceExtensionTimeWillExpire();

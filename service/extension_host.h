@@ -10,6 +10,10 @@
 // budget it calls serviceExtensionTimeWillExpire on the main thread and lets the extension
 // work on for a short grace (real time), until nothing is in flight.
 //
+// An exception out of didReceiveNotificationRequest (the configuration's "Invalid Config
+// File", say) would end the extension's process on a phone: here it ends the run at once
+// and is rethrown to the caller of deliver(), nothing shown.
+//
 // Every hand-back is recorded as a snapshot of the content at that moment. The first is
 // what the user sees: it is shown through the app's notification center, which moves its
 // attachment files into the device's notification store. Without any hand-back (or without

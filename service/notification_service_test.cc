@@ -11,6 +11,7 @@
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <mutex>
 #include <thread>
 
@@ -382,6 +383,46 @@ TEST(ExtensionHost, RequestFromAnApnsPayload) {
   EXPECT_EQ(plain->content()->title(), "");
   EXPECT_TRUE(plain->content()->badge().isNull());
   EXPECT_TRUE(plain->content()->sound().isNull());
+}
+
+// Hands the content back on the main queue, a moment after it is called.
+class HandsBackFromTheMainQueue final : public NotificationServiceExtension {
+ public:
+  void didReceiveNotificationRequest(const NotificationRequestPtr& request,
+                                     ContentHandler handler) override {
+    DispatchQueue::main().async([request, handler] { handler(request->content()); });
+  }
+  void serviceExtensionTimeWillExpire() override { expiries++; }
+  std::atomic<int> expiries{0};
+};
+
+TEST(ExtensionHost, ABudgetTooLongToCountStillWaitsForTheHandBack) {
+  testing::ScopedDevice device;
+  for (double budget : {std::numeric_limits<double>::infinity(), 1e300, 1e12}) {
+    auto extension = std::make_shared<HandsBackFromTheMainQueue>();
+    ExtensionRunOptions options;
+    options.timeBudget = budget;
+    ExtensionOutcome outcome = ExtensionHost::deliver(
+        requestFor(json(R"({"aps": {"mutable-content": 1}})")), extension, options);
+    EXPECT_FALSE(outcome.expired) << budget;
+    EXPECT_EQ(outcome.handBacks.size(), 1u) << budget;
+    EXPECT_EQ(extension->expiries.load(), 0) << budget;
+  }
+}
+
+class ThrowsOnReceive final : public NotificationServiceExtension {
+ public:
+  void didReceiveNotificationRequest(const NotificationRequestPtr&, ContentHandler) override {
+    throw Exception("Invalid Config File", "not JSON");
+  }
+  void serviceExtensionTimeWillExpire() override {}
+};
+
+TEST(ExtensionHost, AnExceptionFromTheExtensionIsRethrownOnTheHostsThread) {
+  testing::ScopedDevice device;
+  EXPECT_THROW(ExtensionHost::deliver(requestFor(json(R"({"aps": {"mutable-content": 1}})")),
+                                      std::make_shared<ThrowsOnReceive>()),
+               Exception);
 }
 
 }  // namespace

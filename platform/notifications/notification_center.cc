@@ -6,6 +6,7 @@
 #include <map>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 #include "platform/files/bundle.h"
 #include "platform/files/container.h"
@@ -157,34 +158,46 @@ struct NotificationCenter::Storage {
     }
   }
 
-  std::optional<NotificationCategorySet> read(ErrorPtr* error) {
+  // The stored set. A row that cannot be read as a category fails the whole read, unless
+  // `unreadable` is given: then the row is left out and *unreadable gets what was wrong.
+  std::optional<NotificationCategorySet> read(ErrorPtr* error,
+                                              std::vector<ErrorPtr>* unreadable = nullptr) {
     if (!database && !FileManager::current().fileExists(path)) return NotificationCategorySet();
     NotificationCategorySet categories;
     bool ok = run(
         [&](SQLiteDatabase& db, ErrorPtr* failure) {
           categories.clear();
+          if (unreadable) unreadable->clear();
           auto rows = db.query("SELECT definition FROM categories ORDER BY position", {}, failure);
           if (!rows) return false;
           while (rows->next(failure)) {
-            Value definition = rows->valueForColumnIndex(0);
-            const std::string* text = definition.asString();
-            auto json = text ? JSON::parse(*text, failure) : std::nullopt;
-            auto category = json ? NotificationCategory::fromJSONObject(*json, failure) : nullptr;
-            if (!category) {
-              if (failure && !*failure) {
-                *failure =
-                    Error::withDescription(NSCocoaErrorDomain, NSPropertyListReadCorruptError,
-                                           "A stored category is not text", path);
-              }
+            ErrorPtr rowError;
+            auto category = readRow(rows->valueForColumnIndex(0), &rowError);
+            if (category) {
+              categories.insert(std::move(category));
+            } else if (unreadable) {
+              unreadable->push_back(std::move(rowError));
+            } else {
+              if (failure) *failure = std::move(rowError);
               return false;
             }
-            categories.insert(std::move(category));
           }
           return !(failure && *failure);
         },
         error);
     if (!ok) return std::nullopt;
     return categories;
+  }
+
+  NotificationCategoryPtr readRow(const Value& definition, ErrorPtr* error) {
+    const std::string* text = definition.asString();
+    auto json = text ? JSON::parse(*text, error) : std::nullopt;
+    auto category = json ? NotificationCategory::fromJSONObject(*json, error) : nullptr;
+    if (!category && !*error) {
+      *error = Error::withDescription(NSCocoaErrorDomain, NSPropertyListReadCorruptError,
+                                      "A stored category is not text", path);
+    }
+    return category;
   }
 
   bool write(const NotificationCategorySet& categories, ErrorPtr* error) {
@@ -298,10 +311,16 @@ class PendingCall {
 void NotificationCenter::getNotificationCategories(CategoriesHandler completionHandler) {
   auto call = std::make_shared<PendingCall>(pending_);
   queue_->async([this, call, handler = std::move(completionHandler)] {
+    // A row that cannot be read is left out rather than the whole set: whoever registers
+    // next merges into what it is given, and an empty set would wipe every category.
     ErrorPtr error;
-    auto categories = storage_->read(&error);
+    std::vector<ErrorPtr> unreadable;
+    auto categories = storage_->read(&error, &unreadable);
     if (!categories)
       logFailure("Cannot read the notification categories of " + applicationId_, error);
+    for (const auto& rowError : unreadable) {
+      logFailure("Leaving out a stored notification category of " + applicationId_, rowError);
+    }
     if (handler) handler(categories ? std::move(*categories) : NotificationCategorySet());
     // The count drops when the block (and with it `call`) is destroyed, after the handler.
   });

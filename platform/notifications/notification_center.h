@@ -18,7 +18,9 @@
 // completion handler on that queue; setNotificationCategories replaces the whole stored
 // set. So a get started after a set always sees that set. A storage failure is written to
 // the system log (subsystem "pnx.notifications"); a get then delivers an empty set and a
-// set leaves the stored set as it was.
+// set leaves the stored set as it was. A stored row that cannot be read as a category is
+// left out of a get (and logged), so that a caller merging into what it was given keeps
+// every other category; registeredCategories fails on it instead, naming what is wrong.
 //
 // displayNotification plays the operating system's part when a notification is shown:
 // each attachment file is moved into <device>/notifications/<app id>/attachments/ (never

@@ -11,6 +11,7 @@
 // The service's console lines go to the system log, like the library's log lines; with
 // --log, both go to stderr.
 
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -55,6 +56,13 @@ class ConsoleToSystemLog final : public LogSink {
 std::optional<std::string> readPayloadText(const std::string& source, std::string* failure) {
   if (source == "-") {
     return std::string(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+  }
+  // A directory opens for reading but reads as nothing, which would pass for an empty
+  // payload.
+  std::error_code ignored;
+  if (std::filesystem::is_directory(source, ignored)) {
+    *failure = "the payload " + source + " is a directory, not a file";
+    return std::nullopt;
   }
   std::ifstream file(source, std::ios::binary);
   if (!file) {

@@ -186,4 +186,19 @@ TEST_F(DeliverCommand, BadInputIsOneLineAndExitOne) {
   EXPECT_EQ(pnx({"deliver"}).exitCode, 2);
 }
 
+TEST_F(DeliverCommand, APayloadPathThatIsADirectoryIsNamedAsOne) {
+  PnxRun run = pnx({"deliver", dir_.file("bundle")});
+  EXPECT_EQ(run.exitCode, 1);
+  EXPECT_EQ(run.errLines().size(), 1u) << run.err;
+  EXPECT_NE(run.err.find("is a directory"), std::string::npos) << run.err;
+}
+
+TEST_F(DeliverCommand, AConfigurationThatIsNotJSONIsOneLineAndExitOne) {
+  dir_.write("bundle/PnxConfig.json", "{not JSON");
+  PnxRun run = pnx({"deliver", "-"}, payload("plain.json"));
+  EXPECT_EQ(run.exitCode, 1) << run.err;
+  EXPECT_EQ(run.errLines().size(), 1u) << run.err;
+  EXPECT_NE(run.err.find("Invalid Config File"), std::string::npos) << run.err;
+}
+
 }  // namespace
