@@ -314,14 +314,11 @@ TEST_F(DeliveryManagerTest, ARequeueThatCannotBeStoredKeepsTheRecordsInFlight) {
   SQLiteIO::setCurrent(disk);
   server_.respondWith(500);
   server_.hold();
-  std::promise<Outcome> outcome;
-  manager_->sendPushDelivery(pushWith("kept"), [&](std::size_t n, ErrorPtr e) {
-    outcome.set_value({n, e});
-  });
+  std::future<Outcome> outcome = startPush(pushWith("kept"));
   ASSERT_TRUE(server_.waitForRequests(1));
   disk->failures = 1;  // the merge back fails; the in-flight entry must not go then
   server_.release();
-  wait(outcome);
+  wait(std::move(outcome));
   SQLiteIO::setCurrent(nullptr);
   EXPECT_TRUE(log_.contains("Couldn't queue delivery payload in keychain"));
   EXPECT_EQ(storedQueue(), Set{});
