@@ -39,7 +39,7 @@ class ServedDevice : public ::testing::Test {
     return arguments;
   }
   PnxRun pnx(std::vector<std::string> arguments, const std::string& input = {}) {
-    return runPnx(withDevice(std::move(arguments)), PnxRunOptions{input, {}});
+    return runPnx(withDevice(std::move(arguments)), input);
   }
   Value json(std::vector<std::string> arguments, const std::string& input = {}) {
     PnxRun run = pnx(std::move(arguments), input);

@@ -84,8 +84,8 @@ TEST(PnxProgram, MissingBundleDirectoryFailsWithOneLine) {
   pnx::testing::TempDir device;
   const std::string missing = device.file("no-such-bundle");
   expectPnxFailure(runPnx({"--device", device.path(), "--bundle", missing, "config"}), 1, missing);
-  PnxRunOptions inEnvironment{"", {"PNX_BUNDLE=" + missing}};
-  expectPnxFailure(runPnx({"--device", device.path(), "config"}, inEnvironment), 1, missing);
+  expectPnxFailure(runPnx({"--device", device.path(), "config"}, "", {"PNX_BUNDLE=" + missing}), 1,
+                   missing);
 }
 
 TEST(PnxJSONText, WritesCompactJSONAndTurnsWhatJSONCannotHoldIntoText) {

@@ -19,12 +19,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -45,23 +45,12 @@ struct PnxRun {
   std::string out;    // everything written to stdout
   std::string err;    // everything written to stderr
 
-  std::vector<std::string> errLines() const {
-    std::vector<std::string> lines;
-    std::istringstream stream(err);
-    for (std::string line; std::getline(stream, line);) lines.push_back(line);
-    return lines;
-  }
   // stdout parsed as JSON (fragments allowed), nullopt when it is not JSON.
   std::optional<pnx::Value> json() const {
     pnx::JSONReadOptions options;
     options.allowFragments = true;
     return pnx::JSON::parse(out, nullptr, options);
   }
-};
-
-struct PnxRunOptions {
-  std::string input;                     // fed to the child's stdin
-  std::vector<std::string> environment;  // extra "NAME=value" entries for the child
 };
 
 namespace pnx_test_detail {
@@ -78,54 +67,90 @@ inline std::vector<char*> pointers(std::vector<std::string>& strings) {
   return result;
 }
 
-// Starts `pnx arguments...` with its standard streams on the given files.
-inline pid_t spawnPnx(std::vector<std::string> arguments, const std::string& in,
-                      const std::string& out, const std::string& err,
-                      const std::vector<std::string>& extraEnvironment = {}) {
-  std::vector<std::string> environment;
-  for (char** entry = environ; *entry; ++entry) {
-    std::string_view text(*entry);
-    if (!text.starts_with("PNX_DEVICE=") && !text.starts_with("PNX_BUNDLE=")) {
-      environment.emplace_back(text);
-    }
-  }
-  environment.insert(environment.end(), extraEnvironment.begin(), extraEnvironment.end());
-  arguments.insert(arguments.begin(), PNX_BINARY);
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  std::vector<char*> argv = pointers(arguments), envp = pointers(environment);
-  pid_t pid = 0;
-  const int spawnError = posix_spawn(&pid, PNX_BINARY, &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  if (spawnError != 0) throw std::runtime_error("cannot start " PNX_BINARY);
-  return pid;
-}
-
-// Waits for the child to end: its exit status, or 128 + signal when a signal ended it.
-inline int waitForExit(pid_t pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 }  // namespace pnx_test_detail
 
+// `pnx arguments...` in the background with `input` on its stdin and `environment` ("NAME=
+// value") added to its own; killed at the end of the test whatever happens.
+class PnxProcess {
+ public:
+  explicit PnxProcess(std::vector<std::string> arguments, const std::string& input = {},
+                      const std::vector<std::string>& environment = {}) {
+    std::ofstream(io_.file("stdin"), std::ios::binary) << input;
+    std::vector<std::string> variables;
+    for (char** entry = environ; *entry; ++entry) {
+      std::string_view text(*entry);
+      if (!text.starts_with("PNX_DEVICE=") && !text.starts_with("PNX_BUNDLE=")) {
+        variables.emplace_back(text);
+      }
+    }
+    variables.insert(variables.end(), environment.begin(), environment.end());
+    arguments.insert(arguments.begin(), PNX_BINARY);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, io_.file("stdin").c_str(), O_RDONLY, 0);
+    for (int fd : {1, 2}) {
+      const std::string path = io_.file(fd == 1 ? "stdout" : "stderr");
+      posix_spawn_file_actions_addopen(&actions, fd, path.c_str(), O_WRONLY | O_CREAT, 0600);
+    }
+    auto argv = pnx_test_detail::pointers(arguments), envp = pnx_test_detail::pointers(variables);
+    const int error = posix_spawn(&pid_, PNX_BINARY, &actions, nullptr, argv.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) throw std::runtime_error("cannot start " PNX_BINARY);
+  }
+  ~PnxProcess() {
+    stop(SIGKILL);
+    // Under the sanitizer presets the child is instrumented too; what it found is a failure.
+    EXPECT_EQ(err().find("Sanitizer"), std::string::npos) << err();
+  }
+
+  std::string out() const { return pnx_test_detail::readWholeFile(io_.file("stdout")); }
+  std::string err() const { return pnx_test_detail::readWholeFile(io_.file("stderr")); }
+
+  // The next line on stdout as JSON; nullopt when none comes in time or it is not JSON.
+  std::optional<pnx::Value> nextLine() {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (std::chrono::steady_clock::now() < deadline) {
+      const std::string text = out();
+      const std::size_t newline = text.find('\n', consumed_);
+      if (newline != std::string::npos) {
+        const std::size_t start = std::exchange(consumed_, newline + 1);
+        return pnx::JSON::parse(std::string_view(text).substr(start, newline - start));
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return std::nullopt;
+  }
+
+  // Waits for the process to end; its exit code, or 128 + signal when a signal ended it.
+  int wait() {
+    int status = 0;
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  // Sends `signal` and returns the exit code, as wait() does.
+  int stop(int signal = SIGTERM) {
+    if (pid_ <= 0) return -1;
+    kill(pid_, signal);
+    return wait();
+  }
+
+ private:
+  pnx::testing::TempDir io_;
+  pid_t pid_ = -1;
+  std::size_t consumed_ = 0;
+};
+
 // Runs `pnx arguments...` and waits for it to end.
-inline PnxRun runPnx(std::vector<std::string> arguments, const PnxRunOptions& options = {}) {
-  using namespace pnx_test_detail;
-  pnx::testing::TempDir io;
-  std::ofstream(io.file("stdin"), std::ios::binary) << options.input;
-  const pid_t pid = spawnPnx(std::move(arguments), io.file("stdin"), io.file("stdout"),
-                             io.file("stderr"), options.environment);
+inline PnxRun runPnx(std::vector<std::string> arguments, const std::string& input = {},
+                     const std::vector<std::string>& environment = {}) {
+  PnxProcess process(std::move(arguments), input, environment);
   PnxRun run;
-  run.exitCode = waitForExit(pid);
-  run.out = readWholeFile(io.file("stdout"));
-  run.err = readWholeFile(io.file("stderr"));
+  run.exitCode = process.wait();
+  run.out = process.out();
+  run.err = process.err();
   return run;
 }
 
@@ -134,8 +159,9 @@ inline PnxRun runPnx(std::vector<std::string> arguments, const PnxRunOptions& op
 inline void expectPnxFailure(const PnxRun& run, int exitCode, std::string_view mentions = {}) {
   EXPECT_EQ(run.exitCode, exitCode) << mentions << ": " << run.err;
   EXPECT_EQ(run.out, "") << mentions;
-  EXPECT_EQ(run.errLines().size(), 1u) << mentions << ": " << run.err;
-  EXPECT_TRUE(run.err.starts_with("pnx: ")) << run.err;
+  EXPECT_TRUE(run.err.starts_with("pnx: ") && run.err.ends_with("\n") &&
+              std::count(run.err.begin(), run.err.end(), '\n') == 1)
+      << run.err;
   EXPECT_NE(run.err.find(mentions), std::string::npos) << mentions << ": " << run.err;
   if (exitCode == 2) {
     EXPECT_TRUE(run.err.ends_with("; see pnx --help\n")) << run.err;
@@ -148,65 +174,21 @@ inline std::string pnxSampleBundle() {
 }
 
 // Runs pnx against its own fresh device directory and a bundle (the sample bundle unless
-// another is named; an empty name runs without a bundle).
+// another is named).
 class PnxRunner {
  public:
   explicit PnxRunner(std::string bundle = pnxSampleBundle()) : bundle_(std::move(bundle)) {}
 
   const std::string& device() const { return device_.path(); }
 
-  PnxRun run(std::vector<std::string> arguments, const PnxRunOptions& options = {}) const {
-    std::vector<std::string> full = {"--device", device()};
-    if (!bundle_.empty()) full.insert(full.end(), {"--bundle", bundle_});
-    full.insert(full.end(), arguments.begin(), arguments.end());
-    return runPnx(std::move(full), options);
+  PnxRun run(std::vector<std::string> arguments) const {
+    arguments.insert(arguments.begin(), {"--device", device(), "--bundle", bundle_});
+    return runPnx(std::move(arguments));
   }
 
  private:
   pnx::testing::TempDir device_;
   std::string bundle_;
-};
-
-// `pnx arguments...` in the background, killed at the end of the test whatever happens.
-class PnxProcess {
- public:
-  explicit PnxProcess(std::vector<std::string> arguments)
-      : pid_(pnx_test_detail::spawnPnx(std::move(arguments), "/dev/null", io_.file("stdout"),
-                                       io_.file("stderr"))) {}
-  ~PnxProcess() {
-    stop(SIGKILL);
-    // Under the sanitizer presets the child is instrumented too; what it found is a failure.
-    EXPECT_EQ(err().find("Sanitizer"), std::string::npos) << err();
-  }
-
-  std::string err() const { return pnx_test_detail::readWholeFile(io_.file("stderr")); }
-
-  // The next line on stdout as JSON; nullopt when none comes in time or it is not JSON.
-  std::optional<pnx::Value> nextLine() {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < deadline) {
-      const std::string out = pnx_test_detail::readWholeFile(io_.file("stdout"));
-      const std::size_t newline = out.find('\n', consumed_);
-      if (newline != std::string::npos) {
-        const std::size_t start = std::exchange(consumed_, newline + 1);
-        return pnx::JSON::parse(std::string_view(out).substr(start, newline - start));
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return std::nullopt;
-  }
-
-  // Sends `signal` and returns the exit code (128 + signal when it did not exit by itself).
-  int stop(int signal = SIGTERM) {
-    if (pid_ <= 0) return -1;
-    kill(pid_, signal);
-    return pnx_test_detail::waitForExit(std::exchange(pid_, -1));
-  }
-
- private:
-  pnx::testing::TempDir io_;
-  pid_t pid_;
-  std::size_t consumed_ = 0;
 };
 
 // A base of PnxServe, so that serve's device directory exists before the process starts.
