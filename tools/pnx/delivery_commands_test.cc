@@ -111,30 +111,33 @@ TEST_F(DeliverCommand, TheWholeRoadWithActionsMediaAndReporting) {
   EXPECT_TRUE(std::filesystem::exists(path.substr(std::string("file://").size())));
 }
 
-TEST_F(DeliverCommand, WithoutMutableContentTheNotificationIsShownAsItArrived) {
-  Value result = deliver("not-mutable.json");
-  EXPECT_EQ(result["extension"], Value(false));
-  EXPECT_EQ(result["handBacks"], Value(pnx::Array()));
-  EXPECT_EQ(result["displayed"]["title"], Value("Plain push"));
-  EXPECT_EQ(result["displayed"]["attachments"], Value(pnx::Array()));
-  EXPECT_EQ(json({"categories"})["categories"], Value(pnx::Array()));
-}
-
-TEST_F(DeliverCommand, AnUnencodableActionEndsOnlyWithTheExpiry) {
-  Value result = deliver("bad-action-not-encodable.json", {"--time-budget", "0.3"});
-  EXPECT_EQ(result["expired"], Value(true));
-  EXPECT_EQ(result["handBacks"].size(), 1u);
-  EXPECT_EQ(json({"categories"})["categories"], Value(pnx::Array()));
-}
-
-TEST_F(DeliverCommand, MediaThatIsNeverFetched) {
-  for (const char* name : {"bad-media-not-a-url.json", "bad-media-file-url.json",
-                           "bad-media-escape.json", "watch.json"}) {
-    Value result = deliver(name, {"--time-budget", "10"});
-    EXPECT_EQ(result["expired"], Value(false)) << name;
-    EXPECT_GE(result["handBacks"].size(), 1u) << name;
-    EXPECT_EQ(result["displayed"]["attachments"], Value(pnx::Array())) << name;
+TEST_F(DeliverCommand, PayloadsThatAddNoMediaAndNoCategory) {
+  struct Case {
+    const char* payload;
+    bool extension, expired;
+    std::size_t handBacks;
+  };
+  for (const Case& c : {Case{"not-mutable.json", false, false, 0},
+                        Case{"bad-action-not-encodable.json", true, true, 1},
+                        Case{"bad-media-not-a-url.json", true, false, 1},
+                        Case{"bad-media-file-url.json", true, false, 1},
+                        Case{"bad-media-escape.json", true, false, 2}}) {
+    SCOPED_TRACE(c.payload);
+    // An action that cannot be encoded ends only with the expiry: a short budget.
+    Value result = deliver(c.payload, {"--time-budget", c.expired ? "0.3" : "10"});
+    EXPECT_EQ(result["extension"], Value(c.extension));
+    EXPECT_EQ(result["expired"], Value(c.expired));
+    EXPECT_EQ(result["handBacks"].size(), c.handBacks);
+    EXPECT_EQ(result["displayed"]["attachments"], Value(pnx::Array()));
+    EXPECT_EQ(json({"categories"})["categories"], Value(pnx::Array()));
+    if (!c.extension) {
+      EXPECT_EQ(result["displayed"]["title"], Value("Plain push"));
+    }
   }
+  // A watch payload's category is the watch category, whatever its name says.
+  EXPECT_EQ(deliver("watch.json")["handBacks"].size(), 1u);
+  EXPECT_EQ(json({"categories"})["categories"].asArray()->at(0)["identifier"],
+            Value("pnx-watch-category"));
   EXPECT_FALSE(std::filesystem::exists(dir_.file("device/containers/escape.png")));
 }
 

@@ -29,7 +29,8 @@ const httplib::Headers kGzip = {{"Content-Encoding", "gzip"}};
 constexpr const char* kDeliveryPath = "/3.0/apps/ap12345678/delivery";
 const std::string kReport = R"({"delivery":[{"userId":"u1","channelId":"c1","mailingId":7}]})";
 
-httplib::Result postReport(httplib::Client& client) {
+template <typename Client>
+httplib::Result postReport(Client& client) {
   return client.Post(kDeliveryPath, kGzip, gzip(kReport), "application/json");
 }
 
@@ -38,7 +39,7 @@ void expectMentions(const pnx::Value& error, std::string_view mentions) {
   EXPECT_NE(error.asString()->find(mentions), std::string::npos) << *error.asString();
 }
 
-TEST(ServeCommand, AcceptsReportsPrintsThemAndListsThem) {
+TEST(ServeCommand, AcceptsReportsPrintsAndListsThemAndRefusesWhatIsNotOne) {
   PnxServe serve;
   ASSERT_EQ(serve.url(), "http://127.0.0.1:" + std::to_string(serve.port())) << serve.err();
   auto client = serve.client();
@@ -46,7 +47,6 @@ TEST(ServeCommand, AcceptsReportsPrintsThemAndListsThem) {
   auto answer = client.Post(kDeliveryPath, kGzip, gzip(kReport), "application/json; charset=utf-8");
   ASSERT_TRUE(answer) << httplib::to_string(answer.error());
   EXPECT_EQ(answer->status, 200);
-
   auto line = serve.nextLine();
   ASSERT_TRUE(line);
   EXPECT_EQ((*line)["appKey"], pnx::Value("ap12345678"));
@@ -66,40 +66,28 @@ TEST(ServeCommand, AcceptsReportsPrintsThemAndListsThem) {
   ASSERT_TRUE(reportsLine);
   EXPECT_EQ((*reportsLine)["path"], pnx::Value("/_pnx/reports"));
   EXPECT_EQ((*reportsLine)["status"], pnx::Value(200));
-}
 
-TEST(ServeCommand, RefusesWhatIsNotADeliveryReport) {
-  PnxServe serve;
-  auto client = serve.client();
-  struct Case {
-    httplib::Headers headers;
-    std::string body;
-    const char* contentType;
-    int status;
-    const char* mentions;
-  };
-  const Case cases[] = {
+  // What the check refuses (its cases are tested beside it) is answered and printed with
+  // the reason; the headers and the size cap come from the server.
+  const std::tuple<httplib::Headers, std::string, const char*, int, const char*> refused[] = {
       {{}, kReport, "application/json", 400, "Content-Encoding is missing"},
       {kGzip, kReport, "application/json", 400, "not gzip data"},
-      {kGzip, gzip("delivery"), "application/json", 400, "not JSON"},
-      {kGzip, gzip("{}"), "application/json", 400, "no \"delivery\""},
-      {kGzip, gzip(R"({"delivery":"x"})"), "application/json", 400, "not an array"},
       {kGzip, gzip(kReport), "text/plain", 400, "not application/json"},
       {kGzip, gzip(std::string(17 * 1024 * 1024, ' ')), "application/json", 413,
        "decompresses to more than"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.mentions);
-    auto answer = client.Post(kDeliveryPath, c.headers, c.body, c.contentType);
+  for (const auto& [headers, body, contentType, status, mentions] : refused) {
+    SCOPED_TRACE(mentions);
+    auto answer = client.Post(kDeliveryPath, headers, body, contentType);
     ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->status, c.status);
-    expectMentions(pnx::JSON::parse(answer->body).value_or(pnx::Value())["error"], c.mentions);
-    auto line = serve.nextLine();
-    ASSERT_TRUE(line);
-    EXPECT_EQ((*line)["status"], pnx::Value(c.status));
-    EXPECT_EQ((*line)["method"], pnx::Value("POST"));
-    EXPECT_EQ((*line)["path"], pnx::Value(kDeliveryPath));
-    expectMentions((*line)["error"], c.mentions);
+    EXPECT_EQ(answer->status, status);
+    expectMentions(pnx::JSON::parse(answer->body).value_or(pnx::Value())["error"], mentions);
+    auto printed = serve.nextLine();
+    ASSERT_TRUE(printed);
+    EXPECT_EQ((*printed)["status"], pnx::Value(status));
+    EXPECT_EQ((*printed)["method"], pnx::Value("POST"));
+    EXPECT_EQ((*printed)["path"], pnx::Value(kDeliveryPath));
+    expectMentions((*printed)["error"], mentions);
   }
 
   auto get = client.Get(kDeliveryPath);
@@ -115,11 +103,11 @@ TEST(ServeCommand, RefusesWhatIsNotADeliveryReport) {
   }
 
   // Nothing refused was recorded, and the server still works after all of it.
-  EXPECT_EQ(client.Get("/_pnx/reports")->body, "[]");
+  EXPECT_EQ(pnx::JSON::parse(client.Get("/_pnx/reports")->body), pnx::Value(pnx::Array{*line}));
   EXPECT_EQ(serve.stop(), 0) << serve.err();
 }
 
-TEST(ServeCommand, FaultsApplyInOrderForTheirTimesThenAnswersAreNormal) {
+TEST(ServeCommand, FaultsApplyInOrderForTheirTimesAndAreReplacedAtRunTime) {
   PnxServe serve({"--fault", "status=429,retry-after=30,times=2", "--fault",
                   "status=503,delay=0.4,times=1", "--fault", "drop,times=1"});
   auto client = serve.client();
@@ -137,23 +125,13 @@ TEST(ServeCommand, FaultsApplyInOrderForTheirTimesThenAnswersAreNormal) {
     EXPECT_EQ((*line)["status"], pnx::Value(expected));
     EXPECT_TRUE((*line)["fault"].isString());
   }
-
   EXPECT_FALSE(postReport(client));  // the connection closed without any answer
   auto dropped = serve.nextLine();
   ASSERT_TRUE(dropped);
   EXPECT_TRUE((*dropped)["status"].isNull());
   EXPECT_EQ((*dropped)["fault"], pnx::Value("drop,times=1"));
-
   EXPECT_EQ(postReport(client)->status, 200);
   EXPECT_EQ((*serve.nextLine())["appKey"], pnx::Value("ap12345678"));
-  // Faults concern the backend's endpoint only; the control endpoints always answer.
-  EXPECT_EQ(pnx::JSON::parse(client.Get("/_pnx/reports")->body)->size(), 1u);
-}
-
-TEST(ServeCommand, FaultsAreReplacedAtRunTime) {
-  PnxServe serve({"--fault", "status=500"});
-  auto client = serve.client();
-  EXPECT_EQ(postReport(client)->status, 500);
 
   auto replaced =
       client.Post("/_pnx/faults", R"(["status=429,retry-after=5,times=1"])", "application/json");
@@ -162,7 +140,6 @@ TEST(ServeCommand, FaultsAreReplacedAtRunTime) {
   EXPECT_EQ(pnx::JSON::parse(replaced->body),
             pnx::Value(pnx::Array{pnx::Value::dict(
                 {{"fault", "status=429,retry-after=5,times=1"}, {"remaining", 1}})}));
-
   auto bad = client.Post("/_pnx/faults", R"(["status=abc"])", "application/json");
   ASSERT_TRUE(bad);
   EXPECT_EQ(bad->status, 400);
@@ -173,9 +150,10 @@ TEST(ServeCommand, FaultsAreReplacedAtRunTime) {
   EXPECT_EQ(limited->status, 429);
   EXPECT_EQ(limited->get_header_value("Retry-After"), "5");
   EXPECT_EQ(postReport(client)->status, 200);
-
   ASSERT_EQ(client.Post("/_pnx/faults", "[]", "application/json")->status, 200);
   EXPECT_EQ(client.Get("/_pnx/faults")->body, "[]");
+  // Faults concern the backend's endpoint only; the control endpoints always answer.
+  EXPECT_EQ(pnx::JSON::parse(client.Get("/_pnx/reports")->body)->size(), 2u);
 }
 
 TEST(ServeCommand, BadOptionsFailInOneLine) {
@@ -258,14 +236,14 @@ TEST(ServeCommand, ServesHTTPSWithTheGivenCertificate) {
   httplib::SSLClient trusting("127.0.0.1", serve.port());
   trusting.set_ca_cert_path(cert.c_str());
   trusting.enable_server_certificate_verification(true);
-  auto answer = trusting.Post(kDeliveryPath, kGzip, gzip(kReport), "application/json");
+  auto answer = postReport(trusting);
   ASSERT_TRUE(answer) << httplib::to_string(answer.error());
   EXPECT_EQ(answer->status, 200);
 
   // A dropping fault closes the TLS connection without an answer too.
   ASSERT_EQ(trusting.Post("/_pnx/faults", R"(["drop,times=1"])", "application/json")->status, 200);
-  EXPECT_FALSE(trusting.Post(kDeliveryPath, kGzip, gzip(kReport), "application/json"));
-  auto afterDrop = trusting.Post(kDeliveryPath, kGzip, gzip(kReport), "application/json");
+  EXPECT_FALSE(postReport(trusting));
+  auto afterDrop = postReport(trusting);
   ASSERT_TRUE(afterDrop);
   EXPECT_EQ(afterDrop->status, 200);
 
