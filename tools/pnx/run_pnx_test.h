@@ -1,15 +1,10 @@
-// Test helpers that run the built pnx program (PNX_BINARY) as a child process, so that
-// commands are tested the way people use them: one process per run, files on disk between
-// runs. A child's output goes to files, so a chatty child never blocks on a full pipe, and
-// $PNX_DEVICE and $PNX_BUNDLE are removed from its environment so that the developer's own
-// settings never leak into a test.
+// Runs the built pnx (PNX_BINARY) as a child process, as people use it: one process per run,
+// files on disk between runs. Output goes to files, so a chatty child never blocks on a full
+// pipe; $PNX_DEVICE and $PNX_BUNDLE are removed from its environment so that the
+// developer's own settings never leak into a test. Use from the test's thread.
 //
-//   PnxRunner pnx;                       // a fresh device directory, the sample bundle
-//   PnxRun run = pnx.run({"config"});
-//   EXPECT_EQ(run.exitCode, 0) << run.err;
+//   PnxRun run = PnxRunner().run({"config"});   // a fresh device, the sample bundle
 //   PnxServe serve({"--fault", "status=500"});  // `pnx serve` in the background
-//
-// Thread-safety: none needed; use from the test's thread.
 #pragma once
 
 #include <fcntl.h>
@@ -60,6 +55,7 @@ inline std::string readWholeFile(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
 }
 
+// argv/envp for posix_spawn: pointers into `strings`, ended by nullptr.
 inline std::vector<char*> pointers(std::vector<std::string>& strings) {
   std::vector<char*> result;
   for (auto& text : strings) result.push_back(text.data());
