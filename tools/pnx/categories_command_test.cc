@@ -19,9 +19,7 @@ PnxRun categories(const pnx::testing::ScopedDevice& device) {
 
 TEST(PnxCategoriesCommand, ListsWhatAnotherProcessRegisteredOrderedByIdentifier) {
   pnx::testing::ScopedDevice device("com.example.chat");
-  PnxRun empty = categories(device);
-  EXPECT_EQ(empty.exitCode, 0) << empty.err;
-  EXPECT_EQ(empty.json(), pnx::JSON::parse(R"({"categories": []})"));
+  EXPECT_EQ(expectPnxJSON(categories(device)), pnx::JSON::parse(R"({"categories": []})"));
   EXPECT_FALSE(std::filesystem::exists(device.deviceDirectory() + "/notifications"));
 
   auto center = pnx::NotificationCenter::currentNotificationCenter();
@@ -33,9 +31,7 @@ TEST(PnxCategoriesCommand, ListsWhatAnotherProcessRegisteredOrderedByIdentifier)
            "alert", {pnx::NotificationAction::make("{\"name\":\"OK\"}", "OK", 2)}, {"intent"}, 0)});
   center->waitUntilIdle();
 
-  PnxRun run = categories(device);
-  EXPECT_EQ(run.exitCode, 0) << run.err;
-  EXPECT_EQ(run.json(), pnx::JSON::parse(R"({"categories": [
+  EXPECT_EQ(expectPnxJSON(categories(device)), pnx::JSON::parse(R"({"categories": [
       {"identifier": "alert", "options": 0, "intentIdentifiers": ["intent"],
        "actions": [{"identifier": "{\"name\":\"OK\"}", "title": "OK", "options": 2}]},
       {"identifier": "reply", "options": 1, "intentIdentifiers": [],

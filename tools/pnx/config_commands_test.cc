@@ -28,19 +28,13 @@ class BundleUnderTest : public pnx::testing::TempDir {
   }
 };
 
-pnx::Value runJSON(const PnxRunner& pnx, const std::vector<std::string>& arguments) {
-  PnxRun run = pnx.run(arguments);
-  EXPECT_EQ(run.exitCode, 0) << run.err;
-  return run.json().value_or(pnx::Value());
-}
-
 pnx::Value json(std::string_view text) {
   return pnx::JSON::parse(text).value();
 }
 
 TEST(PnxConfigCommand, PrintsEveryPropertyWithItsDefaultWhenThereIsNoFile) {
   BundleUnderTest bundle;
-  EXPECT_EQ(runJSON(PnxRunner(bundle.path()), {"config"}), json(R"({
+  EXPECT_EQ(expectPnxJSON(PnxRunner(bundle.path()).run({"config"})), json(R"({
       "sessionTimeout": 20, "baseUrl": "https://push.quorvex.example/", "appKey": null,
       "autoInitializeFlag": true, "autoInitializeLocationFlag": false, "appDelegateClass": null,
       "locationSyncRadius": 100000, "locationSyncTimeout": 600, "geofenceEnabled": false,
@@ -70,7 +64,7 @@ TEST(PnxConfigCommand, ReadsEveryKeyAndChoosesTheKeyByTheProfile) {
       "baseUrl": "https://api.example.com:8443/rest/v1/", "autoInitialize": "no",
       "appDelegateClass": "Unknown", "sessionTimeout": "45"})");
   PnxRunner pnx(bundle.path());
-  EXPECT_EQ(runJSON(pnx, {"config"}), json(R"({
+  EXPECT_EQ(expectPnxJSON(pnx.run({"config"})), json(R"({
       "sessionTimeout": 45, "baseUrl": "https://api.example.com:8443/", "appKey": "apPROD5678",
       "autoInitializeFlag": false, "autoInitializeLocationFlag": false, "appDelegateClass": null,
       "locationSyncRadius": 500, "locationSyncTimeout": 300, "geofenceEnabled": true,
@@ -84,7 +78,7 @@ TEST(PnxConfigCommand, ReadsEveryKeyAndChoosesTheKeyByTheProfile) {
       "maximumGeofenceCount": 20, "teamId": "T1", "deliveryReporting": true})"));
 
   bundle.addProfile("debug");
-  EXPECT_EQ(runJSON(pnx, {"config"})["appKey"], pnx::Value("apDEV45678"));
+  EXPECT_EQ(expectPnxJSON(pnx.run({"config"}))["appKey"], pnx::Value("apDEV45678"));
 }
 
 TEST(PnxConfigCommand, ReportsAnUnreadableFileAsOneLine) {
@@ -119,7 +113,7 @@ TEST(PnxConfigCommand, WritesTheRunsLogFileWhenTheConfigurationAsksForIt) {
   BundleUnderTest bundle;
   bundle.write("PnxConfig.json", R"({"logfile": true, "loglevel": "info"})");
   PnxRunner pnx(bundle.path());
-  runJSON(pnx, {"config"});
+  expectPnxJSON(pnx.run({"config"}));
   const std::string log = pnx_test_detail::readWholeFile(
       pnx.device() + "/containers/com.example.commands/Documents/PNX.log");
   EXPECT_NE(log.find("Application Configuration Loaded"), std::string::npos) << log;
@@ -130,8 +124,7 @@ TEST(PnxProfileCommand, PrintsWhatTheProfileSays) {
   BundleUnderTest bundle;
   PnxRunner pnx(bundle.path());
   PnxRun none = pnx.run({"--log", "profile"});
-  EXPECT_EQ(none.exitCode, 0) << none.err;
-  EXPECT_EQ(none.json(), json(R"({"binaryEnvironment": null,
+  EXPECT_EQ(expectPnxJSON(none), json(R"({"binaryEnvironment": null,
       "certificateExpiration": null, "certificateExpired": false, "provisionedDevices": null})"));
   // The log shows why no profile was read.
   EXPECT_NE(none.err.find("pnx log: \xF0\x9F\x9B\x91 Couldn't find file embedded.mobileprovision"),
@@ -139,7 +132,7 @@ TEST(PnxProfileCommand, PrintsWhatTheProfileSays) {
       << none.err;
 
   bundle.addProfile("ad-hoc", -2);
-  pnx::Value profile = runJSON(pnx, {"profile"});
+  pnx::Value profile = expectPnxJSON(pnx.run({"profile"}));
   EXPECT_EQ(profile["binaryEnvironment"], pnx::Value("ad-hoc"));
   EXPECT_EQ(profile["certificateExpired"], pnx::Value(true));
   EXPECT_EQ(profile["provisionedDevices"].size(), 2u);
@@ -147,7 +140,7 @@ TEST(PnxProfileCommand, PrintsWhatTheProfileSays) {
   ASSERT_TRUE(expiration);
   EXPECT_NEAR(expiration->timeIntervalSinceNow(), -2 * 86400.0, 3600);
 
-  EXPECT_EQ(runJSON(PnxRunner(), {"profile"})["binaryEnvironment"], pnx::Value("debug"))
+  EXPECT_EQ(expectPnxJSON(PnxRunner().run({"profile"}))["binaryEnvironment"], pnx::Value("debug"))
       << "the sample bundle ships a debug profile";
 }
 

@@ -26,7 +26,7 @@ class ServedDevice : public ::testing::Test {
     ASSERT_GT(serve_.port(), 0) << "pnx serve did not start: " << serve_.err();
     std::filesystem::copy(pnxSampleBundle(), dir_.file("bundle"));
     pointAt(serve_.url());
-    ASSERT_EQ(pnx({"identity", "--user-id", "u1", "--channel-id", "c1"}).exitCode, 0);
+    json({"identity", "--user-id", "u1", "--channel-id", "c1"});
   }
 
   void pointAt(const std::string& baseUrl) {
@@ -44,9 +44,7 @@ class ServedDevice : public ::testing::Test {
   Value json(std::vector<std::string> arguments, const std::string& input = {}) {
     PnxRun run = pnx(std::move(arguments), input);
     lastErr_ = run.err;
-    auto value = run.json();
-    EXPECT_TRUE(value) << run.out << run.err;
-    return value.value_or(Value());
+    return expectPnxJSON(run);
   }
   // `pnx deliver` of an example payload whose media URL points at the server.
   Value deliver(const std::string& name, std::vector<std::string> arguments = {}) {
@@ -172,14 +170,10 @@ TEST_F(DeliveryCommands, ABackOffHoldsResendsAndFailuresExitWithTheirError) {
   EXPECT_TRUE(std::regex_match(
       *queue["retryAfter"].asString(),
       std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}[+-]\\d\\d:\\d\\d")));
-  PnxRun held = pnx({"resend"});
-  EXPECT_EQ(held.exitCode, 0);
-  EXPECT_EQ(held.json(),
+  EXPECT_EQ(json({"resend"}),
             Value::dict({{"sent", 0}, {"error", Value()}, {"retryAfter", queue["retryAfter"]}}));
 
-  ASSERT_EQ(pnx({"keychain", "rm", "retryAfter", "--service", "PNX", "--group", "A1B2C3D4E5.PNX"})
-                .exitCode,
-            0);
+  json({"keychain", "rm", "retryAfter", "--service", "PNX", "--group", "A1B2C3D4E5.PNX"});
   pointAt("http://127.0.0.1:1");
   PnxRun failed = pnx({"resend"});
   EXPECT_EQ(failed.exitCode, 1);

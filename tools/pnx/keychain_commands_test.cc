@@ -38,17 +38,12 @@ std::vector<StoredRow> storedRows(const PnxRunner& pnx, const std::string& servi
 
 TEST(PnxKeychainCommands, IdentityIsWrittenIntoTheSharedGroupAndReadBack) {
   PnxRunner pnx;
-  PnxRun first = pnx.run({"identity"});
-  ASSERT_EQ(first.exitCode, 0) << first.err;
-  EXPECT_EQ(first.json(),
+  EXPECT_EQ(expectPnxJSON(pnx.run({"identity"})),
             pnx::Value::dict({{"userId", pnx::Value()}, {"channelId", pnx::Value()}}));
-
-  PnxRun written = pnx.run({"identity", "--user-id", "user-7", "--channel-id", "chan-9"});
-  ASSERT_EQ(written.exitCode, 0) << written.err;
-  EXPECT_EQ(written.json(), pnx::Value::dict({{"userId", "user-7"}, {"channelId", "chan-9"}}));
-
-  PnxRun changed = pnx.run({"identity", "--user-id", "user-8"});
-  EXPECT_EQ(changed.json(), pnx::Value::dict({{"userId", "user-8"}, {"channelId", "chan-9"}}));
+  EXPECT_EQ(expectPnxJSON(pnx.run({"identity", "--user-id", "user-7", "--channel-id", "chan-9"})),
+            pnx::Value::dict({{"userId", "user-7"}, {"channelId", "chan-9"}}));
+  EXPECT_EQ(expectPnxJSON(pnx.run({"identity", "--user-id", "user-8"})),
+            pnx::Value::dict({{"userId", "user-8"}, {"channelId", "chan-9"}}));
 
   auto rows = storedRows(pnx, "PNX", "userId");
   ASSERT_EQ(rows.size(), 1u);
@@ -63,24 +58,18 @@ TEST(PnxKeychainCommands, IdentityIsWrittenIntoTheSharedGroupAndReadBack) {
 TEST(PnxKeychainCommands, SetGetAndRemoveOneItem) {
   PnxRunner pnx;
   const char* queue = R"([{"userId":"u1","mailingId":3},{"channelId":"c2"}])";
-  PnxRun set = pnx.run({"keychain", "set", "pushQueue", queue});
-  ASSERT_EQ(set.exitCode, 0) << set.err;
-  pnx::Value expected = *pnx::JSON::parse(queue);
-  EXPECT_EQ(set.json(), expected);
-  EXPECT_EQ(pnx.run({"keychain", "get", "pushQueue"}).json(), expected);
+  const pnx::Value expected = *pnx::JSON::parse(queue);
+  EXPECT_EQ(expectPnxJSON(pnx.run({"keychain", "set", "pushQueue", queue})), expected);
+  EXPECT_EQ(expectPnxJSON(pnx.run({"keychain", "get", "pushQueue"})), expected);
   auto rows = storedRows(pnx, "PNX", "pushQueue");
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(rows[0].value, expected);
 
   // Another service is another item; "" selects the default group.
-  ASSERT_EQ(
-      pnx.run({"keychain", "set", "pushQueue", "42", "--service", "other", "--group", ""}).exitCode,
-      0);
-  EXPECT_EQ(pnx.run({"keychain", "get", "pushQueue"}).json(), expected);
-
-  PnxRun removed = pnx.run({"keychain", "rm", "pushQueue"});
-  ASSERT_EQ(removed.exitCode, 0) << removed.err;
-  EXPECT_EQ(removed.json(), expected);
+  expectPnxJSON(
+      pnx.run({"keychain", "set", "pushQueue", "42", "--service", "other", "--group", ""}));
+  EXPECT_EQ(expectPnxJSON(pnx.run({"keychain", "get", "pushQueue"})), expected);
+  EXPECT_EQ(expectPnxJSON(pnx.run({"keychain", "rm", "pushQueue"})), expected);
   expectPnxFailure(pnx.run({"keychain", "get", "pushQueue"}), 1, "errSecItemNotFound (-25300)");
   expectPnxFailure(pnx.run({"keychain", "rm", "pushQueue"}), 1, "errSecItemNotFound (-25300)");
 }

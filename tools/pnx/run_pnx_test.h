@@ -150,6 +150,14 @@ inline PnxRun runPnx(std::vector<std::string> arguments, const std::string& inpu
   return run;
 }
 
+// What a run that must succeed printed: its stdout as JSON (null when it is not JSON).
+inline pnx::Value expectPnxJSON(const PnxRun& run) {
+  EXPECT_EQ(run.exitCode, 0) << run.err;
+  auto value = run.json();
+  EXPECT_TRUE(value) << run.out << run.err;
+  return value.value_or(pnx::Value());
+}
+
 // pnx's failure contract: the exit code (1 failure, 2 usage error), nothing on stdout, and
 // one line on stderr, "pnx: ...", that mentions `mentions`; a usage error points at --help.
 inline void expectPnxFailure(const PnxRun& run, int exitCode, std::string_view mentions = {}) {
