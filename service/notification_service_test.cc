@@ -8,9 +8,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <latch>
 #include <limits>
 #include <mutex>
 #include <thread>
@@ -30,31 +30,26 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::string sampleFile(const std::string& name) {
-  std::ifstream in(std::string(PNX_SOURCE_DIR) + "/examples/media/" + name, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-// Serves /media/NAME: the sample PNG under any name but "missing.png" (a 404 page), and
-// holds requests for names starting with "slow" until release().
+// Serves /media/NAME: the sample PNG under any name but "missing.png" (a 404 page); requests
+// for names starting with "slow" wait until release().
 class MediaServer {
  public:
   MediaServer() {
+    std::ifstream in(PNX_SOURCE_DIR "/examples/media/sample.png", std::ios::binary);
+    png_.assign(std::istreambuf_iterator<char>(in), {});
     server_.Get("/media/(.*)", [this](const httplib::Request& in, httplib::Response& out) {
       const std::string name = in.matches[1];
-      requests_.fetch_add(1);
-      if (name.rfind("slow", 0) == 0) {
-        std::unique_lock lock(mutex_);
-        arrived_ = true;
-        changed_.notify_all();
-        changed_.wait(lock, [this] { return released_; });
+      ++requests_;
+      if (name.starts_with("slow")) {
+        slowArrived_.count_down();
+        released_.wait();
       }
       if (name == "missing.png") {
         out.status = 404;
         out.set_content("<html><body>Not Found</body></html>", "text/html");
-        return;
+      } else {
+        out.set_content(png_, "image/png");
       }
-      out.set_content(sampleFile("sample.png"), "image/png");
     });
     // One request per connection: a kept-alive connection would hold stop() for seconds.
     server_.set_keep_alive_max_count(1);
@@ -70,25 +65,19 @@ class MediaServer {
   std::string url(const std::string& name) const {
     return "http://127.0.0.1:" + std::to_string(port_) + "/media/" + name;
   }
-  void waitForSlowRequest() {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return arrived_; });
-  }
+  void waitForSlowRequest() { slowArrived_.wait(); }
   void release() {
-    std::lock_guard lock(mutex_);
-    released_ = true;
-    changed_.notify_all();
+    if (!releasedOnce_.exchange(true)) released_.count_down();
   }
   int requests() const { return requests_.load(); }
 
  private:
+  std::string png_;
   httplib::Server server_;
   int port_ = 0;
   std::thread thread_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool arrived_ = false;
-  bool released_ = false;
+  std::latch slowArrived_{1}, released_{1};
+  std::atomic<bool> releasedOnce_{false};
   std::atomic<int> requests_{0};
 };
 
@@ -102,30 +91,30 @@ NotificationRequestPtr requestFor(const Value& payload) {
   return ExtensionHost::requestFromPayload("REQ-1", payload);
 }
 
-// Calls the service directly and records what it hands back.
-struct HandBacks {
-  std::mutex mutex;
-  std::vector<NotificationContentPtr> contents;
-  std::vector<std::thread::id> threads;
+NotificationRequestPtr mediaRequest(const std::string& url) {
+  return requestFor(
+      Value::dict({{"aps", Value::dict({{"mutable-content", 1}})}, {"media-attachment", url}}));
+}
 
-  ContentHandler handler() {
-    return [this](NotificationContentPtr content) {
-      std::lock_guard lock(mutex);
-      contents.push_back(content->copy());
-      threads.push_back(std::this_thread::get_id());
-    };
-  }
-  std::size_t count() {
-    std::lock_guard lock(mutex);
-    return contents.size();
-  }
-};
-
-// Runs the main queue until the service's work, downloads included, is over.
-void runUntilIdle(HandBacks& handBacks, std::size_t expected) {
-  RunLoop::runUntil(
-      [&] { return handBacks.count() >= expected && !ExtensionHost::extensionWorkInFlight(); },
-      std::chrono::steady_clock::now() + 20s);
+// Calls a fresh service directly, without showing anything, and runs the main queue until
+// `expected` contents came back and the service's work, downloads included, is over.
+std::vector<NotificationContentPtr> receive(const NotificationRequestPtr& request,
+                                            std::size_t expected) {
+  auto handBacks = std::make_shared<std::vector<NotificationContentPtr>>();
+  auto mutex = std::make_shared<std::mutex>();
+  PNXNotificationService::make()->didReceiveNotificationRequest(
+      request, [=](NotificationContentPtr content) {
+        std::lock_guard lock(*mutex);
+        handBacks->push_back(content->copy());
+      });
+  auto count = [&] {
+    std::lock_guard lock(*mutex);
+    return handBacks->size();
+  };
+  RunLoop::runUntil([&] { return count() >= expected && !ExtensionHost::extensionWorkInFlight(); },
+                    std::chrono::steady_clock::now() + 20s);
+  std::lock_guard lock(*mutex);
+  return *handBacks;
 }
 
 class NotificationServiceTest : public ::testing::Test {
@@ -142,6 +131,11 @@ class NotificationServiceTest : public ::testing::Test {
   std::shared_ptr<NotificationCenter> center() {
     return NotificationCenter::currentNotificationCenter();
   }
+  std::vector<NotificationCategoryPtr> registered() {
+    auto categories = center()->registeredCategories();
+    EXPECT_TRUE(categories);
+    return categories ? sortedCategories(*categories) : std::vector<NotificationCategoryPtr>();
+  }
 
   testing::ScopedDevice device_{"com.example.sampleapp.service"};
   LogCapture log_;
@@ -152,13 +146,16 @@ TEST_F(NotificationServiceTest, WithoutActionsOrMediaHandsBackAtOnceOnTheCalling
                               R"({"aps": {}, "category-actions": {"not": "an array"},
                                   "media-attachment": ["not", "a", "string"]})",
                               R"({"media-attachment": "http://[bad"})"}) {
-    HandBacks handBacks;
-    auto service = PNXNotificationService::make();
-    service->didReceiveNotificationRequest(requestFor(json(payload)), handBacks.handler());
-    ASSERT_EQ(handBacks.count(), 1u) << payload;
-    EXPECT_EQ(handBacks.threads[0], std::this_thread::get_id());
-    EXPECT_TRUE(handBacks.contents[0]->attachments().empty());
-    EXPECT_EQ(handBacks.contents[0]->categoryIdentifier(), "");
+    std::vector<std::thread::id> threads;
+    NotificationContentPtr content;
+    PNXNotificationService::make()->didReceiveNotificationRequest(
+        requestFor(json(payload)), [&](NotificationContentPtr handed) {
+          threads.push_back(std::this_thread::get_id());
+          content = handed->copy();
+        });
+    ASSERT_EQ(threads, std::vector{std::this_thread::get_id()}) << payload;
+    EXPECT_TRUE(content->attachments().empty());
+    EXPECT_EQ(content->categoryIdentifier(), "");
   }
   EXPECT_EQ(PNXNotificationService::outstandingWork(), 0u);
   EXPECT_FALSE(std::filesystem::exists(center()->databasePath()));  // center never touched
@@ -182,13 +179,10 @@ TEST_F(NotificationServiceTest, RegistersThePayloadsCategoryInPlaceOfOneOfTheSam
       ExtensionHost::deliver(requestFor(payload), PNXNotificationService::make());
   ASSERT_EQ(outcome.handBacks.size(), 1u);
   EXPECT_FALSE(outcome.expired);
-  const auto& content = *outcome.handBacks[0];
-  EXPECT_EQ(content.categoryIdentifier(), "promo");
-  EXPECT_EQ(content.userInfo()["aps"]["category"], Value("promo"));
+  EXPECT_EQ(outcome.handBacks[0]->categoryIdentifier(), "promo");
+  EXPECT_EQ(outcome.handBacks[0]->userInfo()["aps"]["category"], Value("promo"));
 
-  auto registered = center()->registeredCategories();
-  ASSERT_TRUE(registered);
-  auto sorted = sortedCategories(*registered);
+  auto sorted = registered();
   ASSERT_EQ(sorted.size(), 2u);
   EXPECT_EQ(sorted[0]->identifier(), "other");
   const auto& promo = *sorted[1];
@@ -202,19 +196,16 @@ TEST_F(NotificationServiceTest, RegistersThePayloadsCategoryInPlaceOfOneOfTheSam
   EXPECT_EQ(promo.actions()[1]->asTextInput()->textInputButtonTitle(), "Send");
   EXPECT_FALSE(promo.actions()[1]->asTextInput()->textInputPlaceholder());
   EXPECT_EQ(promo.actions()[2]->options(), 3u);
-}
 
-TEST_F(NotificationServiceTest, EmptyActionsAndTheWatchCategory) {
+  // Empty actions still register a category; a watch payload's is the watch category.
   ExtensionHost::deliver(requestFor(json(R"({"aps": {"mutable-content": 1},
       "category-name": "ignored", "data": {"watch": ""}, "category-actions": []})")),
                          PNXNotificationService::make());
-  auto registered = center()->registeredCategories();
-  ASSERT_TRUE(registered);
-  ASSERT_EQ(registered->size(), 1u);
-  const auto& category = **registered->begin();
-  EXPECT_EQ(category.identifier(), "pnx-watch-category");
-  EXPECT_TRUE(category.actions().empty());
-  EXPECT_EQ(category.options(), NotificationCategoryOptionCustomDismissAction);
+  sorted = registered();
+  ASSERT_EQ(sorted.size(), 3u);
+  EXPECT_EQ(sorted[1]->identifier(), "pnx-watch-category");
+  EXPECT_TRUE(sorted[1]->actions().empty());
+  EXPECT_EQ(sorted[1]->options(), NotificationCategoryOptionCustomDismissAction);
 }
 
 TEST_F(NotificationServiceTest, AnActionThatCannotBeEncodedLeavesOnlyTheExpiry) {
@@ -236,17 +227,13 @@ TEST_F(NotificationServiceTest, AnActionThatCannotBeEncodedLeavesOnlyTheExpiry) 
   EXPECT_EQ(outcome.handBacks[0]->categoryIdentifier(), "c");
   EXPECT_TRUE(consoleHas("PNXNotificationService: Service time expired!"));
   EXPECT_FALSE(consoleHas("setting up download session"));
-  auto registered = center()->registeredCategories();
-  ASSERT_TRUE(registered);
-  EXPECT_TRUE(registered->empty());
+  EXPECT_TRUE(registered().empty());
 }
 
 TEST_F(NotificationServiceTest, ADownloadIsAttachedHandedBackTwiceAndMovedWhenShown) {
   MediaServer server;
-  ExtensionOutcome outcome = ExtensionHost::deliver(
-      requestFor(Value::dict({{"aps", Value::dict({{"mutable-content", 1}})},
-                              {"media-attachment", server.url("cat.png?size=2")}})),
-      PNXNotificationService::make());
+  ExtensionOutcome outcome = ExtensionHost::deliver(mediaRequest(server.url("cat.png?size=2")),
+                                                    PNXNotificationService::make());
   EXPECT_FALSE(outcome.expired);
   ASSERT_EQ(outcome.handBacks.size(), 2u);  // the finish, then the completion
   for (const auto& content : outcome.handBacks) {
@@ -265,59 +252,37 @@ TEST_F(NotificationServiceTest, ADownloadIsAttachedHandedBackTwiceAndMovedWhenSh
   EXPECT_TRUE(consoleHas("PNXNotificationService: didCompleteWithError: (null)"));
 }
 
-TEST_F(NotificationServiceTest, TheSecondNotificationNamingTheSameFileFailsToCopy) {
-  MediaServer server;
-  const Value payload = Value::dict({{"media-attachment", server.url("same.png")}});
-  HandBacks first, second;
-  auto one = PNXNotificationService::make();
-  one->didReceiveNotificationRequest(requestFor(payload), first.handler());
-  runUntilIdle(first, 2);
-  auto two = PNXNotificationService::make();
-  two->didReceiveNotificationRequest(requestFor(payload), second.handler());
-  runUntilIdle(second, 2);
-
-  ASSERT_EQ(first.count(), 2u);
-  EXPECT_EQ(first.contents[0]->attachments().size(), 1u);
-  ASSERT_EQ(second.count(), 2u);  // the copy error, then the completion
-  EXPECT_TRUE(second.contents[0]->attachments().empty());
-  EXPECT_TRUE(second.contents[1]->attachments().empty());
-  EXPECT_TRUE(consoleHas("PNXNotificationService: Copy Error: "));
-}
-
-TEST_F(NotificationServiceTest, RefusedAttachmentsAndUnusableNamesGoBackWithoutMedia) {
+TEST_F(NotificationServiceTest, DownloadsThatCannotBeAttachedGoBackWithoutMedia) {
   MediaServer server;
   struct Case {
+    const char* name;
     std::string url;
+    bool fetched;   // a file URL is never read: only the completion, with an error, comes back
+    bool attached;  // on every content handed back
     const char* message;
   };
-  for (const Case& c : {Case{server.url("noext"), "Attachment Error: "},
-                        Case{server.url("missing.png"), "Attachment Error: "},
-                        Case{server.url("..%2F..%2Fescape.png"), "Copy Error: "}}) {
+  for (const Case& c :
+       {Case{"first same.png", server.url("same.png"), true, true, "didCompleteWithError: (null)"},
+        // Nothing was shown, so the first file is still in the temporary directory.
+        Case{"second same.png", server.url("same.png"), true, false, "Copy Error: "},
+        Case{"no extension", server.url("noext"), true, false, "Attachment Error: "},
+        Case{"404 page", server.url("missing.png"), true, false, "Attachment Error: "},
+        Case{"escape", server.url("..%2F..%2Fescape.png"), true, false, "Copy Error: "},
+        Case{"file URL", "file:///etc/hostname", false, false, "didCompleteWithError: "}}) {
+    SCOPED_TRACE(c.name);
     log_.clear();
-    HandBacks handBacks;
-    auto service = PNXNotificationService::make();
-    service->didReceiveNotificationRequest(requestFor(Value::dict({{"media-attachment", c.url}})),
-                                           handBacks.handler());
-    runUntilIdle(handBacks, 2);
-    ASSERT_EQ(handBacks.count(), 2u) << c.url;
-    EXPECT_TRUE(handBacks.contents[0]->attachments().empty()) << c.url;
-    EXPECT_TRUE(consoleHas(c.message)) << c.url;
+    auto handBacks = receive(mediaRequest(c.url), c.fetched ? 2 : 1);
+    ASSERT_EQ(handBacks.size(), c.fetched ? 2u : 1u);
+    for (const auto& content : handBacks) {
+      EXPECT_EQ(content->attachments().size(), c.attached ? 1u : 0u);
+    }
+    EXPECT_TRUE(consoleHas(c.message));
+    EXPECT_EQ(consoleHas("didFinishDownloadingToURL"), c.fetched);
+    EXPECT_EQ(consoleHas("didCompleteWithError: (null)"), c.fetched);
   }
+  EXPECT_FALSE(std::filesystem::exists(Container::temporaryDirectory() + "/hostname"));
   EXPECT_FALSE(std::filesystem::exists(Container::temporaryDirectory() + "/../escape.png"));
   EXPECT_FALSE(std::filesystem::exists(Container::root() + "/../escape.png"));
-}
-
-TEST_F(NotificationServiceTest, AFileURLIsNeverRead) {
-  HandBacks handBacks;
-  auto service = PNXNotificationService::make();
-  service->didReceiveNotificationRequest(
-      requestFor(Value::dict({{"media-attachment", "file:///etc/hostname"}})), handBacks.handler());
-  runUntilIdle(handBacks, 1);
-  ASSERT_EQ(handBacks.count(), 1u);  // only the completion, with an error
-  EXPECT_TRUE(handBacks.contents[0]->attachments().empty());
-  EXPECT_FALSE(consoleHas("didFinishDownloadingToURL"));
-  EXPECT_FALSE(consoleHas("didCompleteWithError: (null)"));
-  EXPECT_FALSE(std::filesystem::exists(Container::temporaryDirectory() + "/hostname"));
 }
 
 TEST_F(NotificationServiceTest, ExpiryDuringTheDownloadThenTheFinishHandsBackAgain) {
@@ -331,10 +296,8 @@ TEST_F(NotificationServiceTest, ExpiryDuringTheDownloadThenTheFinishHandsBackAga
   });
   ExtensionRunOptions options;
   options.grace = 10s;  // ends as soon as nothing is in flight
-  ExtensionOutcome outcome = ExtensionHost::deliver(
-      requestFor(Value::dict({{"aps", Value::dict({{"mutable-content", 1}})},
-                              {"media-attachment", server.url("slow.png")}})),
-      PNXNotificationService::make(), options);
+  ExtensionOutcome outcome = ExtensionHost::deliver(mediaRequest(server.url("slow.png")),
+                                                    PNXNotificationService::make(), options);
   driver.join();
 
   EXPECT_TRUE(outcome.expired);

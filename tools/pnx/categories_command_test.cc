@@ -17,16 +17,11 @@ PnxRun categories(const pnx::testing::ScopedDevice& device) {
       {"--device", device.deviceDirectory(), "--bundle", device.bundleDirectory(), "categories"});
 }
 
-TEST(PnxCategoriesCommand, ListsNothingOnAnEmptyDevice) {
-  pnx::testing::ScopedDevice device("com.example.chat");
-  PnxRun run = categories(device);
-  EXPECT_EQ(run.exitCode, 0) << run.err;
-  EXPECT_EQ(run.json(), pnx::JSON::parse(R"({"categories": []})"));
-  EXPECT_FALSE(std::filesystem::exists(device.deviceDirectory() + "/notifications"));
-}
-
 TEST(PnxCategoriesCommand, ListsWhatAnotherProcessRegisteredOrderedByIdentifier) {
   pnx::testing::ScopedDevice device("com.example.chat");
+  EXPECT_EQ(expectPnxJSON(categories(device)), pnx::JSON::parse(R"({"categories": []})"));
+  EXPECT_FALSE(std::filesystem::exists(device.deviceDirectory() + "/notifications"));
+
   auto center = pnx::NotificationCenter::currentNotificationCenter();
   center->setNotificationCategories(
       {pnx::NotificationCategory::make(
@@ -36,9 +31,7 @@ TEST(PnxCategoriesCommand, ListsWhatAnotherProcessRegisteredOrderedByIdentifier)
            "alert", {pnx::NotificationAction::make("{\"name\":\"OK\"}", "OK", 2)}, {"intent"}, 0)});
   center->waitUntilIdle();
 
-  PnxRun run = categories(device);
-  EXPECT_EQ(run.exitCode, 0) << run.err;
-  EXPECT_EQ(run.json(), pnx::JSON::parse(R"({"categories": [
+  EXPECT_EQ(expectPnxJSON(categories(device)), pnx::JSON::parse(R"({"categories": [
       {"identifier": "alert", "options": 0, "intentIdentifiers": ["intent"],
        "actions": [{"identifier": "{\"name\":\"OK\"}", "title": "OK", "options": 2}]},
       {"identifier": "reply", "options": 1, "intentIdentifiers": [],
@@ -49,11 +42,7 @@ TEST(PnxCategoriesCommand, ListsWhatAnotherProcessRegisteredOrderedByIdentifier)
 TEST(PnxCategoriesCommand, FailsInOneLineWhenTheDatabaseIsNotOne) {
   pnx::testing::ScopedDevice device("com.example.chat");
   device.root().write("device/notifications/com.example.chat.db", "not a database, just text");
-  PnxRun run = categories(device);
-  EXPECT_EQ(run.exitCode, 1);
-  ASSERT_EQ(run.errLines().size(), 1u) << run.err;
-  EXPECT_NE(run.err.find("cannot read the categories of com.example.chat"), std::string::npos)
-      << run.err;
+  expectPnxFailure(categories(device), 1, "cannot read the categories of com.example.chat");
   EXPECT_EQ(device.root().read("device/notifications/com.example.chat.db"),
             "not a database, just text");
 }

@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
 #include "platform/files/fixtures_test.h"
 #include "tools/pnx/run_pnx_test.h"
@@ -13,32 +12,21 @@
 namespace {
 
 // A bundle directory with an Info.plist, plus whatever each test adds.
-class BundleUnderTest {
+class BundleUnderTest : public pnx::testing::TempDir {
  public:
   BundleUnderTest() {
-    dir_.write("Info.plist", pnx::testing::ScopedDevice::infoPlist("com.example.commands"));
+    write("Info.plist", pnx::testing::ScopedDevice::infoPlist("com.example.commands"));
   }
-  const std::string& path() const { return dir_.path(); }
-  void write(const std::string& name, const std::string& text) { dir_.write(name, text); }
   // A signed profile of the environment, made by the examples' script.
   void addProfile(const std::string& environment, int days = 365) {
     const std::string command = "sh " PNX_SOURCE_DIR "/examples/make-profiles.sh --days " +
-                                std::to_string(days) + " '" + dir_.file("p") + "' " + environment;
+                                std::to_string(days) + " '" + file("p") + "' " + environment;
     ASSERT_EQ(std::system(command.c_str()), 0);
-    std::filesystem::copy_file(dir_.file("p/" + environment + ".mobileprovision"),
-                               dir_.file("embedded.mobileprovision"),
+    std::filesystem::copy_file(file("p/" + environment + ".mobileprovision"),
+                               file("embedded.mobileprovision"),
                                std::filesystem::copy_options::overwrite_existing);
   }
-
- private:
-  pnx::testing::TempDir dir_;
 };
-
-pnx::Value runJSON(const PnxRunner& pnx, const std::vector<std::string>& arguments) {
-  PnxRun run = pnx.run(arguments);
-  EXPECT_EQ(run.exitCode, 0) << run.err;
-  return run.json().value_or(pnx::Value());
-}
 
 pnx::Value json(std::string_view text) {
   return pnx::JSON::parse(text).value();
@@ -46,7 +34,7 @@ pnx::Value json(std::string_view text) {
 
 TEST(PnxConfigCommand, PrintsEveryPropertyWithItsDefaultWhenThereIsNoFile) {
   BundleUnderTest bundle;
-  EXPECT_EQ(runJSON(PnxRunner(bundle.path()), {"config"}), json(R"({
+  EXPECT_EQ(expectPnxJSON(PnxRunner(bundle.path()).run({"config"})), json(R"({
       "sessionTimeout": 20, "baseUrl": "https://push.quorvex.example/", "appKey": null,
       "autoInitializeFlag": true, "autoInitializeLocationFlag": false, "appDelegateClass": null,
       "locationSyncRadius": 100000, "locationSyncTimeout": 600, "geofenceEnabled": false,
@@ -76,7 +64,7 @@ TEST(PnxConfigCommand, ReadsEveryKeyAndChoosesTheKeyByTheProfile) {
       "baseUrl": "https://api.example.com:8443/rest/v1/", "autoInitialize": "no",
       "appDelegateClass": "Unknown", "sessionTimeout": "45"})");
   PnxRunner pnx(bundle.path());
-  EXPECT_EQ(runJSON(pnx, {"config"}), json(R"({
+  EXPECT_EQ(expectPnxJSON(pnx.run({"config"})), json(R"({
       "sessionTimeout": 45, "baseUrl": "https://api.example.com:8443/", "appKey": "apPROD5678",
       "autoInitializeFlag": false, "autoInitializeLocationFlag": false, "appDelegateClass": null,
       "locationSyncRadius": 500, "locationSyncTimeout": 300, "geofenceEnabled": true,
@@ -90,7 +78,7 @@ TEST(PnxConfigCommand, ReadsEveryKeyAndChoosesTheKeyByTheProfile) {
       "maximumGeofenceCount": 20, "teamId": "T1", "deliveryReporting": true})"));
 
   bundle.addProfile("debug");
-  EXPECT_EQ(runJSON(pnx, {"config"})["appKey"], pnx::Value("apDEV45678"));
+  EXPECT_EQ(expectPnxJSON(pnx.run({"config"}))["appKey"], pnx::Value("apDEV45678"));
 }
 
 TEST(PnxConfigCommand, ReportsAnUnreadableFileAsOneLine) {
@@ -110,19 +98,14 @@ TEST(PnxConfigCommand, ReportsAnUnreadableFileAsOneLine) {
           << text << " " << command[0];
     }
   }
-}
 
-TEST(PnxConfigCommand, QuotesOnlyTheStartOfAConfigurationThatIsNoObject) {
-  BundleUnderTest bundle;
+  // A configuration that is no object is quoted by its start only.
   std::string array = "[\"\\u001b[2J\"";
   while (array.size() < (4u << 20)) array += ",123456789";
   bundle.write("PnxConfig.json", array + "]");
-  PnxRun run = PnxRunner(bundle.path()).run({"config"});
-  EXPECT_EQ(run.exitCode, 1);
-  ASSERT_EQ(run.errLines().size(), 1u);
+  PnxRun run = pnx.run({"config"});
+  expectPnxFailure(run, 1, "pnx: Invalid Config value: Config of [\"\\u001b[2J\",123");
   EXPECT_LT(run.err.size(), 200u) << run.err;
-  EXPECT_TRUE(run.err.starts_with("pnx: Invalid Config value: Config of [\"\\u001b[2J\",123"))
-      << run.err;
   EXPECT_TRUE(run.err.ends_with(" more bytes) is invalid.\n")) << run.err;
 }
 
@@ -130,9 +113,9 @@ TEST(PnxConfigCommand, WritesTheRunsLogFileWhenTheConfigurationAsksForIt) {
   BundleUnderTest bundle;
   bundle.write("PnxConfig.json", R"({"logfile": true, "loglevel": "info"})");
   PnxRunner pnx(bundle.path());
-  runJSON(pnx, {"config"});
-  std::ifstream file(pnx.device() + "/containers/com.example.commands/Documents/PNX.log");
-  const std::string log((std::istreambuf_iterator<char>(file)), {});
+  expectPnxJSON(pnx.run({"config"}));
+  const std::string log = pnx_test_detail::readWholeFile(
+      pnx.device() + "/containers/com.example.commands/Documents/PNX.log");
   EXPECT_NE(log.find("Application Configuration Loaded"), std::string::npos) << log;
   EXPECT_NE(log.find("APNS Certificate is Not Expired"), std::string::npos) << log;
 }
@@ -140,11 +123,16 @@ TEST(PnxConfigCommand, WritesTheRunsLogFileWhenTheConfigurationAsksForIt) {
 TEST(PnxProfileCommand, PrintsWhatTheProfileSays) {
   BundleUnderTest bundle;
   PnxRunner pnx(bundle.path());
-  EXPECT_EQ(runJSON(pnx, {"profile"}), json(R"({"binaryEnvironment": null,
+  PnxRun none = pnx.run({"--log", "profile"});
+  EXPECT_EQ(expectPnxJSON(none), json(R"({"binaryEnvironment": null,
       "certificateExpiration": null, "certificateExpired": false, "provisionedDevices": null})"));
+  // The log shows why no profile was read.
+  EXPECT_NE(none.err.find("pnx log: \xF0\x9F\x9B\x91 Couldn't find file embedded.mobileprovision"),
+            std::string::npos)
+      << none.err;
 
   bundle.addProfile("ad-hoc", -2);
-  pnx::Value profile = runJSON(pnx, {"profile"});
+  pnx::Value profile = expectPnxJSON(pnx.run({"profile"}));
   EXPECT_EQ(profile["binaryEnvironment"], pnx::Value("ad-hoc"));
   EXPECT_EQ(profile["certificateExpired"], pnx::Value(true));
   EXPECT_EQ(profile["provisionedDevices"].size(), 2u);
@@ -152,17 +140,8 @@ TEST(PnxProfileCommand, PrintsWhatTheProfileSays) {
   ASSERT_TRUE(expiration);
   EXPECT_NEAR(expiration->timeIntervalSinceNow(), -2 * 86400.0, 3600);
 
-  EXPECT_EQ(runJSON(PnxRunner(), {"profile"})["binaryEnvironment"], pnx::Value("debug"))
+  EXPECT_EQ(expectPnxJSON(PnxRunner().run({"profile"}))["binaryEnvironment"], pnx::Value("debug"))
       << "the sample bundle ships a debug profile";
-}
-
-TEST(PnxProfileCommand, LogShowsWhyNoProfileWasRead) {
-  BundleUnderTest bundle;
-  PnxRun run = PnxRunner(bundle.path()).run({"--log", "profile"});
-  EXPECT_EQ(run.exitCode, 0) << run.err;
-  EXPECT_NE(run.err.find("pnx log: \xF0\x9F\x9B\x91 Couldn't find file embedded.mobileprovision"),
-            std::string::npos)
-      << run.err;
 }
 
 }  // namespace

@@ -36,26 +36,14 @@ std::vector<StoredRow> storedRows(const PnxRunner& pnx, const std::string& servi
   return result;
 }
 
-void expectFailure(const PnxRun& run, const std::string& mentions) {
-  EXPECT_EQ(run.exitCode, 1) << run.err;
-  EXPECT_EQ(run.out, "");
-  ASSERT_EQ(run.errLines().size(), 1u) << run.err;
-  EXPECT_NE(run.err.find(mentions), std::string::npos) << run.err;
-}
-
 TEST(PnxKeychainCommands, IdentityIsWrittenIntoTheSharedGroupAndReadBack) {
   PnxRunner pnx;
-  PnxRun first = pnx.run({"identity"});
-  ASSERT_EQ(first.exitCode, 0) << first.err;
-  EXPECT_EQ(first.json(),
+  EXPECT_EQ(expectPnxJSON(pnx.run({"identity"})),
             pnx::Value::dict({{"userId", pnx::Value()}, {"channelId", pnx::Value()}}));
-
-  PnxRun written = pnx.run({"identity", "--user-id", "user-7", "--channel-id", "chan-9"});
-  ASSERT_EQ(written.exitCode, 0) << written.err;
-  EXPECT_EQ(written.json(), pnx::Value::dict({{"userId", "user-7"}, {"channelId", "chan-9"}}));
-
-  PnxRun changed = pnx.run({"identity", "--user-id", "user-8"});
-  EXPECT_EQ(changed.json(), pnx::Value::dict({{"userId", "user-8"}, {"channelId", "chan-9"}}));
+  EXPECT_EQ(expectPnxJSON(pnx.run({"identity", "--user-id", "user-7", "--channel-id", "chan-9"})),
+            pnx::Value::dict({{"userId", "user-7"}, {"channelId", "chan-9"}}));
+  EXPECT_EQ(expectPnxJSON(pnx.run({"identity", "--user-id", "user-8"})),
+            pnx::Value::dict({{"userId", "user-8"}, {"channelId", "chan-9"}}));
 
   auto rows = storedRows(pnx, "PNX", "userId");
   ASSERT_EQ(rows.size(), 1u);
@@ -70,47 +58,41 @@ TEST(PnxKeychainCommands, IdentityIsWrittenIntoTheSharedGroupAndReadBack) {
 TEST(PnxKeychainCommands, SetGetAndRemoveOneItem) {
   PnxRunner pnx;
   const char* queue = R"([{"userId":"u1","mailingId":3},{"channelId":"c2"}])";
-  PnxRun set = pnx.run({"keychain", "set", "pushQueue", queue});
-  ASSERT_EQ(set.exitCode, 0) << set.err;
-  pnx::Value expected = *pnx::JSON::parse(queue);
-  EXPECT_EQ(set.json(), expected);
-  EXPECT_EQ(pnx.run({"keychain", "get", "pushQueue"}).json(), expected);
+  const pnx::Value expected = *pnx::JSON::parse(queue);
+  EXPECT_EQ(expectPnxJSON(pnx.run({"keychain", "set", "pushQueue", queue})), expected);
+  EXPECT_EQ(expectPnxJSON(pnx.run({"keychain", "get", "pushQueue"})), expected);
   auto rows = storedRows(pnx, "PNX", "pushQueue");
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(rows[0].value, expected);
 
   // Another service is another item; "" selects the default group.
-  ASSERT_EQ(
-      pnx.run({"keychain", "set", "pushQueue", "42", "--service", "other", "--group", ""}).exitCode,
-      0);
-  EXPECT_EQ(pnx.run({"keychain", "get", "pushQueue"}).json(), expected);
-
-  PnxRun removed = pnx.run({"keychain", "rm", "pushQueue"});
-  ASSERT_EQ(removed.exitCode, 0) << removed.err;
-  EXPECT_EQ(removed.json(), expected);
-  expectFailure(pnx.run({"keychain", "get", "pushQueue"}), "errSecItemNotFound (-25300)");
-  expectFailure(pnx.run({"keychain", "rm", "pushQueue"}), "errSecItemNotFound (-25300)");
+  expectPnxJSON(
+      pnx.run({"keychain", "set", "pushQueue", "42", "--service", "other", "--group", ""}));
+  EXPECT_EQ(expectPnxJSON(pnx.run({"keychain", "get", "pushQueue"})), expected);
+  EXPECT_EQ(expectPnxJSON(pnx.run({"keychain", "rm", "pushQueue"})), expected);
+  expectPnxFailure(pnx.run({"keychain", "get", "pushQueue"}), 1, "errSecItemNotFound (-25300)");
+  expectPnxFailure(pnx.run({"keychain", "rm", "pushQueue"}), 1, "errSecItemNotFound (-25300)");
 }
 
 TEST(PnxKeychainCommands, RefusalsAreOneLineAndWriteNothing) {
   PnxRunner pnx;
-  expectFailure(pnx.run({"keychain", "set", "userId", "\"x\"", "--group", "ZZZZZ.PNX"}),
-                "errSecMissingEntitlement (-34018)");
+  expectPnxFailure(pnx.run({"keychain", "set", "userId", "\"x\"", "--group", "ZZZZZ.PNX"}), 1,
+                   "errSecMissingEntitlement (-34018)");
+  expectPnxFailure(pnx.run({"keychain", "set", "userId", "{broken"}), 2, "not JSON");
+  for (const std::vector<std::string>& usage :
+       {std::vector<std::string>{"keychain", "set", "userId"},
+        {"keychain", "get", "userId", "1"},
+        {"keychain", "list", "userId"}}) {
+    expectPnxFailure(pnx.run(usage), 2);
+  }
   EXPECT_TRUE(storedRows(pnx, "PNX", "userId").empty());
-
-  PnxRun notJson = pnx.run({"keychain", "set", "userId", "{broken"});
-  EXPECT_EQ(notJson.exitCode, 2) << notJson.err;
-  EXPECT_NE(notJson.err.find("not JSON"), std::string::npos) << notJson.err;
-  EXPECT_EQ(pnx.run({"keychain", "set", "userId"}).exitCode, 2);
-  EXPECT_EQ(pnx.run({"keychain", "get", "userId", "1"}).exitCode, 2);
-  EXPECT_EQ(pnx.run({"keychain", "list", "userId"}).exitCode, 2);
 
   // A bundle entitled to its own identifier only may not write the shared group.
   pnx::testing::TempDir bundle;
   bundle.write("Info.plist", pnx::testing::ScopedDevice::infoPlist("com.example.other"));
   bundle.write("PnxConfig.json", R"({"teamId": "A1B2C3D4E5"})");
   PnxRunner unentitled(bundle.path());
-  expectFailure(unentitled.run({"identity", "--user-id", "u"}), "errSecMissingEntitlement");
+  expectPnxFailure(unentitled.run({"identity", "--user-id", "u"}), 1, "errSecMissingEntitlement");
 }
 
 }  // namespace

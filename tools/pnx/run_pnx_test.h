@@ -1,34 +1,33 @@
-// Test helpers that run the built pnx program (PNX_BINARY) in a child process and capture
-// its exit code, stdout and stderr, so that commands are tested the way people use them:
-// one process per run, files on disk between runs.
+// Runs the built pnx (PNX_BINARY) as a child process, as people use it: one process per run,
+// files on disk between runs. Output goes to files, so a chatty child never blocks on a full
+// pipe; $PNX_DEVICE and $PNX_BUNDLE are removed from its environment so that the
+// developer's own settings never leak into a test. Use from the test's thread.
 //
-//   PnxRunner pnx;                       // a fresh device directory, the sample bundle
-//   PnxRun run = pnx.run({"config"});
-//   EXPECT_EQ(run.exitCode, 0) << run.err;
-//   auto config = run.json();
-//
-// The child's stdin reads PnxRunOptions::input (empty by default), its output goes to files,
-// so a chatty child can never block on a full pipe. $PNX_DEVICE and $PNX_BUNDLE are removed
-// from the child's environment so that the developer's own settings never leak into a test.
-//
-// Thread-safety: none needed; use from the test's thread.
+//   PnxRun run = PnxRunner().run({"config"});   // a fresh device, the sample bundle
+//   PnxServe serve({"--fault", "status=500"});  // `pnx serve` in the background
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <utility>
 #include <vector>
+
+#include <httplib.h>
 
 #include "platform/files/fixtures_test.h"
 #include "platform/foundation/json.h"
@@ -38,27 +37,15 @@ extern char** environ;
 
 struct PnxRun {
   int exitCode = -1;  // the process's exit status, or 128 + signal when it was killed
-  int signal = 0;     // the signal that ended it (a crash), 0 when it exited
   std::string out;    // everything written to stdout
   std::string err;    // everything written to stderr
 
-  std::vector<std::string> errLines() const {
-    std::vector<std::string> lines;
-    std::istringstream stream(err);
-    for (std::string line; std::getline(stream, line);) lines.push_back(line);
-    return lines;
-  }
   // stdout parsed as JSON (fragments allowed), nullopt when it is not JSON.
   std::optional<pnx::Value> json() const {
     pnx::JSONReadOptions options;
     options.allowFragments = true;
     return pnx::JSON::parse(out, nullptr, options);
   }
-};
-
-struct PnxRunOptions {
-  std::string input;                     // fed to the child's stdin
-  std::vector<std::string> environment;  // extra "NAME=value" entries for the child
 };
 
 namespace pnx_test_detail {
@@ -68,17 +55,7 @@ inline std::string readWholeFile(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
 }
 
-inline std::vector<std::string> childEnvironment(const std::vector<std::string>& extra) {
-  std::vector<std::string> entries;
-  for (char** entry = environ; *entry; ++entry) {
-    std::string_view text(*entry);
-    if (text.starts_with("PNX_DEVICE=") || text.starts_with("PNX_BUNDLE=")) continue;
-    entries.emplace_back(text);
-  }
-  entries.insert(entries.end(), extra.begin(), extra.end());
-  return entries;
-}
-
+// argv/envp for posix_spawn: pointers into `strings`, ended by nullptr.
 inline std::vector<char*> pointers(std::vector<std::string>& strings) {
   std::vector<char*> result;
   for (auto& text : strings) result.push_back(text.data());
@@ -88,43 +65,111 @@ inline std::vector<char*> pointers(std::vector<std::string>& strings) {
 
 }  // namespace pnx_test_detail
 
+// `pnx arguments...` in the background with `input` on its stdin and `environment` ("NAME=
+// value") added to its own; killed at the end of the test whatever happens.
+class PnxProcess {
+ public:
+  explicit PnxProcess(std::vector<std::string> arguments, const std::string& input = {},
+                      const std::vector<std::string>& environment = {}) {
+    std::ofstream(io_.file("stdin"), std::ios::binary) << input;
+    std::vector<std::string> variables;
+    for (char** entry = environ; *entry; ++entry) {
+      std::string_view text(*entry);
+      if (!text.starts_with("PNX_DEVICE=") && !text.starts_with("PNX_BUNDLE=")) {
+        variables.emplace_back(text);
+      }
+    }
+    variables.insert(variables.end(), environment.begin(), environment.end());
+    arguments.insert(arguments.begin(), PNX_BINARY);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, io_.file("stdin").c_str(), O_RDONLY, 0);
+    for (int fd : {1, 2}) {
+      const std::string path = io_.file(fd == 1 ? "stdout" : "stderr");
+      posix_spawn_file_actions_addopen(&actions, fd, path.c_str(), O_WRONLY | O_CREAT, 0600);
+    }
+    auto argv = pnx_test_detail::pointers(arguments), envp = pnx_test_detail::pointers(variables);
+    const int error = posix_spawn(&pid_, PNX_BINARY, &actions, nullptr, argv.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) throw std::runtime_error("cannot start " PNX_BINARY);
+  }
+  ~PnxProcess() {
+    stop(SIGKILL);
+    // Under the sanitizer presets the child is instrumented too; what it found is a failure.
+    EXPECT_EQ(err().find("Sanitizer"), std::string::npos) << err();
+  }
+
+  std::string out() const { return pnx_test_detail::readWholeFile(io_.file("stdout")); }
+  std::string err() const { return pnx_test_detail::readWholeFile(io_.file("stderr")); }
+
+  // The next line on stdout as JSON; nullopt when none comes in time or it is not JSON.
+  std::optional<pnx::Value> nextLine() {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (std::chrono::steady_clock::now() < deadline) {
+      const std::string text = out();
+      const std::size_t newline = text.find('\n', consumed_);
+      if (newline != std::string::npos) {
+        const std::size_t start = std::exchange(consumed_, newline + 1);
+        return pnx::JSON::parse(std::string_view(text).substr(start, newline - start));
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return std::nullopt;
+  }
+
+  // Waits for the process to end; its exit code, or 128 + signal when a signal ended it.
+  int wait() {
+    int status = 0;
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  // Sends `signal` and returns the exit code, as wait() does.
+  int stop(int signal = SIGTERM) {
+    if (pid_ <= 0) return -1;
+    kill(pid_, signal);
+    return wait();
+  }
+
+ private:
+  pnx::testing::TempDir io_;
+  pid_t pid_ = -1;
+  std::size_t consumed_ = 0;
+};
+
 // Runs `pnx arguments...` and waits for it to end.
-inline PnxRun runPnx(std::vector<std::string> arguments, const PnxRunOptions& options = {}) {
-  using namespace pnx_test_detail;
-  pnx::testing::TempDir io;
-  const std::string inPath = io.file("stdin"), outPath = io.file("stdout"),
-                    errPath = io.file("stderr");
-  std::ofstream(inPath, std::ios::binary) << options.input;
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, inPath.c_str(), O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0600);
-  posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0600);
-
-  arguments.insert(arguments.begin(), PNX_BINARY);
-  std::vector<std::string> environment = childEnvironment(options.environment);
-  std::vector<char*> argv = pointers(arguments), envp = pointers(environment);
-  pid_t pid = 0;
-  const int spawnError = posix_spawn(&pid, PNX_BINARY, &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  if (spawnError != 0) throw std::runtime_error("cannot start " PNX_BINARY);
-
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
+inline PnxRun runPnx(std::vector<std::string> arguments, const std::string& input = {},
+                     const std::vector<std::string>& environment = {}) {
+  PnxProcess process(std::move(arguments), input, environment);
   PnxRun run;
-  if (WIFEXITED(status)) {
-    run.exitCode = WEXITSTATUS(status);
-  } else if (WIFSIGNALED(status)) {
-    run.signal = WTERMSIG(status);
-    run.exitCode = 128 + run.signal;
-  }
-  run.out = readWholeFile(outPath);
-  run.err = readWholeFile(errPath);
+  run.exitCode = process.wait();
+  run.out = process.out();
+  run.err = process.err();
   return run;
+}
+
+// What a run that must succeed printed: its stdout as JSON (null when it is not JSON).
+inline pnx::Value expectPnxJSON(const PnxRun& run) {
+  EXPECT_EQ(run.exitCode, 0) << run.err;
+  auto value = run.json();
+  EXPECT_TRUE(value) << run.out << run.err;
+  return value.value_or(pnx::Value());
+}
+
+// pnx's failure contract: the exit code (1 failure, 2 usage error), nothing on stdout, and
+// one line on stderr, "pnx: ...", that mentions `mentions`; a usage error points at --help.
+inline void expectPnxFailure(const PnxRun& run, int exitCode, std::string_view mentions = {}) {
+  EXPECT_EQ(run.exitCode, exitCode) << mentions << ": " << run.err;
+  EXPECT_EQ(run.out, "") << mentions;
+  EXPECT_TRUE(run.err.starts_with("pnx: ") && run.err.ends_with("\n") &&
+              std::count(run.err.begin(), run.err.end(), '\n') == 1)
+      << run.err;
+  EXPECT_NE(run.err.find(mentions), std::string::npos) << mentions << ": " << run.err;
+  if (exitCode == 2) {
+    EXPECT_TRUE(run.err.ends_with("; see pnx --help\n")) << run.err;
+  }
 }
 
 // The sample bundle under examples/.
@@ -133,22 +178,55 @@ inline std::string pnxSampleBundle() {
 }
 
 // Runs pnx against its own fresh device directory and a bundle (the sample bundle unless
-// another is named; an empty name runs without a bundle).
+// another is named).
 class PnxRunner {
  public:
   explicit PnxRunner(std::string bundle = pnxSampleBundle()) : bundle_(std::move(bundle)) {}
 
   const std::string& device() const { return device_.path(); }
-  const std::string& bundle() const { return bundle_; }
 
-  PnxRun run(std::vector<std::string> arguments, const PnxRunOptions& options = {}) const {
-    std::vector<std::string> full = {"--device", device()};
-    if (!bundle_.empty()) full.insert(full.end(), {"--bundle", bundle_});
-    full.insert(full.end(), arguments.begin(), arguments.end());
-    return runPnx(std::move(full), options);
+  PnxRun run(std::vector<std::string> arguments) const {
+    arguments.insert(arguments.begin(), {"--device", device(), "--bundle", bundle_});
+    return runPnx(std::move(arguments));
   }
 
  private:
   pnx::testing::TempDir device_;
   std::string bundle_;
+};
+
+// A base of PnxServe, so that serve's device directory exists before the process starts.
+struct PnxServeDevice {
+  pnx::testing::TempDir device;
+};
+
+// `pnx serve --port 0 arguments...` on a device of its own; its first line gives the URL.
+class PnxServe : private PnxServeDevice, public PnxProcess {
+ public:
+  explicit PnxServe(std::vector<std::string> arguments = {})
+      : PnxProcess(withServe(device.path(), std::move(arguments))) {
+    auto first = nextLine();
+    if (const std::string* url = first ? (*first)["listening"].asString() : nullptr) {
+      url_ = *url;
+      port_ = std::atoi(url_.substr(url_.rfind(':') + 1).c_str());
+    }
+  }
+
+  const std::string& url() const { return url_; }
+  int port() const { return port_; }
+  httplib::Client client() const {
+    httplib::Client client("127.0.0.1", port_);
+    client.set_read_timeout(10, 0);
+    return client;
+  }
+
+ private:
+  static std::vector<std::string> withServe(const std::string& device,
+                                            std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"--device", device, "serve", "--port", "0"});
+    return arguments;
+  }
+
+  std::string url_;
+  int port_ = 0;
 };

@@ -22,8 +22,8 @@ TEST(ServeDeliveryCheck, AcceptsRecordsWithTheirSizes) {
   const std::string body = gzip(json);
   DeliveryCheck check = checkDelivery(kGoodHeaders, body);
   ASSERT_TRUE(check.accepted()) << check.error;
-  ASSERT_EQ(check.records.size(), 2u);
-  EXPECT_EQ(check.records[0], pnx::Value::dict({{"userId", "u"}, {"mailingId", 7}}));
+  EXPECT_EQ(check.records, (pnx::Array{pnx::Value::dict({{"userId", "u"}, {"mailingId", 7}}),
+                                       pnx::Value::dict({})}));
   EXPECT_EQ(check.gzipBytes, body.size());
   EXPECT_EQ(check.jsonBytes, json.size());
 
@@ -35,48 +35,35 @@ TEST(ServeDeliveryCheck, AcceptsRecordsWithTheirSizes) {
 
 TEST(ServeDeliveryCheck, RefusesWithStatusAndReason) {
   const std::string good = gzip(R"({"delivery":[]})");
-  const HeaderList noEncoding = {{"Content-type", "application/json"}};
-  const HeaderList deflate = {{"Content-Encoding", "deflate"},
-                              {"Content-type", "application/json"}};
-  const HeaderList noType = {{"Content-Encoding", "gzip"}};
-  const HeaderList textType = {{"Content-Encoding", "gzip"}, {"Content-type", "text/plain"}};
-  const HeaderList jsonx = {{"Content-Encoding", "gzip"}, {"Content-type", "application/jsonx"}};
-  std::string trailing = good + "xyz";
-  std::string truncated = good.substr(0, good.size() - 4);
   std::string corrupt = good;
   corrupt[12] = static_cast<char>(corrupt[12] ^ 0x55);
-
-  struct Case {
-    const char* name;
-    HeaderList headers;
-    std::string body;
-    int status;
-    const char* mentions;
+  const auto withType = [](const char* type) {
+    return HeaderList{{"Content-Encoding", "gzip"}, {"Content-type", type}};
   };
-  const Case cases[] = {
-      {"no encoding", noEncoding, good, 400, "Content-Encoding is missing"},
-      {"deflate", deflate, good, 400, "not gzip"},
-      {"no type", noType, good, 400, "Content-type is missing"},
-      {"text", textType, good, 400, "not application/json"},
-      {"jsonx", jsonx, good, 400, "not application/json"},
-      {"plain body", kGoodHeaders, R"({"delivery":[]})", 400, "not gzip data"},
-      {"empty body", kGoodHeaders, "", 400, "not gzip data"},
-      {"trailing bytes", kGoodHeaders, trailing, 400, "bytes after the gzip data"},
-      {"truncated", kGoodHeaders, truncated, 400, "truncated"},
-      {"corrupt", kGoodHeaders, corrupt, 400, "gzip"},
-      {"not JSON", kGoodHeaders, gzip("{delivery:"), 400, "not JSON"},
-      {"empty JSON", kGoodHeaders, gzip(" \n"), 400, "not JSON"},
-      {"array at the top", kGoodHeaders, gzip("[]"), 400, "not a JSON object"},
-      {"no delivery", kGoodHeaders, gzip(R"({"records":[]})"), 400, "no \"delivery\""},
-      {"null delivery", kGoodHeaders, gzip(R"({"delivery":null})"), 400, "not an array"},
-      {"object delivery", kGoodHeaders, gzip(R"({"delivery":{}})"), 400, "not an array"},
-      {"string record", kGoodHeaders, gzip(R"({"delivery":[{}, "x"]})"), 400, "item 1"},
+  const std::tuple<HeaderList, std::string, const char*> cases[] = {
+      {{{"Content-type", "application/json"}}, good, "Content-Encoding is missing"},
+      {{{"Content-Encoding", "deflate"}, {"Content-type", "application/json"}}, good, "not gzip"},
+      {{{"Content-Encoding", "gzip"}}, good, "Content-type is missing"},
+      {withType("text/plain"), good, "not application/json"},
+      {withType("application/jsonx"), good, "not application/json"},
+      {kGoodHeaders, R"({"delivery":[]})", "not gzip data"},
+      {kGoodHeaders, "", "not gzip data"},
+      {kGoodHeaders, good + "xyz", "bytes after the gzip data"},
+      {kGoodHeaders, good.substr(0, good.size() - 4), "truncated"},
+      {kGoodHeaders, corrupt, "gzip"},
+      {kGoodHeaders, gzip("{delivery:"), "not JSON"},
+      {kGoodHeaders, gzip(" \n"), "not JSON"},
+      {kGoodHeaders, gzip("[]"), "not a JSON object"},
+      {kGoodHeaders, gzip(R"({"records":[]})"), "no \"delivery\""},
+      {kGoodHeaders, gzip(R"({"delivery":null})"), "not an array"},
+      {kGoodHeaders, gzip(R"({"delivery":{}})"), "not an array"},
+      {kGoodHeaders, gzip(R"({"delivery":[{}, "x"]})"), "item 1"},
   };
-  for (const auto& c : cases) {
-    DeliveryCheck check = checkDelivery(c.headers, c.body);
-    EXPECT_EQ(check.status, c.status) << c.name;
-    EXPECT_NE(check.error.find(c.mentions), std::string::npos) << c.name << ": " << check.error;
-    EXPECT_TRUE(check.records.empty()) << c.name;
+  for (const auto& [headers, body, mentions] : cases) {
+    DeliveryCheck check = checkDelivery(headers, body);
+    EXPECT_EQ(check.status, 400) << mentions;
+    EXPECT_NE(check.error.find(mentions), std::string::npos) << mentions << ": " << check.error;
+    EXPECT_TRUE(check.records.empty()) << mentions;
   }
 }
 
