@@ -17,6 +17,11 @@
 #include "platform/foundation/uuid.h"
 #include "platform/foundation/value.h"
 #include "platform/network/http_response.h"
+#include "platform/network/url_request.h"
+#include "platform/network/url_session.h"
+#include "platform/notifications/notification_attachment.h"
+#include "platform/notifications/notification_category.h"
+#include "platform/notifications/notification_content.h"
 #include "platform/security/os_status.h"
 
 // The log, the error factories and the exported constants.
@@ -33,7 +38,11 @@
 #include "config/atomic_property.h"
 #include "config/config.h"
 #include "config/provisioning.h"
-#include "delivery/push_delivery_client.h"
-#include "delivery/push_delivery_manager.h"
 #include "delivery/task.h"
 #include "storage/keychain.h"
+
+// Delivery reporting and the notification service.
+#include "delivery/push_delivery_client.h"
+#include "delivery/push_delivery_manager.h"
+#include "service/notification_service.h"
+#include "service/notification_service_extension.h"
