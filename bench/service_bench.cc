@@ -64,6 +64,16 @@ struct ProcessResult {
   double peakMegabytes = 0;  // ru_maxrss of the child
 };
 
+// This process's own peak resident set (VmHWM).
+double ownPeakMegabytes() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind("VmHWM:", 0) == 0) return std::stod(line.substr(6)) / 1024.0;
+  }
+  return 0;
+}
+
 // Runs a program with stdout and stderr to /dev/null (or to `out`) and waits for it.
 ProcessResult runProcess(const std::vector<std::string>& arguments, const std::string& out = {}) {
   posix_spawn_file_actions_t actions;
@@ -109,9 +119,8 @@ std::string makeBundle(const pnx::testing::TempDir& dir, bool reporting,
 class Serve {
  public:
   Serve(const pnx::testing::TempDir& dir, const std::string& media) : out_(dir.file("serve.out")) {
-    std::vector<std::string> arguments = {PNX_BINARY, "--device", dir.file("serve-device"),
-                                          "serve",    "--port",   "0",
-                                          "--media",  media};
+    std::vector<std::string> arguments = {
+        PNX_BINARY, "--device", dir.file("serve-device"), "serve", "--port", "0", "--media", media};
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 1, out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -208,25 +217,34 @@ void BM_MovieVsCurl(benchmark::State& state) {
   // A movie of 50 MB less a little: the sample's header, then filler.
   constexpr std::size_t kSize = 50u * 1024 * 1024 - 4096;
   {
+    // Written in pieces: the children are spawned sharing this process's memory until they
+    // exec, and ru_maxrss then counts this process's own peak, so it must stay small.
     std::ifstream sample(PNX_SOURCE_DIR "/examples/media/sample.mp4", std::ios::binary);
-    std::string bytes((std::istreambuf_iterator<char>(sample)), std::istreambuf_iterator<char>());
-    bytes.resize(kSize, '\0');
+    std::string header((std::istreambuf_iterator<char>(sample)), std::istreambuf_iterator<char>());
     std::filesystem::create_directories(dir.file("media"));
-    std::ofstream(dir.file("media/movie.mp4"), std::ios::binary) << bytes;
+    std::ofstream movie(dir.file("media/movie.mp4"), std::ios::binary);
+    movie << header;
+    const std::string filler(1024 * 1024, '\0');
+    for (std::size_t left = kSize - header.size(); left > 0;) {
+      const std::size_t piece = std::min(left, filler.size());
+      movie.write(filler.data(), static_cast<std::streamsize>(piece));
+      left -= piece;
+    }
   }
   Serve serve(dir, dir.file("media"));
   const std::string bundle = makeBundle(dir, false, serve.url());
   dir.write("movie.json", R"({"aps": {"alert": "movie", "mutable-content": 1},
-    "media-attachment": ")" + serve.url() + "/media/movie.mp4\"}");
+    "media-attachment": ")" + serve.url() +
+                              "/media/movie.mp4\"}");
   const double megabytes = static_cast<double>(kSize) / (1024 * 1024);
   std::vector<double> pnxRate, curlRate, peak;
   int index = 0;
   for (auto _ : state) {
     // Each run its own device, so the temporary directory never holds the name already.
     const std::string device = dir.file("device-" + std::to_string(index++));
-    ProcessResult run = runProcess({PNX_BINARY, "--device", device, "--bundle", bundle, "deliver",
-                                    dir.file("movie.json")},
-                                   dir.file("deliver.out"));
+    ProcessResult run = runProcess(
+        {PNX_BINARY, "--device", device, "--bundle", bundle, "deliver", dir.file("movie.json")},
+        dir.file("deliver.out"));
     if (run.status != 0 || dir.read("deliver.out").find("public.mpeg-4") == std::string::npos) {
       state.SkipWithError("pnx deliver did not attach the movie");
       break;
@@ -243,6 +261,8 @@ void BM_MovieVsCurl(benchmark::State& state) {
   state.counters["curl_MBps"] = median(curlRate);
   state.counters["throughput_ratio"] = median(pnxRate) / median(curlRate);
   state.counters["pnx_peak_MB"] = peak.empty() ? 0 : *std::max_element(peak.begin(), peak.end());
+  // The floor under pnx_peak_MB (see above): a child's ru_maxrss is never below it.
+  state.counters["bench_peak_MB"] = ownPeakMegabytes();
 }
 BENCHMARK(BM_MovieVsCurl)->Iterations(9)->UseRealTime()->Unit(benchmark::kMillisecond);
 
