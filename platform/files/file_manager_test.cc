@@ -6,14 +6,10 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <filesystem>
-#include <thread>
 
 #include "platform/files/fixtures_test.h"
-#include "platform/foundation/plist.h"
 
 namespace pnx {
 namespace {
@@ -120,30 +116,6 @@ TEST_F(FileManagerTest, CreatesDirectoriesWithIntermediatesAndAttributes) {
   EXPECT_EQ(error->code(), 516);
 }
 
-// One watching a directory being made never sees it more open than asked, not for a moment.
-TEST_F(FileManagerTest, DirectoriesAreNeverMoreOpenThanAsked) {
-  const std::string parent = dir.file("watched");
-  const std::string child = parent + "/logs";
-  std::atomic<bool> done{false};
-  std::atomic<mode_t> widest{0};
-  std::thread watcher([&] {
-    while (!done.load()) {
-      for (const std::string& path : {parent, child}) {
-        struct stat info {};
-        if (stat(path.c_str(), &info) == 0) widest.fetch_or(info.st_mode & 0077);
-      }
-    }
-  });
-  for (int round = 0; round < 300 && widest.load() == 0; ++round) {
-    ErrorPtr error;
-    ASSERT_TRUE(files.createDirectory(child, true, permissions(0700), &error));
-    std::filesystem::remove_all(parent);
-  }
-  done = true;
-  watcher.join();
-  EXPECT_EQ(widest.load(), 0u);
-}
-
 TEST_F(FileManagerTest, AppendingCreatesPrivatelyNeverReplacesAndRefusesLinks) {
   const std::string path = dir.file("live.log");
   ErrorPtr error;
@@ -186,23 +158,6 @@ TEST_F(FileManagerTest, AppendingCreatesPrivatelyNeverReplacesAndRefusesLinks) {
   EXPECT_FALSE(std::filesystem::exists(dir.file("nowhere")));
 }
 
-TEST_F(FileManagerTest, LocksAreTakenInTurns) {
-  ErrorPtr error;
-  auto held = files.lockItem(dir.path(), &error);
-  ASSERT_TRUE(held);
-  std::atomic<bool> taken{false};
-  std::thread other([&] {
-    auto lock = files.lockItem(dir.path(), nullptr);
-    taken = lock != nullptr;
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_FALSE(taken.load());
-  held.reset();
-  other.join();
-  EXPECT_TRUE(taken.load());
-  EXPECT_FALSE(files.lockItem(dir.file("missing"), &error));
-}
-
 TEST_F(FileManagerTest, CreateFileReplacesWholeAndLeavesNoTemporaries) {
   std::string path = dir.file("config.json");
   ErrorPtr error;
@@ -232,23 +187,6 @@ TEST_F(FileManagerTest, CopiesAndRemovesDirectoryTrees) {
   EXPECT_EQ(dir.read("dst/a.txt"), "A");
 }
 
-TEST_F(FileManagerTest, HandleAppendsAndReportsOffsets) {
-  std::string path = dir.write("PNX.log", "12345");
-  ErrorPtr error;
-  auto handle = files.fileHandleForUpdating(path, &error);
-  ASSERT_TRUE(handle);
-  EXPECT_EQ(handle->offset(), 0u);
-  EXPECT_EQ(handle->seekToEnd(), 5u);
-  EXPECT_TRUE(handle->write(std::string("678"), &error));
-  EXPECT_EQ(handle->offset(), 8u);
-  EXPECT_TRUE(handle->synchronize(&error));
-  handle->close();
-  handle->close();
-  EXPECT_FALSE(handle->write(std::string("lost"), &error));
-  EXPECT_EQ(dir.read("PNX.log"), "12345678");
-  EXPECT_EQ(files.attributesOfItem(path, &error)->size, 8u);
-}
-
 TEST_F(FileManagerTest, ReadsPropertyListsWithTheFileManagersErrors) {
   ErrorPtr error;
   const std::string missing = dir.file("Missing.plist");
@@ -261,34 +199,6 @@ TEST_F(FileManagerTest, ReadsPropertyListsWithTheFileManagersErrors) {
   EXPECT_FALSE(propertyListWithContentsOfFile(dir.write("Broken.plist", "<plist><dict>"), &error));
   ASSERT_NE(error, nullptr);
   EXPECT_EQ(error->code(), 3840);
-
-  Value v = Value::dict({{"CFBundleIdentifier", "com.example.app"}});
-  Data binary = *PropertyList::serialize(v, PropertyList::Format::Binary);
-  const std::string path = dir.write("Info.plist", std::string(binary.begin(), binary.end()));
-  EXPECT_EQ(propertyListWithContentsOfFile(path), v);
-}
-
-// A disk that has filled up: whole-file writes fail, everything else forwards.
-class FullDisk : public FileManagerWrapper {
- public:
-  using FileManagerWrapper::FileManagerWrapper;
-  bool createFile(const std::string& path, const Data&, const FileAttributes&,
-                  ErrorPtr* error) override {
-    *error = Error::withDescription(NSCocoaErrorDomain, 640, "out of space", path);
-    return false;
-  }
-};
-
-TEST_F(FileManagerTest, FaultFakeReplacesOnlyWhatItOverrides) {
-  FileManager::setCurrent(std::make_shared<FullDisk>(FileManager::posix()));
-  ErrorPtr error;
-  EXPECT_FALSE(FileManager::current().createFile(dir.file("x"), bytes("x"), {}, &error));
-  EXPECT_EQ(error->code(), 640);
-  EXPECT_TRUE(FileManager::current().createDirectory(dir.file("d"), false, {}, &error));
-  EXPECT_TRUE(files.fileExists(dir.file("d")));
-
-  FileManager::setCurrent(nullptr);
-  EXPECT_EQ(&FileManager::current(), FileManager::posix().get());
 }
 
 // Sets the process's umask for the lifetime of the object.
@@ -308,12 +218,13 @@ TEST_F(FileManagerTest, ItemsAreCreatedWithTheirFinalPermissions) {
   int events = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   ASSERT_GE(inotify_add_watch(events, dir.path().c_str(), IN_ATTRIB), 0);
   ErrorPtr error;
-  ASSERT_TRUE(files.createDirectory(dir.file("private"), false, permissions(0700), &error));
+  ASSERT_TRUE(files.createDirectory(dir.file("private/logs"), true, permissions(0700), &error));
   ASSERT_TRUE(files.createFile(dir.file("secret"), bytes("data"), permissions(0600), &error));
   alignas(inotify_event) char buffer[4096];
   EXPECT_LT(read(events, buffer, sizeof buffer), 0) << "a mode was changed after creation";
   close(events);
   EXPECT_EQ(modeOf(dir.file("private")), 0700u);
+  EXPECT_EQ(modeOf(dir.file("private/logs")), 0700u);
   EXPECT_EQ(modeOf(dir.file("secret")), 0600u);
 
   ScopedUmask strict(077);
