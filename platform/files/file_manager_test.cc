@@ -171,22 +171,6 @@ TEST_F(FileManagerTest, CreateFileReplacesWholeAndLeavesNoTemporaries) {
   EXPECT_EQ(error->code(), 4);
 }
 
-TEST_F(FileManagerTest, CopiesAndRemovesDirectoryTrees) {
-  dir.write("src/a.txt", "A");
-  dir.write("src/sub/b.txt", "B");
-  chmod(dir.file("src/sub/b.txt").c_str(), 0640);
-  ErrorPtr error;
-  ASSERT_TRUE(files.copyItem(dir.file("src"), dir.file("dst"), &error));
-  EXPECT_EQ(dir.read("dst/sub/b.txt"), "B");
-  EXPECT_EQ(modeOf(dir.file("dst/sub/b.txt")), 0640u);
-  EXPECT_EQ(*files.contentsOfDirectory(dir.file("dst"), &error),
-            (std::vector<std::string>{"a.txt", "sub"}));
-
-  ASSERT_TRUE(files.removeItem(dir.file("src"), &error));
-  EXPECT_FALSE(files.fileExists(dir.file("src")));
-  EXPECT_EQ(dir.read("dst/a.txt"), "A");
-}
-
 TEST_F(FileManagerTest, ReadsPropertyListsWithTheFileManagersErrors) {
   ErrorPtr error;
   const std::string missing = dir.file("Missing.plist");
