@@ -109,21 +109,16 @@ TEST(KeyedArchive, ReadsThePlatformsOtherSpellings) {
 }
 
 TEST(KeyedArchive, MalformedArchivesRaiseTheUnarchiveException) {
-  Value selfArray = Value::dict({{"$class", uidRef(2)}, {"NS.objects", Value::array({uidRef(1)})}});
   struct Case {
     const char* what;
     Data data;
   };
-  std::string text = "not an archive at all";
   auto xml = PropertyList::serialize(Value::array({1}), PropertyList::Format::XML).value();
   Case cases[] = {
-      {"text", Data(text.begin(), text.end())},
       {"a property list that is no archive", xml},
       {"another archiver", archiveWith({"$null", "x"}, uidRef(1), "NSArchiver")},
       {"no $null first", archiveWith({"x", "y"})},
-      {"dangling root", archiveWith({"$null", "x"}, uidRef(9))},
       {"root that is no reference", archiveWith({"$null", "x"}, Value("x"))},
-      {"reference cycle", archiveWith({"$null", selfArray, classEntry("NSArray")})},
       {"unknown class",
        archiveWith({"$null", Value::dict({{"$class", uidRef(2)}}), classEntry("NSURL")})},
       {"object without a class", archiveWith({"$null", Value::dict({{"NS.objects", 1}})})},
