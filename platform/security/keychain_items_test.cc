@@ -49,7 +49,10 @@ std::string readText(const char* account) {
 
 class KeychainItems : public ::testing::Test {
  protected:
-  testing::ScopedDevice device_{kBundleId};
+  KeychainItems() : device_(kBundleId) { Clock::set(Date(1700000000)); }
+  ~KeychainItems() override { Clock::useSystemClock(); }
+
+  testing::ScopedDevice device_;
 };
 
 TEST_F(KeychainItems, ItemsAreAddedFoundUpdatedAndDeleted) {
@@ -60,6 +63,7 @@ TEST_F(KeychainItems, ItemsAreAddedFoundUpdatedAndDeleted) {
   EXPECT_EQ(SecItemAdd(item), errSecDuplicateItem);
   EXPECT_EQ(readText("a"), "one");
 
+  Clock::advance(60);
   EXPECT_EQ(SecItemUpdate(query("a"), Value::dict({{kSecValueData, bytes("two")}})), errSecSuccess);
   Value attributes;
   ASSERT_EQ(SecItemCopyMatching(query("a", {{kSecReturnData, true},
@@ -70,6 +74,8 @@ TEST_F(KeychainItems, ItemsAreAddedFoundUpdatedAndDeleted) {
   EXPECT_EQ(attributes[kSecValueData], Value(bytes("two")));
   EXPECT_EQ(attributes[kSecAttrAccessGroup], Value(kBundleId)) << attributes.description();
   EXPECT_EQ(attributes[kSecAttrAccessible], Value(kSecAttrAccessibleAlwaysThisDeviceOnly));
+  EXPECT_EQ(attributes[kSecAttrCreationDate], Value(Date(1700000000)));
+  EXPECT_EQ(attributes[kSecAttrModificationDate], Value(Date(1700000060)));
 
   EXPECT_EQ(SecItemUpdate(query("b"), Value::dict({{kSecValueData, bytes("x")}})),
             errSecItemNotFound);
@@ -135,6 +141,8 @@ TEST_F(KeychainItems, AccessGroupsFollowTheEntitlements) {
   Value foreign = query("a", {{kSecAttrAccessGroup, kBundleId}, {kSecValueData, bytes("x")}});
   EXPECT_EQ(SecItemAdd(foreign), errSecMissingEntitlement);
   EXPECT_EQ(SecItemCopyMatching(query("a", {{kSecAttrAccessGroup, kBundleId}})),
+            errSecMissingEntitlement);
+  EXPECT_EQ(SecItemDelete(query("a", {{kSecAttrAccessGroup, kBundleId}})),
             errSecMissingEntitlement);
 
   // Deleting without a group removes the item from every entitled group.
