@@ -429,5 +429,21 @@ TEST(URLSessionTest, CertificatesAreCheckedAgainstTheSystemAndTheDeviceTrust) {
   EXPECT_EQ(text(trusted.data), "secret");
 }
 
+TEST(URLSessionTest, TasksBeyondThoseHandedOverAtOnceRunAsOthersFinish) {
+  LocalServer server;
+  server->Get(R"(/n/(\d+))", [](const httplib::Request& request, httplib::Response& response) {
+    response.set_content(request.matches[1].str(), "text/plain");
+  });
+  server.start();
+
+  constexpr int kTasks = 200;  // more than are handed to the HTTP stack at once
+  std::vector<std::shared_future<Outcome>> results;
+  for (int i = 0; i < kTasks; ++i) {
+    results.push_back(start(URLRequest(server.url("/n/" + std::to_string(i)))));
+  }
+  ASSERT_TRUE(URLSession::waitForOutstandingTasks(std::chrono::steady_clock::now() + 30s));
+  for (int i = 0; i < kTasks; ++i) EXPECT_EQ(text(results[i].get().data), std::to_string(i));
+}
+
 }  // namespace
 }  // namespace pnx
