@@ -16,34 +16,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(DispatchQueueTest, RunsBlocksFromManyThreadsOneAtATimeInOrder) {
-  DispatchQueue queue("order");
-  constexpr int kThreads = 4;
-  constexpr int kBlocks = 500;
-  std::vector<std::vector<int>> seen(kThreads);  // touched only on the queue
-  std::atomic<int> active{0};
-  std::atomic<bool> overlapped{false};
-  std::vector<std::thread> producers;
-  for (int t = 0; t < kThreads; ++t) {
-    producers.emplace_back([&, t] {
-      for (int i = 0; i < kBlocks; ++i) {
-        queue.async([&, t, i] {
-          if (active.fetch_add(1) != 0) overlapped = true;
-          seen[t].push_back(i);
-          active.fetch_sub(1);
-        });
-      }
-    });
-  }
-  for (auto& producer : producers) producer.join();
-  queue.drain();
-  EXPECT_FALSE(overlapped);
-  for (const auto& sequence : seen) {
-    ASSERT_EQ(sequence.size(), static_cast<std::size_t>(kBlocks));
-    for (int i = 0; i < kBlocks; ++i) ASSERT_EQ(sequence[i], i);
-  }
-}
-
 // A block that throws is reported and the queue goes on; sync hands the exception back.
 TEST(DispatchQueueTest, SyncIsABarrierRunsInlineFromTheQueueItselfAndRethrows) {
   DispatchQueue queue("sync");

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/foundation/url.h"
-
 namespace pnx {
 namespace {
 
@@ -27,22 +25,6 @@ TEST(ErrorTest, DescriptionListsUserInfoInDictionaryOrder) {
   EXPECT_EQ(Error::withDescription("D", 3, "Bad")->userInfo().size(), 1u);
   EXPECT_EQ(Error("D", 2).description(),
             "Error Domain=D Code=2 \"The operation couldn\u2019t be completed. (D error 2.)\"");
-}
-
-// Each accessor answers only for an object of its own type.
-TEST(ErrorTest, UnderlyingErrorExceptionAndURLByType) {
-  ErrorPtr inner = Error::make(NSPOSIXErrorDomain, 2);
-  auto exception = std::make_shared<Exception>(NSInvalidArgumentException, "bad archive");
-  auto url = std::make_shared<URL>(URL::fileURL("/tmp/x"));
-  Error outer("D", 1, Value::dict({{NSUnderlyingErrorKey, Value(ObjectPtr(inner))}}));
-  Error wrapped("D", 1, Value::dict({{NSUnderlyingErrorKey, Value(ObjectPtr(exception))}}));
-  Error failing("D", 1, Value::dict({{NSURLErrorKey, Value(ObjectPtr(url))}}));
-  EXPECT_EQ(outer.underlyingError(), inner);
-  EXPECT_EQ(outer.underlyingException(), nullptr);
-  EXPECT_EQ(wrapped.underlyingException(), exception);
-  EXPECT_EQ(wrapped.underlyingError(), nullptr);
-  EXPECT_EQ(failing.url(), url);
-  EXPECT_EQ(outer.url(), nullptr);
 }
 
 TEST(ErrorTest, EqualityAndHashingByValue) {

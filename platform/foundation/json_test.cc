@@ -73,7 +73,6 @@ TEST(JSONTest, ErrorsSayWhatAndWhere) {
   EXPECT_EQ(parseError("[1, 2"),
             "JSON parse error at line 1, column 6 (byte 5): unexpected end of input; expected ']'");
   EXPECT_EQ(parseError(""), "JSON parse error at line 1, column 1 (byte 0): no JSON text");
-  EXPECT_NE(parseError(" \n ").find("no JSON text"), std::string::npos);
   EXPECT_EQ(parseError("[1] x").find("JSON parse error at line 1, column 5 (byte 4)"), 0u);
   EXPECT_NE(parseError("[1e999]").find("(byte 1): number overflow"), std::string::npos);
   EXPECT_EQ(parseError("[1 true]")

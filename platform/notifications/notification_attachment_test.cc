@@ -54,8 +54,6 @@ TEST(NotificationAttachment, AcceptsEverySampleWithTheTypeOfItsExtensionInAnyCas
       {kMedia + "sample.mpg", "public.mpeg"},
       {kMedia + "sample.avi", "public.avi"},
       {copied("sample.jpg", "PHOTO.JPEG"), "public.jpeg"},
-      {copied("sample.aiff", "Sound.Aif"), "public.aiff-audio"},
-      {copied("sample.mpg", "clip.MPEG"), "public.mpeg"},
       {sizedFile(dir, "edge.mp3", "ID3", 5 * 1024 * 1024), "public.mp3"},  // at its limit
   };
   for (const auto& [path, type] : samples) {
@@ -104,8 +102,6 @@ TEST(NotificationAttachment, RefusesEachFaultWithItsCodeAndTheFileInTheDescripti
        UNErrorCodeAttachmentCorrupt, "public.avi"},
       {"AAC frames named .mp3", dir.write("song.mp3", "\xff\xf1\x50\x80\x00\x1f\xfc"sv),
        UNErrorCodeAttachmentCorrupt, "public.mp3"},
-      {"a PNG cut short", dir.write("short.png", "\x89PN"), UNErrorCodeAttachmentCorrupt,
-       "public.png"},
       {"a web URL", "https://media.example/sample.png", UNErrorCodeAttachmentInvalidURL,
        "is not a file URL"},
   };

@@ -1,5 +1,5 @@
-// Notification content: copies are independent, user info is always a dictionary, the
-// JSON shape hosts print, and one content read while another thread changes it.
+// Notification content: user info is always a dictionary, the JSON shape hosts print, and
+// one content read while another thread changes it.
 
 #include "platform/notifications/notification_content.h"
 
@@ -9,22 +9,6 @@
 
 namespace pnx {
 namespace {
-
-TEST(NotificationContent, CopiesAreIndependentAndTheRequestKeepsItsOwn) {
-  auto content = MutableNotificationContent::make();
-  content->setTitle("Title");
-  content->setUserInfo(Value::dict({{"aps", Value::dict({{"mutable-content", 1}})}}));
-  NotificationRequest request("REQ", *content);
-  auto best = request.content()->mutableCopy();
-  best->setCategoryIdentifier("chat");
-  content->setTitle("Changed");
-
-  EXPECT_EQ(request.content()->title(), "Title");
-  EXPECT_EQ(request.content()->categoryIdentifier(), "");
-  EXPECT_EQ(best->title(), "Title");
-  EXPECT_EQ(best->categoryIdentifier(), "chat");
-  EXPECT_EQ(best->userInfo(), request.content()->userInfo());
-}
 
 TEST(NotificationContent, KeepsUserInfoADictionaryAndBadgeANumberOrNull) {
   auto content = MutableNotificationContent::make();
