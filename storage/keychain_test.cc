@@ -127,17 +127,6 @@ TEST_F(KeychainStore, AnUnavailableKeychainFailsEveryOperation) {
   EXPECT_TRUE(log_.contains("Couldn't set channelId in shared keychain."));
 }
 
-TEST_F(KeychainStore, ItemsOfAnotherAccessibilityAreInvisibleButBlockTheAdd) {
-  ASSERT_EQ(addRawItem("name", pnx::kSecAttrAccessibleWhenUnlocked, "whatever"),
-            pnx::errSecSuccess);
-  pnx::ErrorPtr error;
-  EXPECT_TRUE(store_.objectForName("name", &error).isNull());
-  EXPECT_EQ(summary(error), "none");
-  EXPECT_FALSE(store_.removeObjectForName("name"));
-  EXPECT_FALSE(store_.setObject("mine", "name"));
-  EXPECT_TRUE(log_.contains("Could not set keychain name name to value mine, return -25299"));
-}
-
 TEST_F(KeychainStore, TheGroupStoreUsesTheTeamsSharedGroupOrTheDefaultOne) {
   useTeamId(std::nullopt);
   EXPECT_FALSE(PNXKeychain::groupKeychain("PNX")->group());
@@ -159,13 +148,6 @@ TEST_F(KeychainStore, TheGroupStoreUsesTheTeamsSharedGroupOrTheDefaultOne) {
   EXPECT_EQ(shared->channelId(), pnx::Value("channel-1"));
   EXPECT_TRUE(log_.contains("Set userId in shared keychain."));
   EXPECT_TRUE(log_.contains("Got channelId from shared keychain."));
-  // Another store object of the same service and group sees the write at once.
-  EXPECT_EQ(PNXKeychain::groupKeychain("PNX")->userId(), pnx::Value("user-1"));
-  // A group the bundle is not entitled to is refused.
-  PNXKeychain foreign("PNX");
-  foreign.setGroup("OTHER.PNX");
-  EXPECT_FALSE(foreign.setObject("x", "userId"));
-  EXPECT_TRUE(log_.contains("return -34018"));
 }
 
 TEST_F(KeychainStore, TheDefaultStoreIsTheBundleIdentifiers) {
