@@ -107,7 +107,6 @@ TEST_F(KeychainStore, DataThatIsNoArchiveIsAnUnarchiveFailureAndIsNeverOverwritt
   ASSERT_EQ(addRawItem("userId", pnx::kSecAttrAccessibleAlwaysThisDeviceOnly, "junk"),
             pnx::errSecSuccess);
   EXPECT_TRUE(store_.userId().isNull());
-  EXPECT_TRUE(log_.contains("Got userId from shared keychain."));
   EXPECT_TRUE(log_.contains("Couldn't get userId from shared keychain."));
 }
 
