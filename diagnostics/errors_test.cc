@@ -95,11 +95,7 @@ TEST(ErrorsTest, HttpResponseErrorCarriesStatusRetryAfterBodyAndURL) {
 }
 
 TEST(ErrorsTest, FactoriesFillTheirTexts) {
-  auto exception =
-      std::make_shared<pnx::Exception>(pnx::NSInvalidUnarchiveOperationException, "bad archive");
-  pnx::ErrorPtr unarchive = NSError_PNX::keychainUnarchiveFailed("pushQueue", exception);
-  EXPECT_EQ(unarchive->localizedDescription(), "Keychain unarchive of pushQueue failed");
-  EXPECT_EQ(unarchive->underlyingException(), exception);
+  // A named one, with its exception, is checked through the keychain store.
   EXPECT_EQ(NSError_PNX::keychainUnarchiveFailed(std::nullopt, nullptr)->localizedDescription(),
             "Keychain unarchive of (null) failed");
 
