@@ -12,7 +12,6 @@
 #include <fstream>
 #include <latch>
 #include <limits>
-#include <mutex>
 #include <thread>
 
 #include "diagnostics/log_capture_test.h"
@@ -86,27 +85,6 @@ NotificationRequestPtr requestFor(const Value& payload) {
 NotificationRequestPtr mediaRequest(const std::string& url) {
   return requestFor(
       Value::dict({{"aps", Value::dict({{"mutable-content", 1}})}, {"media-attachment", url}}));
-}
-
-// Calls a fresh service directly, without showing anything, and runs the main queue until
-// `expected` contents came back and the service's work, downloads included, is over.
-std::vector<NotificationContentPtr> receive(const NotificationRequestPtr& request,
-                                            std::size_t expected) {
-  auto handBacks = std::make_shared<std::vector<NotificationContentPtr>>();
-  auto mutex = std::make_shared<std::mutex>();
-  PNXNotificationService::make()->didReceiveNotificationRequest(
-      request, [=](NotificationContentPtr content) {
-        std::lock_guard lock(*mutex);
-        handBacks->push_back(content->copy());
-      });
-  auto count = [&] {
-    std::lock_guard lock(*mutex);
-    return handBacks->size();
-  };
-  RunLoop::runUntil([&] { return count() >= expected && !ExtensionHost::extensionWorkInFlight(); },
-                    std::chrono::steady_clock::now() + 20s);
-  std::lock_guard lock(*mutex);
-  return *handBacks;
 }
 
 class NotificationServiceTest : public ::testing::Test {
@@ -253,9 +231,10 @@ TEST_F(NotificationServiceTest, DownloadsThatCannotBeAttachedGoBackWithoutMedia)
         Case{"file URL", "file:///etc/hostname", false, "didCompleteWithError: "}}) {
     SCOPED_TRACE(c.name);
     log_.clear();
-    auto handBacks = receive(mediaRequest(c.url), c.fetched ? 2 : 1);
-    ASSERT_EQ(handBacks.size(), c.fetched ? 2u : 1u);
-    for (const auto& content : handBacks) {
+    ExtensionOutcome outcome =
+        ExtensionHost::deliver(mediaRequest(c.url), PNXNotificationService::make());
+    ASSERT_EQ(outcome.handBacks.size(), c.fetched ? 2u : 1u);
+    for (const auto& content : outcome.handBacks) {
       EXPECT_TRUE(content->attachments().empty());
     }
     EXPECT_TRUE(consoleHas(c.message));
