@@ -112,8 +112,7 @@ class NotificationServiceTest : public ::testing::Test {
 };
 
 TEST_F(NotificationServiceTest, WithoutActionsOrMediaHandsBackAtOnceOnTheCallingThread) {
-  for (const char* payload : {R"({"aps": {"mutable-content": 1}})",
-                              R"({"aps": {}, "category-actions": {"not": "an array"},
+  for (const char* payload : {R"({"aps": {}, "category-actions": {"not": "an array"},
                                   "media-attachment": ["not", "a", "string"]})",
                               R"({"media-attachment": "http://[bad"})"}) {
     std::vector<std::thread::id> threads;

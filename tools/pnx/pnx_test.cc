@@ -90,10 +90,7 @@ TEST(PnxProgram, MissingBundleDirectoryFailsWithOneLine) {
 TEST(PnxJSONText, WritesCompactJSONAndTurnsWhatJSONCannotHoldIntoText) {
   const pnx::Date date(1625065452.25);
   const std::pair<pnx::Value, std::string> cases[] = {
-      {pnx::Value(), "null"},
-      {"a \"quoted\" word", R"("a \"quoted\" word")"},
-      {-7, "-7"},
-      {true, "true"},
+      // Compact, keys in order; what JSON itself holds is the serialiser's (tested with it).
       {pnx::Value::dict({{"b", pnx::Value::array({1, "x"})}, {"a", nullptr}}),
        R"({"a":null,"b":[1,"x"]})"},
       {date, "\"" + date.iso8601() + "\""},
