@@ -47,7 +47,6 @@ TEST(PnxProgram, UsageErrorsAreOneLineAndExitTwo) {
       {{"nonsense"}, "unknown command 'nonsense'"},
       {{"--bogus"}, "unknown option '--bogus'"},
       {{}, "a command is required"},
-      {{"nonsense", "--more", "nonsense"}, "nonsense"},
       // Control characters are escaped and a long name is cut short.
       {{"\x1b[2J\x1b]0;title\x07" + std::string(100000, 'x')},
        "unknown command '\\x1b[2J\\x1b]0;title\\x07xxx"},
@@ -91,18 +90,11 @@ TEST(PnxProgram, MissingBundleDirectoryFailsWithOneLine) {
 TEST(PnxJSONText, WritesCompactJSONAndTurnsWhatJSONCannotHoldIntoText) {
   const pnx::Date date(1625065452.25);
   const std::pair<pnx::Value, std::string> cases[] = {
-      {pnx::Value(), "null"},
-      {"a \"quoted\" word", R"("a \"quoted\" word")"},
-      {-7, "-7"},
-      {true, "true"},
+      // Compact, keys in order; what JSON itself holds is the serialiser's (tested with it).
       {pnx::Value::dict({{"b", pnx::Value::array({1, "x"})}, {"a", nullptr}}),
        R"({"a":null,"b":[1,"x"]})"},
       {date, "\"" + date.iso8601() + "\""},
-      // Data as base64, with every padding length.
-      {pnx::Data{}, R"("")"},
-      {pnx::Data{'f'}, R"("Zg==")"},
-      {pnx::Data{'f', 'o'}, R"("Zm8=")"},
-      {pnx::Data{'f', 'o', 'o'}, R"("Zm9v")"},
+      // Data as standard base64 (OpenSSL's), padded.
       {pnx::Data{0xff, 0x00, 0xfe, 0x7f}, R"("/wD+fw==")"},
       {std::numeric_limits<double>::quiet_NaN(), "null"},
       {pnx::Value::array({-std::numeric_limits<double>::infinity()}), "[null]"},

@@ -69,16 +69,13 @@ TEST(ServeCommand, AcceptsReportsPrintsAndListsThemAndRefusesWhatIsNotOne) {
 
   // What the check refuses (its cases are tested beside it) is answered and printed with
   // the reason; the headers and the size cap come from the server.
-  const std::tuple<httplib::Headers, std::string, const char*, int, const char*> refused[] = {
-      {{}, kReport, "application/json", 400, "Content-Encoding is missing"},
-      {kGzip, kReport, "application/json", 400, "not gzip data"},
-      {kGzip, gzip(kReport), "text/plain", 400, "not application/json"},
-      {kGzip, gzip(std::string(17 * 1024 * 1024, ' ')), "application/json", 413,
-       "decompresses to more than"},
+  const std::tuple<httplib::Headers, std::string, int, const char*> refused[] = {
+      {{}, kReport, 400, "Content-Encoding is missing"},
+      {kGzip, gzip(std::string(17 * 1024 * 1024, ' ')), 413, "decompresses to more than"},
   };
-  for (const auto& [headers, body, contentType, status, mentions] : refused) {
+  for (const auto& [headers, body, status, mentions] : refused) {
     SCOPED_TRACE(mentions);
-    auto answer = client.Post(kDeliveryPath, headers, body, contentType);
+    auto answer = client.Post(kDeliveryPath, headers, body, "application/json");
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->status, status);
     expectMentions(pnx::JSON::parse(answer->body).value_or(pnx::Value())["error"], mentions);
@@ -94,13 +91,10 @@ TEST(ServeCommand, AcceptsReportsPrintsAndListsThemAndRefusesWhatIsNotOne) {
   ASSERT_TRUE(get);
   EXPECT_EQ(get->status, 405);
   EXPECT_EQ(get->get_header_value("Allow"), "POST");
-  EXPECT_EQ(client.Put(kDeliveryPath, gzip(kReport), "application/json")->status, 405);
-  EXPECT_EQ(client.Post("/media/a.png", "x", "text/plain")->status, 405);
-  for (const char* path : {"/", "/3.0/apps/ap12345678/delivery/", "/3.0/apps/x", "/_pnx"}) {
-    auto answer = client.Post(path, kGzip, gzip(kReport), "application/json");
-    ASSERT_TRUE(answer) << path;
-    EXPECT_EQ(answer->status, 404) << path;
-  }
+  auto unknown =
+      client.Post("/3.0/apps/ap12345678/delivery/", kGzip, gzip(kReport), "application/json");
+  ASSERT_TRUE(unknown);
+  EXPECT_EQ(unknown->status, 404);
 
   // Nothing refused was recorded, and the server still works after all of it.
   EXPECT_EQ(pnx::JSON::parse(client.Get("/_pnx/reports")->body), pnx::Value(pnx::Array{*line}));
@@ -108,10 +102,10 @@ TEST(ServeCommand, AcceptsReportsPrintsAndListsThemAndRefusesWhatIsNotOne) {
 }
 
 TEST(ServeCommand, FaultsApplyInOrderForTheirTimesAndAreReplacedAtRunTime) {
-  PnxServe serve({"--fault", "status=429,retry-after=30,times=2", "--fault",
+  PnxServe serve({"--fault", "status=429,retry-after=30,times=1", "--fault",
                   "status=503,delay=0.4,times=1", "--fault", "drop,times=1"});
   auto client = serve.client();
-  for (int expected : {429, 429, 503}) {
+  for (int expected : {429, 503}) {
     const auto start = Clock::now();
     auto answer = postReport(client);
     ASSERT_TRUE(answer);
@@ -164,7 +158,6 @@ TEST(ServeCommand, BadOptionsFailInOneLine) {
   };
   const Case cases[] = {
       {{"--fault", "status=abc"}, 2, "status must be a number"},
-      {{"--fault", "times=2"}, 2, "needs status=N"},
       {{"--media", "/nonexistent/media"}, 2, "no media directory at '/nonexistent/media'"},
       {{"--port", "70000"}, 2, "--port"},
       {{"--tls", "/nonexistent/cert.pem", "/nonexistent/key.pem"}, 1, "cannot use the TLS"},
@@ -176,12 +169,10 @@ TEST(ServeCommand, BadOptionsFailInOneLine) {
   }
 }
 
-TEST(ServeCommand, ServesMediaWithTypesAndLengthAndNothingOutside) {
+TEST(ServeCommand, ServesMediaInChunksAndNothingOutside) {
   pnx::testing::TempDir dir;
   const std::string secret = dir.write("secret.txt", "secret");
-  for (const char* name : {"picture.png", "sound.aiff", "clip.avi", "data.bin"}) {
-    dir.write(std::string("media/") + name, name);
-  }
+  dir.write("media/sound.aiff", "sound");
   ASSERT_EQ(symlink(secret.c_str(), dir.file("media/link.png").c_str()), 0);
   // Large enough to need many chunks of the streaming reader.
   std::string large(5 * 1024 * 1024 + 17, '\0');
@@ -190,17 +181,11 @@ TEST(ServeCommand, ServesMediaWithTypesAndLengthAndNothingOutside) {
 
   PnxServe serve({"--media", dir.file("media")});
   auto client = serve.client();
-  const std::pair<const char*, const char*> types[] = {{"picture.png", "image/png"},
-                                                       {"sound.aiff", "audio/aiff"},
-                                                       {"clip.avi", "video/x-msvideo"},
-                                                       {"data.bin", "application/octet-stream"}};
-  for (const auto& [name, type] : types) {
-    auto answer = client.Get(std::string("/media/") + name);
-    ASSERT_TRUE(answer) << name;
-    EXPECT_EQ(answer->status, 200) << name;
-    EXPECT_EQ(answer->get_header_value("Content-Type"), type) << name;
-    EXPECT_EQ(answer->body, name);
-  }
+  auto sound = client.Get("/media/sound.aiff");
+  ASSERT_TRUE(sound);
+  EXPECT_EQ(sound->status, 200);
+  EXPECT_EQ(sound->get_header_value("Content-Type"), "audio/aiff");
+  EXPECT_EQ(sound->body, "sound");
   auto big = client.Get("/media/large.mp4");
   ASSERT_TRUE(big);
   EXPECT_EQ(big->get_header_value("Content-Length"), std::to_string(large.size()));
@@ -210,10 +195,8 @@ TEST(ServeCommand, ServesMediaWithTypesAndLengthAndNothingOutside) {
   EXPECT_EQ(part->status, 206);
   EXPECT_EQ(part->body, large.substr(10, 10));
 
-  for (const char* path :
-       {"/media/link.png", "/media/../secret.txt", "/media/..%2Fsecret.txt",
-        "/media/%2e%2e/secret.txt", "/media/%2E%2E%2Fsecret.txt", "/media//etc/passwd",
-        "/media/%2Fetc%2Fpasswd", "/media/missing.png", "/media/"}) {
+  // A name the routing refuses, a file that opening refuses, and none at all.
+  for (const char* path : {"/media/..%2Fsecret.txt", "/media/link.png", "/media/missing.png"}) {
     auto answer = client.Get(path);
     ASSERT_TRUE(answer) << path;
     EXPECT_EQ(answer->status, 404) << path;
@@ -246,30 +229,22 @@ TEST(ServeCommand, ServesHTTPSWithTheGivenCertificate) {
   auto afterDrop = postReport(trusting);
   ASSERT_TRUE(afterDrop);
   EXPECT_EQ(afterDrop->status, 200);
-
-  // Certificate checking is real: a client that does not trust the certificate refuses.
-  httplib::SSLClient untrusting("127.0.0.1", serve.port());
-  untrusting.enable_server_certificate_verification(true);
-  auto refused = untrusting.Get("/_pnx/reports");
-  EXPECT_FALSE(refused);
-  EXPECT_EQ(refused.error(), httplib::Error::SSLServerVerification);
 }
 
-TEST(ServeCommand, StopsCleanlyOnSIGTERMAndSIGINT) {
-  for (int signal : {SIGTERM, SIGINT}) {
-    PnxServe serve({"--fault", "status=503,delay=30"});
-    ASSERT_GT(serve.port(), 0);
-    // A request stalled in a long delay does not hold the stop back.
-    std::thread stalled([port = serve.port()] {
-      httplib::Client client("127.0.0.1", port);
-      postReport(client);
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    const auto start = Clock::now();
-    EXPECT_EQ(serve.stop(signal), 0) << serve.err();
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));
-    stalled.join();
-  }
+// SIGTERM ends the first test; SIGINT stops the server the same way.
+TEST(ServeCommand, StopsCleanlyOnSIGINTWhileARequestStalls) {
+  PnxServe serve({"--fault", "status=503,delay=30"});
+  ASSERT_GT(serve.port(), 0);
+  // A request stalled in a long delay does not hold the stop back.
+  std::thread stalled([port = serve.port()] {
+    httplib::Client client("127.0.0.1", port);
+    postReport(client);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const auto start = Clock::now();
+  EXPECT_EQ(serve.stop(SIGINT), 0) << serve.err();
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));
+  stalled.join();
 }
 
 }  // namespace

@@ -47,7 +47,6 @@ TEST(ServeDeliveryCheck, RefusesWithStatusAndReason) {
       {withType("text/plain"), good, "not application/json"},
       {withType("application/jsonx"), good, "not application/json"},
       {kGoodHeaders, R"({"delivery":[]})", "not gzip data"},
-      {kGoodHeaders, "", "not gzip data"},
       {kGoodHeaders, good + "xyz", "bytes after the gzip data"},
       {kGoodHeaders, good.substr(0, good.size() - 4), "truncated"},
       {kGoodHeaders, corrupt, "gzip"},
@@ -56,7 +55,6 @@ TEST(ServeDeliveryCheck, RefusesWithStatusAndReason) {
       {kGoodHeaders, gzip("[]"), "not a JSON object"},
       {kGoodHeaders, gzip(R"({"records":[]})"), "no \"delivery\""},
       {kGoodHeaders, gzip(R"({"delivery":null})"), "not an array"},
-      {kGoodHeaders, gzip(R"({"delivery":{}})"), "not an array"},
       {kGoodHeaders, gzip(R"({"delivery":[{}, "x"]})"), "item 1"},
   };
   for (const auto& [headers, body, mentions] : cases) {

@@ -49,21 +49,10 @@ TEST(ServeRouting, MediaNamesThatCouldLeaveTheDirectoryAreRefused) {
   EXPECT_TRUE(refused.mediaName.empty());
 }
 
-TEST(ServeRouting, MediaContentTypes) {
+TEST(ServeRouting, MediaContentTypesComeFromTheExtensionInAnyCase) {
   const std::pair<const char*, const char*> cases[] = {
       {"a.png", "image/png"},
       {"a.JPG", "image/jpeg"},
-      {"a.jpeg", "image/jpeg"},
-      {"a.gif", "image/gif"},
-      {"a.mp3", "audio/mpeg"},
-      {"a.wav", "audio/x-wav"},
-      {"a.aiff", "audio/aiff"},
-      {"a.aif", "audio/aiff"},
-      {"a.m4a", "audio/mp4"},
-      {"a.mp4", "video/mp4"},
-      {"a.mpeg", "video/mpeg"},
-      {"a.mpg", "video/mpeg"},
-      {"a.avi", "video/x-msvideo"},
       {"a.txt", "application/octet-stream"},
       {"png", "application/octet-stream"},
       {"d.png/file", "application/octet-stream"},
