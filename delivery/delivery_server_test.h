@@ -38,6 +38,9 @@ class DeliveryServer {
   DeliveryServer() {
     auto handler = [this](const httplib::Request& in, httplib::Response& out) { handle(in, out); };
     server_.Post(".*", handler);
+    server_.set_tcp_nodelay(true);
+    // Stopping waits for idle kept-alive connections, which the shared session keeps.
+    server_.set_keep_alive_timeout(1);
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
     while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));

@@ -112,7 +112,7 @@ TEST(ServeCommand, FaultsApplyInOrderForTheirTimesAndAreReplacedAtRunTime) {
     EXPECT_EQ(answer->status, expected);
     EXPECT_EQ(answer->get_header_value("Retry-After"), expected == 429 ? "30" : "");
     if (expected == 503) {
-      EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(600));
+      EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(400));
     }
     auto line = serve.nextLine();
     ASSERT_TRUE(line);
