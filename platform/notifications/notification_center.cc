@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/dispatch/dispatch.h"
 #include "platform/files/bundle.h"
 #include "platform/files/container.h"
 #include "platform/files/file_manager.h"
@@ -302,7 +303,10 @@ class PendingCall {
   explicit PendingCall(std::atomic<std::size_t>& pending) : pending_(pending) { ++pending_; }
   PendingCall(const PendingCall&) = delete;
   PendingCall& operator=(const PendingCall&) = delete;
-  ~PendingCall() { --pending_; }
+  // The main thread's run loop may be waiting for the count to reach zero.
+  ~PendingCall() {
+    if (--pending_ == 0) RunLoop::wakeUp();
+  }
 
  private:
   std::atomic<std::size_t>& pending_;
