@@ -8,6 +8,7 @@
 #include <string>
 
 #include "platform/foundation/keyed_archive.h"
+#include "platform/foundation/plist.h"
 
 namespace pnx {
 namespace {
@@ -122,6 +123,30 @@ TEST(KeyedArchiveBytes, LongQueuesKeepTheirBytes) {
     EXPECT_EQ(bytes.size(), pinned.size) << pinned.records;
     EXPECT_EQ(fingerprint(bytes), pinned.fingerprint) << pinned.records;
   }
+}
+
+// The property-list writer the archiver shares: references, shared strings and every kind
+// a property list holds.
+TEST(KeyedArchiveBytes, BinaryPropertyListsKeepTheirExactBytes) {
+  Value list = Value::dict({
+      {"scalars", Value::array({1, -2, 3.5, true, false, "u-1", "héllo ✓", "😀", 1099511627776LL,
+                                INT64_MIN, Date::fromReferenceDate(10.5), Data{0, 1, 2, 255}})},
+      {"set", Value(Set{Value("b"), Value("a"), Value(3)})},
+      {"references", Value::array({Value::dict({{"CF$UID", 3}}), Value::dict({{"CF$UID", 3}}),
+                                   Value::dict({{"CF$UID", 1ll << 40}})})},
+      {"empty", Value::array({Value::array({}), Value::dict({})})},
+      {"again", "u-1"},
+  });
+  auto bytes = PropertyList::serialize(list, PropertyList::Format::Binary);
+  ASSERT_TRUE(bytes);
+  EXPECT_EQ(hexOf(*bytes),
+            "62706c697374303055616761696e53752d3155656d707479a0d0a203045a7265666572656e636573"
+            "800356434624554944130000010000000000d10809a307070a577363616c617273100113ffffffff"
+            "fffffffe23400c000000000000090867006800e9006c006c006f0020271362d83dde001300000100"
+            "0000000013800000000000000033402500000000000044000102ffac0d0e0f101101121314151617"
+            "53736574100351615162a31a1b1cd50002060c1901050b181d080e1218191a1d282a313a3d41494b"
+            "545d5e5f6e737c858e93a0a4a6a8aaae0000000000000101000000000000001f000000000000001e"
+            "00000000000000b9");
 }
 
 }  // namespace
