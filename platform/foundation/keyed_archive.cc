@@ -1,12 +1,15 @@
 #include "platform/foundation/keyed_archive.h"
 
 #include <algorithm>
+#include <array>
 #include <map>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
 
+#include "platform/foundation/binary_plist_writer.h"
 #include "platform/foundation/format.h"
 #include "platform/foundation/plist.h"
 #include "platform/foundation/utf8.h"
@@ -25,9 +28,17 @@ ErrorPtr writeError(const std::string& reason) {
                                 "The data couldn’t be written: " + reason + ".");
 }
 
-// Lays values out in the archive's object table ($objects), as property-list values with
-// UIDs ({"CF$UID": n}) for the references, and writes the archive with the property-list
-// writer.
+// The classes of the archive's objects, each with its class entry
+// {"$classname": name, "$classes": [name, "NSObject"]}, written once.
+enum class ArchivedClass : std::uint8_t { Null, Date, Data, Array, Set, Dictionary };
+constexpr std::size_t kArchivedClassCount = 6;
+constexpr std::string_view kClassNames[kArchivedClassCount] = {"NSNull",  "NSDate", "NSData",
+                                                               "NSArray", "NSSet",  "NSDictionary"};
+
+// Lays values out in the archive's object table ($objects), then writes the table as a
+// binary property list. The table is kept lean: strings are views into the value being
+// archived, references are indexes into one shared list, so that archiving a long queue
+// builds no intermediate Value.
 class ArchiveWriter {
  public:
   // Appends value (and everything it holds) to $objects; returns its UID, or nullopt and
@@ -48,20 +59,19 @@ class ArchiveWriter {
       case Value::Type::Boolean:
       case Value::Type::Integer:
       case Value::Type::Real:
-        return append(value);
+        return append({Entry::Shape::Number, {}, &value});
       case Value::Type::String:
         return appendString(*value.asString(), error);
       case Value::Type::Null:
-        return append(instance("NSNull", {}));
+        return appendInstance(ArchivedClass::Null, nullptr);
       case Value::Type::Date:
-        return append(instance(
-            "NSDate", {{"NS.time", Value(value.asDate()->timeIntervalSinceReferenceDate())}}));
+        return appendInstance(ArchivedClass::Date, &value);
       case Value::Type::Data:
-        return append(instance("NSData", {{"NS.data", value}}));
+        return appendInstance(ArchivedClass::Data, &value);
       case Value::Type::Array:
-        return encodeElements("NSArray", *value.asArray(), depth, error);
+        return encodeElements(ArchivedClass::Array, *value.asArray(), depth, error);
       case Value::Type::Set:
-        return encodeElements("NSSet", *value.asSet(), depth, error);
+        return encodeElements(ArchivedClass::Set, *value.asSet(), depth, error);
       case Value::Type::Dictionary:
         return encodeDictionary(*value.asDictionary(), depth, error);
       case Value::Type::Object:
@@ -70,37 +80,50 @@ class ArchiveWriter {
     return fail("a " + value.className() + " cannot be archived", error);
   }
 
-  std::optional<Data> finish(std::uint64_t root, ErrorPtr* error) {
-    Dictionary archive;
-    archive.emplace(Value("$version"), Value(kArchiveVersion));
-    archive.emplace(Value("$archiver"), Value(kArchiverName));
-    archive.emplace(Value("$top"), Value::dict({{"root", uid(root)}}));
-    archive.emplace(Value("$objects"), Value(std::move(objects_)));
-    ErrorPtr plistError;
-    auto data = PropertyList::serialize(Value(std::move(archive)), PropertyList::Format::Binary,
-                                        &plistError);
-    if (!data) {
-      return fail(plistError ? plistError->localizedDescription() : "no property list", error);
-    }
-    return data;
+  // The property list {"$archiver", "$objects", "$top", "$version"}, its objects added in the
+  // order a walk of its keys (sorted) and values reaches them, as the property-list writer
+  // numbers a Value of the same shape.
+  Data finish(std::uint64_t root) {
+    using Ref = BinaryPlistWriter::Ref;
+    const Ref archiverKey = out_.string("$archiver");
+    const Ref archiver = out_.string(kArchiverName);
+    const Ref objectsKey = out_.string("$objects");
+    std::vector<Ref> objects;
+    objects.reserve(entries_.size());
+    for (const Entry& entry : entries_) objects.push_back(write(entry));
+    const Ref objectTable = out_.array(objects);
+    const Ref topKey = out_.string("$top");
+    const Ref rootKey = out_.string("root");
+    const Ref rootUID = out_.uid(root);
+    const Ref top = out_.dictionary(std::span(&rootKey, 1), std::span(&rootUID, 1));
+    const Ref versionKey = out_.string("$version");
+    const Ref version = out_.integer(kArchiveVersion);
+    const Ref keys[] = {archiverKey, objectsKey, topKey, versionKey};
+    const Ref values[] = {archiver, objectTable, top, version};
+    return out_.finish(out_.dictionary(keys, values));
   }
 
  private:
+  // One object of $objects.
+  struct Entry {
+    enum class Shape : std::uint8_t { Number, String, Instance, ClassEntry };
+    Shape shape;
+    ArchivedClass archivedClass = ArchivedClass::Null;  // instances and class entries
+    const Value* value = nullptr;                       // numbers, dates and data
+    std::string_view text = {};                         // strings
+    std::uint64_t classIndex = 0;                       // instances: their class entry
+    std::size_t first = 0;  // arrays and sets: their elements' UIDs in references_;
+    std::size_t count = 0;  // dictionaries: count keys, then count objects
+  };
+
   static std::nullopt_t fail(const std::string& reason, ErrorPtr* error) {
     if (error) *error = writeError(reason);
     return std::nullopt;
   }
 
-  std::uint64_t append(Value object) {
-    objects_.push_back(std::move(object));
-    return objects_.size() - 1;
-  }
-
-  // A reference to the object at index; one shared Value per index.
-  Value uid(std::uint64_t index) {
-    if (index >= uids_.size()) uids_.resize(index + 1);
-    if (uids_[index].isNull()) uids_[index] = Value::dict({{kUidKey, Value(index)}});
-    return uids_[index];
+  std::uint64_t append(const Entry& entry) {
+    entries_.push_back(entry);
+    return entries_.size() - 1;
   }
 
   // Equal strings are stored once, as the platform's archiver does. A property list holds
@@ -110,80 +133,146 @@ class ArchiveWriter {
     if (text.find('\0') != std::string::npos)
       return fail("a string contains a NUL character", error);
     if (!isValidUTF8(text)) return fail("a string is not UTF-8", error);
-    std::uint64_t index = append(Value(text));
+    std::uint64_t index = append({Entry::Shape::String, {}, nullptr, text});
     strings_.emplace(text, index);
     return index;
   }
 
-  // The UID of the class entry {"$classname": name, "$classes": [name, "NSObject"]},
-  // written once per class.
-  Value classEntry(const std::string& name) {
-    auto found = classes_.find(name);
-    if (found == classes_.end()) {
-      const std::uint64_t index = append(Value::dict(
-          {{"$classname", name}, {"$classes", Value::array({Value(name), Value("NSObject")})}}));
-      found = classes_.emplace(name, index).first;
-    }
-    return uid(found->second);
+  // The index of the class entry, appended when the class is first used.
+  std::uint64_t classEntry(ArchivedClass archivedClass) {
+    std::uint64_t& index = classIndexes_[static_cast<std::size_t>(archivedClass)];
+    if (index == 0) index = append({Entry::Shape::ClassEntry, archivedClass});
+    return index;
   }
 
-  // An object {"$class": UID, fields...}.
-  Value instance(const std::string& className,
-                 std::initializer_list<std::pair<std::string_view, Value>> fields) {
-    Dictionary entries;
-    entries.emplace(Value("$class"), classEntry(className));
-    for (const auto& [key, value] : fields) entries.emplace(Value(key), value);
-    return Value(std::move(entries));
+  // An object without elements: its class entry comes before it.
+  std::uint64_t appendInstance(ArchivedClass archivedClass, const Value* value) {
+    const std::uint64_t classIndex = classEntry(archivedClass);
+    return append({Entry::Shape::Instance, archivedClass, value, {}, classIndex});
   }
 
-  // The container's slot comes before its elements, as in the platform's archives.
+  // The container's slot comes before its elements, and its class entry after them, as in
+  // the platform's archives.
   template <class Range>
-  std::optional<std::uint64_t> encodeElements(const char* className, const Range& elements,
+  std::optional<std::uint64_t> encodeElements(ArchivedClass archivedClass, const Range& elements,
                                               int depth, ErrorPtr* error) {
-    std::uint64_t slot = append(Value());
-    auto references = encodeAll(elements, depth, error);
-    if (!references) return std::nullopt;
-    objects_[slot] = instance(className, {{"NS.objects", Value(std::move(*references))}});
+    const std::uint64_t slot = append({Entry::Shape::Instance, archivedClass});
+    const std::size_t first = references_.size();
+    references_.resize(first + elements.size());
+    std::size_t at = first;
+    for (const Value& element : elements) {
+      auto index = encode(element, depth + 1, error);
+      if (!index) return std::nullopt;
+      references_[at++] = *index;
+    }
+    finishContainer(slot, first, elements.size());
     return slot;
   }
 
   std::optional<std::uint64_t> encodeDictionary(const Dictionary& dictionary, int depth,
                                                 ErrorPtr* error) {
-    std::uint64_t slot = append(Value());
-    Array keys, values;
-    keys.reserve(dictionary.size());
-    values.reserve(dictionary.size());
-    for (const auto& [key, value] : dictionary) {
-      keys.push_back(key);
-      values.push_back(value);
+    const std::uint64_t slot = append({Entry::Shape::Instance, ArchivedClass::Dictionary});
+    const std::size_t first = references_.size();
+    references_.resize(first + 2 * dictionary.size());
+    std::size_t at = first;
+    for (const auto& entry : dictionary) {
+      auto index = encode(entry.first, depth + 1, error);
+      if (!index) return std::nullopt;
+      references_[at++] = *index;
     }
-    auto keyReferences = encodeAll(keys, depth, error);
-    if (!keyReferences) return std::nullopt;
-    auto valueReferences = encodeAll(values, depth, error);
-    if (!valueReferences) return std::nullopt;
-    objects_[slot] = instance("NSDictionary", {{"NS.keys", Value(std::move(*keyReferences))},
-                                               {"NS.objects", Value(std::move(*valueReferences))}});
+    for (const auto& entry : dictionary) {
+      auto index = encode(entry.second, depth + 1, error);
+      if (!index) return std::nullopt;
+      references_[at++] = *index;
+    }
+    finishContainer(slot, first, dictionary.size());
     return slot;
   }
 
-  // The UIDs of the elements.
-  template <class Range>
-  std::optional<Array> encodeAll(const Range& elements, int depth, ErrorPtr* error) {
-    Array references;
-    references.reserve(elements.size());
-    for (const Value& element : elements) {
-      auto index = encode(element, depth + 1, error);
-      if (!index) return std::nullopt;
-      references.push_back(uid(*index));
-    }
-    return references;
+  void finishContainer(std::uint64_t slot, std::size_t first, std::size_t count) {
+    const std::uint64_t classIndex = classEntry(entries_[slot].archivedClass);
+    Entry& entry = entries_[slot];
+    entry.classIndex = classIndex;
+    entry.first = first;
+    entry.count = count;
   }
 
-  Array objects_{Value(kNullMarker)};
-  std::vector<Value> uids_;
-  std::unordered_map<std::string, std::uint64_t> strings_;
-  std::map<std::string, std::uint64_t> classes_;
+  // ----- writing the property list
+
+  // Each object as the property-list writer writes a Value of its shape: an instance is a
+  // dictionary {"$class": UID, "NS.…": …} whose keys sort "$class" first.
+  BinaryPlistWriter::Ref write(const Entry& entry) {
+    using Ref = BinaryPlistWriter::Ref;
+    switch (entry.shape) {
+      case Entry::Shape::Number:
+        if (entry.value->isBoolean()) return out_.boolean(entry.value->boolValue());
+        if (entry.value->isInteger()) return out_.integer(entry.value->integerValue());
+        return out_.real(entry.value->doubleValue());
+      case Entry::Shape::String:
+        return out_.string(entry.text);
+      case Entry::Shape::ClassEntry:
+        return writeClassEntry(kClassNames[static_cast<std::size_t>(entry.archivedClass)]);
+      case Entry::Shape::Instance:
+        break;
+    }
+    std::array<Ref, 3> keys{out_.string("$class")};
+    std::array<Ref, 3> values{out_.uid(entry.classIndex)};
+    std::size_t fields = 1;
+    auto field = [&](std::string_view key, auto writeValue) {
+      keys[fields] = out_.string(key);
+      values[fields] = writeValue();
+      ++fields;
+    };
+    switch (entry.archivedClass) {
+      case ArchivedClass::Null:
+        break;
+      case ArchivedClass::Date:
+        field("NS.time",
+              [&] { return out_.real(entry.value->asDate()->timeIntervalSinceReferenceDate()); });
+        break;
+      case ArchivedClass::Data:
+        field("NS.data", [&] { return out_.data(*entry.value->asData()); });
+        break;
+      case ArchivedClass::Array:
+      case ArchivedClass::Set:
+        field("NS.objects", [&] { return writeUIDs(entry.first, entry.count); });
+        break;
+      case ArchivedClass::Dictionary:
+        field("NS.keys", [&] { return writeUIDs(entry.first, entry.count); });
+        field("NS.objects", [&] { return writeUIDs(entry.first + entry.count, entry.count); });
+        break;
+    }
+    return out_.dictionary(std::span(keys).first(fields), std::span(values).first(fields));
+  }
+
+  // An array of the UIDs of count objects listed from first in references_.
+  BinaryPlistWriter::Ref writeUIDs(std::size_t first, std::size_t count) {
+    uids_.clear();
+    for (std::size_t i = first; i < first + count; ++i) uids_.push_back(out_.uid(references_[i]));
+    return out_.array(uids_);
+  }
+
+  // {"$classes": [name, "NSObject"], "$classname": name}
+  BinaryPlistWriter::Ref writeClassEntry(std::string_view name) {
+    using Ref = BinaryPlistWriter::Ref;
+    const Ref classesKey = out_.string("$classes");
+    const Ref names[] = {out_.string(name), out_.string("NSObject")};
+    const Ref classes = out_.array(names);
+    const Ref classNameKey = out_.string("$classname");
+    const Ref className = out_.string(name);
+    const Ref keys[] = {classesKey, classNameKey};
+    const Ref values[] = {classes, className};
+    return out_.dictionary(keys, values);
+  }
+
+  std::vector<Entry> entries_{Entry{Entry::Shape::String, {}, nullptr, kNullMarker}};
+  std::vector<std::uint64_t> references_;
+  // Views of strings inside the value being archived, which outlives the writer.
+  std::unordered_map<std::string_view, std::uint64_t> strings_;
+  std::uint64_t classIndexes_[kArchivedClassCount] = {};  // 0 until written
   std::size_t encoded_ = 0;
+  BinaryPlistWriter out_;
+  std::vector<BinaryPlistWriter::Ref> uids_;
 };
 
 [[noreturn]] void fail(const std::string& reason) {
@@ -374,7 +463,7 @@ std::optional<Data> KeyedArchiver::archivedDataWithRootObject(const Value& root,
     if (!index) return std::nullopt;
     rootIndex = *index;
   }
-  return writer.finish(rootIndex, error);
+  return writer.finish(rootIndex);
 }
 
 Value KeyedUnarchiver::unarchiveObjectWithData(const Data& data) {

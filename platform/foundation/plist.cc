@@ -12,6 +12,7 @@
 
 #include <plist/plist.h>
 
+#include "platform/foundation/binary_plist_writer.h"
 #include "platform/foundation/format.h"
 #include "platform/foundation/utf8.h"
 
@@ -451,30 +452,22 @@ class BinaryReader {
 // linear in its size (libplist's binary writer slows down quadratically on lists of tens
 // of thousands of objects, which a keyed archive of a long delivery queue reaches).
 //
-// Objects are numbered children first; scalars are encoded at once into one buffer and
-// containers keep their references until the end, when the size of a reference is known.
-// Equal strings and equal UIDs become one object. Sets are written as arrays, and a
-// dictionary {"CF$UID": n} (n below 2^32) as the UID n, a keyed archive's reference.
+// Objects are numbered children first. Equal strings and equal UIDs become one object.
+// Sets are written as arrays, and a dictionary {"CF$UID": n} (n below 2^32) as the UID n,
+// a keyed archive's reference.
 
 class BinaryWriter {
  public:
   std::optional<Data> write(const Value& root) {
     auto top = add(root, 0);
     if (!top) return std::nullopt;
-    return finish(*top);
+    return out_.finish(*top);
   }
 
   const std::string& failure() const { return failure_; }
 
  private:
-  using Ref = std::uint64_t;
-
-  // A scalar's encoding lies in scalars_, a container's references in references_.
-  struct Object {
-    std::uint8_t containerKind;  // 0 for a scalar, 0xa array, 0xd dictionary
-    std::size_t at;
-    std::size_t length;
-  };
+  using Ref = BinaryPlistWriter::Ref;
 
   std::nullopt_t fail(std::string what) {
     failure_ = std::move(what);
@@ -484,23 +477,17 @@ class BinaryWriter {
   std::optional<Ref> add(const Value& value, std::size_t depth) {
     switch (value.type()) {
       case Value::Type::Boolean:
-        return scalar([&] { scalars_.push_back(value.boolValue() ? 0x09 : 0x08); });
+        return out_.boolean(value.boolValue());
       case Value::Type::Integer:
-        return scalar([&] { encodeInteger(value.integerValue()); });
+        return out_.integer(value.integerValue());
       case Value::Type::Real:
-        return scalar([&] { encodeDouble(0x23, value.doubleValue()); });
+        return out_.real(value.doubleValue());
       case Value::Type::Date:
-        return scalar(
-            [&] { encodeDouble(0x33, value.asDate()->timeIntervalSinceReferenceDate()); });
+        return out_.date(value.asDate()->timeIntervalSinceReferenceDate());
       case Value::Type::String:
         return string(*value.asString());
-      case Value::Type::Data: {
-        const Data& bytes = *value.asData();
-        return scalar([&] {
-          encodeMarker(0x4, bytes.size());
-          scalars_.insert(scalars_.end(), bytes.begin(), bytes.end());
-        });
-      }
+      case Value::Type::Data:
+        return out_.data(*value.asData());
       case Value::Type::Array:
         return array(*value.asArray(), depth + 1);
       case Value::Type::Set:
@@ -512,29 +499,13 @@ class BinaryWriter {
     }
   }
 
-  template <class Encode>
-  Ref scalar(const Encode& encode) {
-    const std::size_t at = scalars_.size();
-    encode();
-    objects_.push_back({0, at, scalars_.size() - at});
-    return objects_.size() - 1;
-  }
-
-  Ref container(std::uint8_t kind, const std::vector<Ref>& references) {
-    objects_.push_back({kind, references_.size(), references.size()});
-    references_.insert(references_.end(), references.begin(), references.end());
-    return objects_.size() - 1;
-  }
-
   // Readers end strings at a NUL, and text that is not UTF-8 has no UTF-16 form: both are
-  // refused rather than written with characters lost.
+  // refused rather than written with characters lost. The writer keeps views of strings
+  // inside the Value, which outlives it.
   std::optional<Ref> string(const std::string& text) {
-    if (auto found = strings_.find(text); found != strings_.end()) return found->second;
     if (text.find('\0') != std::string::npos) return fail("string contains a NUL character");
     if (!isValidUTF8(text)) return fail("string is not UTF-8");
-    const Ref ref = scalar([&] { encodeString(text); });
-    strings_.emplace(text, ref);
-    return ref;
+    return out_.string(text);
   }
 
   template <class Range>
@@ -547,12 +518,12 @@ class BinaryWriter {
       if (!ref) return std::nullopt;
       references.push_back(*ref);
     }
-    return container(0xa, references);
+    return out_.array(references);
   }
 
   std::optional<Ref> dictionary(const Dictionary& dict, std::size_t depth) {
     if (depth > kMaxNestingDepth) return fail("nesting deeper than 512 levels");
-    if (auto uid = uidOf(dict)) return this->uid(*uid);
+    if (auto uid = uidOf(dict)) return out_.uid(*uid);
     std::vector<Ref> references(2 * dict.size());
     std::size_t i = 0;
     for (const auto& [key, value] : dict) {
@@ -565,7 +536,8 @@ class BinaryWriter {
       references[dict.size() + i] = *valueRef;
       ++i;
     }
-    return container(0xd, references);
+    const std::span<const Ref> all(references);
+    return out_.dictionary(all.first(dict.size()), all.subspan(dict.size()));
   }
 
   // The n of a dictionary {"CF$UID": n} that stands for a UID.
@@ -580,106 +552,7 @@ class BinaryWriter {
     return static_cast<std::uint64_t>(value.integerValue());
   }
 
-  Ref uid(std::uint64_t index) {
-    if (auto found = uids_.find(index); found != uids_.end()) return found->second;
-    const Ref ref = scalar([&] {
-      const int width = byteCount(index);
-      scalars_.push_back(static_cast<std::uint8_t>(0x80 | (width - 1)));
-      appendBigEndian(scalars_, index, width);
-    });
-    uids_.emplace(index, ref);
-    return ref;
-  }
-
-  Data finish(Ref top) const {
-    const int referenceSize = byteCount(objects_.size() - 1);
-    Data out(kBinaryMagic.begin(), kBinaryMagic.end());
-    std::vector<std::uint64_t> offsets;
-    offsets.reserve(objects_.size());
-    for (const Object& object : objects_) {
-      offsets.push_back(out.size());
-      if (object.containerKind == 0) {
-        out.insert(out.end(), scalars_.begin() + object.at,
-                   scalars_.begin() + object.at + object.length);
-        continue;
-      }
-      const std::size_t count = object.containerKind == 0xd ? object.length / 2 : object.length;
-      encodeMarker(out, object.containerKind, count);
-      for (std::size_t i = 0; i < object.length; ++i) {
-        appendBigEndian(out, references_[object.at + i], referenceSize);
-      }
-    }
-    const std::uint64_t tableAt = out.size();
-    const int offsetSize = byteCount(tableAt);
-    for (std::uint64_t offset : offsets) appendBigEndian(out, offset, offsetSize);
-    out.insert(out.end(), 6, 0);  // unused bytes and the sort version
-    out.push_back(static_cast<std::uint8_t>(offsetSize));
-    out.push_back(static_cast<std::uint8_t>(referenceSize));
-    appendBigEndian(out, objects_.size(), 8);
-    appendBigEndian(out, top, 8);
-    appendBigEndian(out, tableAt, 8);
-    return out;
-  }
-
-  static int byteCount(std::uint64_t value) {
-    if (value <= 0xff) return 1;
-    if (value <= 0xffff) return 2;
-    if (value <= 0xffffffffULL) return 4;
-    return 8;
-  }
-
-  static void appendBigEndian(Data& out, std::uint64_t value, int width) {
-    for (int shift = (width - 1) * 8; shift >= 0; shift -= 8) {
-      out.push_back(static_cast<std::uint8_t>(value >> shift));
-    }
-  }
-
-  // Negative integers take eight bytes (the only signed width); others the fewest of 1, 2,
-  // 4 and 8.
-  static void encodeInteger(Data& out, std::int64_t value) {
-    const int width = value < 0 ? 8 : byteCount(static_cast<std::uint64_t>(value));
-    const int power = width == 1 ? 0 : width == 2 ? 1 : width == 4 ? 2 : 3;
-    out.push_back(static_cast<std::uint8_t>(0x10 | power));
-    appendBigEndian(out, static_cast<std::uint64_t>(value), width);
-  }
-  void encodeInteger(std::int64_t value) { encodeInteger(scalars_, value); }
-
-  void encodeDouble(std::uint8_t marker, double value) {
-    scalars_.push_back(marker);
-    appendBigEndian(scalars_, std::bit_cast<std::uint64_t>(value), 8);
-  }
-
-  // A kind nibble with its count; a count of 15 or more follows as an integer object.
-  static void encodeMarker(Data& out, std::uint8_t kind, std::uint64_t count) {
-    if (count < 15) {
-      out.push_back(static_cast<std::uint8_t>(kind << 4 | count));
-      return;
-    }
-    out.push_back(static_cast<std::uint8_t>(kind << 4 | 0x0f));
-    encodeInteger(out, static_cast<std::int64_t>(count));
-  }
-  void encodeMarker(std::uint8_t kind, std::uint64_t count) { encodeMarker(scalars_, kind, count); }
-
-  // ASCII as it is, anything else as UTF-16 big-endian.
-  void encodeString(const std::string& text) {
-    const bool ascii = std::all_of(text.begin(), text.end(),
-                                   [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-    if (ascii) {
-      encodeMarker(0x5, text.size());
-      scalars_.insert(scalars_.end(), text.begin(), text.end());
-      return;
-    }
-    const std::u16string units = utf16FromUTF8(text);
-    encodeMarker(0x6, units.size());
-    for (char16_t unit : units) appendBigEndian(scalars_, unit, 2);
-  }
-
-  std::vector<Object> objects_;
-  Data scalars_;
-  std::vector<Ref> references_;
-  // Views of strings inside the Value being written, which outlives the writer's use.
-  std::unordered_map<std::string_view, Ref> strings_;
-  std::unordered_map<std::uint64_t, Ref> uids_;
+  BinaryPlistWriter out_;
   std::string failure_;
 };
 

@@ -1,0 +1,174 @@
+#include "platform/foundation/binary_plist_writer.h"
+
+#include <algorithm>
+#include <bit>
+
+#include "platform/foundation/utf8.h"
+
+namespace pnx {
+
+namespace {
+
+constexpr std::string_view kBinaryMagic = "bplist00";
+
+int byteCount(std::uint64_t value) {
+  if (value <= 0xff) return 1;
+  if (value <= 0xffff) return 2;
+  if (value <= 0xffffffffULL) return 4;
+  return 8;
+}
+
+void appendBigEndian(Data& out, std::uint64_t value, int width) {
+  for (int shift = (width - 1) * 8; shift >= 0; shift -= 8) {
+    out.push_back(static_cast<std::uint8_t>(value >> shift));
+  }
+}
+
+void encodeInteger(Data& out, std::int64_t value) {
+  const int width = value < 0 ? 8 : byteCount(static_cast<std::uint64_t>(value));
+  const int power = width == 1 ? 0 : width == 2 ? 1 : width == 4 ? 2 : 3;
+  out.push_back(static_cast<std::uint8_t>(0x10 | power));
+  appendBigEndian(out, static_cast<std::uint64_t>(value), width);
+}
+
+// A kind nibble with its count; a count of 15 or more follows as an integer object.
+void encodeMarker(Data& out, std::uint8_t kind, std::uint64_t count) {
+  if (count < 15) {
+    out.push_back(static_cast<std::uint8_t>(kind << 4 | count));
+    return;
+  }
+  out.push_back(static_cast<std::uint8_t>(kind << 4 | 0x0f));
+  encodeInteger(out, static_cast<std::int64_t>(count));
+}
+
+void encodeDouble(Data& out, std::uint8_t marker, double value) {
+  out.push_back(marker);
+  appendBigEndian(out, std::bit_cast<std::uint64_t>(value), 8);
+}
+
+}  // namespace
+
+BinaryPlistWriter::Ref BinaryPlistWriter::addScalar(std::size_t at) {
+  objects_.push_back({0, at, scalars_.size() - at});
+  return objects_.size() - 1;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::boolean(bool value) {
+  const std::size_t at = scalars_.size();
+  scalars_.push_back(value ? 0x09 : 0x08);
+  return addScalar(at);
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::integer(std::int64_t value) {
+  const std::size_t at = scalars_.size();
+  encodeInteger(scalars_, value);
+  return addScalar(at);
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::real(double value) {
+  const std::size_t at = scalars_.size();
+  encodeDouble(scalars_, 0x23, value);
+  return addScalar(at);
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::date(double secondsSinceReferenceDate) {
+  const std::size_t at = scalars_.size();
+  encodeDouble(scalars_, 0x33, secondsSinceReferenceDate);
+  return addScalar(at);
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::data(const Data& bytes) {
+  const std::size_t at = scalars_.size();
+  encodeMarker(scalars_, 0x4, bytes.size());
+  scalars_.insert(scalars_.end(), bytes.begin(), bytes.end());
+  return addScalar(at);
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::string(std::string_view text) {
+  auto [found, added] = strings_.try_emplace(text, objects_.size());
+  if (!added) return found->second;
+  const std::size_t at = scalars_.size();
+  const bool ascii = std::all_of(text.begin(), text.end(),
+                                 [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (ascii) {
+    encodeMarker(scalars_, 0x5, text.size());
+    scalars_.insert(scalars_.end(), text.begin(), text.end());
+  } else {
+    const std::u16string units = utf16FromUTF8(text);
+    encodeMarker(scalars_, 0x6, units.size());
+    for (char16_t unit : units) appendBigEndian(scalars_, unit, 2);
+  }
+  return addScalar(at);
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::uid(std::uint64_t index) {
+  Ref* dense = nullptr;
+  if (index < kDenseUIDs) {
+    if (index >= denseUIDs_.size())
+      denseUIDs_.resize(std::max<std::size_t>(index + 1, 2 * denseUIDs_.size()));
+    dense = &denseUIDs_[index];
+    if (*dense != 0) return *dense - 1;
+  } else if (auto found = sparseUIDs_.find(index); found != sparseUIDs_.end()) {
+    return found->second;
+  }
+  const std::size_t at = scalars_.size();
+  const int width = byteCount(index);
+  scalars_.push_back(static_cast<std::uint8_t>(0x80 | (width - 1)));
+  appendBigEndian(scalars_, index, width);
+  const Ref ref = addScalar(at);
+  if (dense) {
+    *dense = ref + 1;
+  } else {
+    sparseUIDs_.emplace(index, ref);
+  }
+  return ref;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::array(std::span<const Ref> elements) {
+  objects_.push_back({0xa, references_.size(), elements.size()});
+  references_.insert(references_.end(), elements.begin(), elements.end());
+  return objects_.size() - 1;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::dictionary(std::span<const Ref> keys,
+                                                     std::span<const Ref> values) {
+  objects_.push_back({0xd, references_.size(), keys.size() + values.size()});
+  references_.insert(references_.end(), keys.begin(), keys.end());
+  references_.insert(references_.end(), values.begin(), values.end());
+  return objects_.size() - 1;
+}
+
+Data BinaryPlistWriter::finish(Ref top) const {
+  const int referenceSize = byteCount(objects_.size() - 1);
+  Data out(kBinaryMagic.begin(), kBinaryMagic.end());
+  // Markers take at most nine bytes; offsets at most eight.
+  out.reserve(kBinaryMagic.size() + scalars_.size() + references_.size() * referenceSize +
+              objects_.size() * (9 + 8) + 32);
+  std::vector<std::uint64_t> offsets;
+  offsets.reserve(objects_.size());
+  for (const Object& object : objects_) {
+    offsets.push_back(out.size());
+    if (object.containerKind == 0) {
+      out.insert(out.end(), scalars_.begin() + object.at,
+                 scalars_.begin() + object.at + object.length);
+      continue;
+    }
+    const std::size_t count = object.containerKind == 0xd ? object.length / 2 : object.length;
+    encodeMarker(out, object.containerKind, count);
+    for (std::size_t i = 0; i < object.length; ++i) {
+      appendBigEndian(out, references_[object.at + i], referenceSize);
+    }
+  }
+  const std::uint64_t tableAt = out.size();
+  const int offsetSize = byteCount(tableAt);
+  for (std::uint64_t offset : offsets) appendBigEndian(out, offset, offsetSize);
+  out.insert(out.end(), 6, 0);  // unused bytes and the sort version
+  out.push_back(static_cast<std::uint8_t>(offsetSize));
+  out.push_back(static_cast<std::uint8_t>(referenceSize));
+  appendBigEndian(out, objects_.size(), 8);
+  appendBigEndian(out, top, 8);
+  appendBigEndian(out, tableAt, 8);
+  return out;
+}
+
+}  // namespace pnx
