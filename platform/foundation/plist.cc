@@ -14,6 +14,7 @@
 
 #include "platform/foundation/binary_plist_writer.h"
 #include "platform/foundation/format.h"
+#include "platform/foundation/plist_document.h"
 #include "platform/foundation/utf8.h"
 
 namespace pnx {
@@ -56,8 +57,8 @@ void setWriteError(ErrorPtr* error, const std::string& what) {
 // Reads a binary property list in two passes. The first walks the object graph without
 // building anything: every offset and reference must lie inside the data, there may be no
 // cycles, containers nest at most kMaxNestingDepth deep, and copying shared objects out
-// must stay bounded. The second builds Values recursively (safe once the depth is known),
-// each object once.
+// must stay bounded. The second reads the objects into a PlistDocument, each object once
+// (PropertyList::parse turns the document into a Value).
 //
 // Objects read as the platform reads them. One-byte strings are in its 8-bit encoding,
 // which we take as Latin-1: a byte from 0x80 up becomes that code point, so the Value is
@@ -68,11 +69,12 @@ class BinaryReader {
  public:
   explicit BinaryReader(std::string_view bytes) : bytes_(bytes) {}
 
-  std::optional<Value> read() {
+  std::optional<PlistDocument> read() {
     if (!readTrailer()) return fail("damaged binary property list trailer");
     std::string problem = checkShape();
     if (!problem.empty()) return fail(std::move(problem));
-    return readObject(topObject_);
+    if (!build()) return std::nullopt;
+    return std::move(document_);
   }
 
   const std::string& failure() const { return failure_; }
@@ -156,7 +158,7 @@ class BinaryReader {
       stack.pop_back();
       if (!stack.empty()) absorbChild(infos[stack.back().slot], infos[slot]);
     }
-    values_.resize(infos.size());
+    reachedCount_ = infos.size();
     return {};
   }
 
@@ -279,19 +281,100 @@ class BinaryReader {
     return out;
   }
 
-  // ----- second pass: building Values
+  // ----- second pass: the document
+
+  // Objects are read recursively (safe once the depth is known), in the order they are
+  // referred to, each once; the top object is the root.
+  bool build() {
+    nodes_.resize(reachedCount_);
+    document_.reserve(reachedCount_);
+    auto root = readObject(topObject_);
+    if (!root) return false;
+    document_.setRoot(*root);
+    return true;
+  }
 
   // Objects the shape pass reached have a slot; the build follows the same references.
-  std::optional<Value> readObject(std::uint64_t object) {
+  std::optional<PlistDocument::Node> readObject(std::uint64_t object) {
     if (slotOf_[object] == 0) return fail("binary property list object out of bounds");
-    std::optional<Value>& built = values_[slotOf_[object] - 1];
+    std::optional<PlistDocument::Node>& built = nodes_[slotOf_[object] - 1];
     if (built) return built;
     Header header;
     if (!readHeader(object, header)) return fail("binary property list object out of bounds");
+    auto node = readNode(header);
+    // nodes_ never grows while building, so `built` stays valid across the recursion.
+    if (node) built = node;
+    return node;
+  }
+
+  std::optional<PlistDocument::Node> readNode(const Header& header) {
+    switch (header.kind) {
+      case 0x8:
+        if (header.info > 0x3) break;
+        return readUID(header);
+      case 0xa:
+      case 0xc:
+        return readArray(header);
+      case 0xd:
+        return readDictionary(header);
+      default:
+        break;
+    }
     auto value = readPayload(header);
-    // values_ never grows while building, so `built` stays valid across the recursion.
-    if (value) built = value;
-    return value;
+    if (!value) return std::nullopt;
+    return document_.addScalar(std::move(*value));
+  }
+
+  std::optional<PlistDocument::Node> readUID(const Header& header) {
+    const auto bytes = payload(header.payloadAt, header.info + 1);
+    if (!bytes) return fail("binary property list object out of bounds");
+    return document_.addUID(bigEndian(*bytes));
+  }
+
+  // The children are gathered on top of the pending ones of the containers being read.
+  // The shape pass has checked the references and bounded the count.
+  std::optional<PlistDocument::Node> readArray(const Header& header) {
+    const std::size_t base = pending_.size();
+    pending_.resize(base + header.count);
+    for (std::uint64_t i = 0; i < header.count; ++i) {
+      auto item = readChild(header, i);
+      if (!item) return std::nullopt;
+      pending_[base + i] = *item;
+    }
+    const auto node = document_.addArray(std::span(pending_).subspan(base));
+    pending_.resize(base);
+    return node;
+  }
+
+  // Keys first, then the values in the same order; every key is a string.
+  std::optional<PlistDocument::Node> readDictionary(const Header& header) {
+    const std::size_t base = pending_.size();
+    pending_.resize(base + 2 * header.count);
+    for (std::uint64_t i = 0; i < header.count; ++i) {
+      auto key = readChild(header, i);
+      if (!key) return std::nullopt;
+      const Value* text = document_.scalar(*key);
+      if (!text || !text->isString()) {
+        return fail("binary property list dictionary key is not a string");
+      }
+      auto value = readChild(header, header.count + i);
+      if (!value) return std::nullopt;
+      pending_[base + i] = *key;
+      pending_[base + header.count + i] = *value;
+    }
+    const std::span<const PlistDocument::Node> children = std::span(pending_).subspan(base);
+    const auto node =
+        document_.addDictionary(children.first(header.count), children.subspan(header.count));
+    pending_.resize(base);
+    return node;
+  }
+
+  std::optional<PlistDocument::Node> readChild(const Header& header, std::uint64_t index) {
+    std::uint64_t child;
+    if (!readReference(header.payloadAt + index * referenceSize_, child)) {
+      return fail("binary property list reference out of bounds");
+    }
+    return readObject(child);
   }
 
   std::optional<Value> readPayload(const Header& header) {
@@ -313,14 +396,6 @@ class BinaryReader {
         return readLatin1(header);
       case 0x6:
         return readUTF16(header);
-      case 0x8:
-        if (header.info <= 0x3) return readUID(header);
-        break;
-      case 0xa:
-      case 0xc:
-        return readArray(header);
-      case 0xd:
-        return readDictionary(header);
       default:
         break;
     }
@@ -370,6 +445,10 @@ class BinaryReader {
   std::optional<Value> readLatin1(const Header& header) {
     const auto bytes = payload(header.payloadAt, header.count);
     if (!bytes) return fail("binary property list object out of bounds");
+    if (std::all_of(bytes->begin(), bytes->end(),
+                    [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
+      return Value(*bytes);
+    }
     std::string text;
     text.reserve(bytes->size());
     for (char byte : *bytes) appendUTF8(text, static_cast<unsigned char>(byte));
@@ -399,51 +478,13 @@ class BinaryReader {
     return Value(std::move(text));
   }
 
-  // Shown as the platform shows a keyed archive's references.
-  std::optional<Value> readUID(const Header& header) {
-    const auto bytes = payload(header.payloadAt, header.info + 1);
-    if (!bytes) return fail("binary property list object out of bounds");
-    return Value::dict({{kUIDKey, Value(static_cast<std::int64_t>(bigEndian(*bytes)))}});
-  }
-
-  // The shape pass has checked the references and bounded the count.
-  std::optional<Value> readArray(const Header& header) {
-    Array items;
-    items.reserve(header.count);
-    for (std::uint64_t i = 0; i < header.count; ++i) {
-      auto item = readChild(header, i);
-      if (!item) return std::nullopt;
-      items.push_back(std::move(*item));
-    }
-    return Value(std::move(items));
-  }
-
-  // Keys first, then the values in the same order. A repeated key keeps its last value.
-  std::optional<Value> readDictionary(const Header& header) {
-    Dictionary dict;
-    for (std::uint64_t i = 0; i < header.count; ++i) {
-      auto key = readChild(header, i);
-      if (!key) return std::nullopt;
-      if (!key->isString()) return fail("binary property list dictionary key is not a string");
-      auto value = readChild(header, header.count + i);
-      if (!value) return std::nullopt;
-      dict.insert_or_assign(std::move(*key), std::move(*value));
-    }
-    return Value(std::move(dict));
-  }
-
-  std::optional<Value> readChild(const Header& header, std::uint64_t index) {
-    std::uint64_t child;
-    if (!readReference(header.payloadAt + index * referenceSize_, child)) {
-      return fail("binary property list reference out of bounds");
-    }
-    return readObject(child);
-  }
-
   std::string_view bytes_;
   std::uint64_t offsetSize_ = 0, referenceSize_ = 0, objectCount_ = 0, topObject_ = 0, tableAt_ = 0;
-  std::vector<std::uint32_t> slotOf_;         // per object: 0 if not reached, else slot + 1
-  std::vector<std::optional<Value>> values_;  // per reached object, its Value once read
+  std::vector<std::uint32_t> slotOf_;  // per object: 0 if not reached, else slot + 1
+  std::size_t reachedCount_ = 0;
+  std::vector<std::optional<PlistDocument::Node>> nodes_;  // per slot, its node once read
+  std::vector<PlistDocument::Node> pending_;
+  PlistDocument document_;
   std::string failure_;
 };
 
@@ -881,11 +922,11 @@ class NodeWriter {
   std::string failure_;
 };
 
-std::optional<Value> parseBinary(std::string_view text, ErrorPtr* error) {
+std::optional<PlistDocument> parseBinary(std::string_view text, ErrorPtr* error) {
   BinaryReader reader(text);
-  auto value = reader.read();
-  if (!value) setReadError(error, reader.failure());
-  return value;
+  auto document = reader.read();
+  if (!document) setReadError(error, reader.failure());
+  return document;
 }
 
 std::optional<Value> parseXML(std::string_view text, ErrorPtr* error) {
@@ -907,22 +948,48 @@ std::optional<Value> parseXML(std::string_view text, ErrorPtr* error) {
   return value;
 }
 
+// Empty when the data may be a property list, else why not.
+std::string sizeProblem(const Data& bytes) {
+  if (bytes.empty()) return "no property list data";
+  if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
+    return "property list data too large";
+  }
+  return {};
+}
+
+std::string_view textOf(const Data& bytes) {
+  return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
 }  // namespace
 
 std::optional<Value> PropertyList::parse(const Data& bytes, ErrorPtr* error, Format* format) {
-  const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-  if (bytes.empty()) {
-    setReadError(error, "no property list data");
+  if (std::string problem = sizeProblem(bytes); !problem.empty()) {
+    setReadError(error, problem);
     return std::nullopt;
   }
-  if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
-    setReadError(error, "property list data too large");
-    return std::nullopt;
-  }
+  const std::string_view text = textOf(bytes);
   const bool binary = text.starts_with(kBinaryMagic);
-  auto value = binary ? parseBinary(text, error) : parseXML(text, error);
+  std::optional<Value> value;
+  if (binary) {
+    if (auto document = parseBinary(text, error)) value = document->value(document->root());
+  } else {
+    value = parseXML(text, error);
+  }
   if (value && format) *format = binary ? Format::Binary : Format::XML;
   return value;
+}
+
+std::optional<PlistDocument> readPlistDocument(const Data& bytes, ErrorPtr* error) {
+  if (std::string problem = sizeProblem(bytes); !problem.empty()) {
+    setReadError(error, problem);
+    return std::nullopt;
+  }
+  const std::string_view text = textOf(bytes);
+  if (text.starts_with(kBinaryMagic)) return parseBinary(text, error);
+  auto value = parseXML(text, error);
+  if (!value) return std::nullopt;
+  return PlistDocument::fromValue(*value);
 }
 
 std::optional<Data> PropertyList::serialize(const Value& value, Format format, ErrorPtr* error) {
