@@ -11,7 +11,7 @@
 
 #include "platform/foundation/binary_plist_writer.h"
 #include "platform/foundation/format.h"
-#include "platform/foundation/plist.h"
+#include "platform/foundation/plist_document.h"
 #include "platform/foundation/utf8.h"
 
 namespace pnx {
@@ -280,22 +280,28 @@ class ArchiveWriter {
                   "*** -[NSKeyedUnarchiver decodeObject]: " + reason);
 }
 
+// Decodes the archive's objects straight from the property list's document: references,
+// instances and lists are read as nodes, and only the values decoded are built.
 class ArchiveReader {
  public:
-  explicit ArchiveReader(const Array& objects)
-      : objects_(objects),
+  using Node = PlistDocument::Node;
+  using Kind = PlistDocument::Kind;
+
+  ArchiveReader(const PlistDocument& document, std::span<const Node> objects)
+      : document_(document),
+        objects_(objects),
         states_(objects.size(), State::Pending),
         decoded_(objects.size()),
         sizes_(objects.size(), 0),
         heights_(objects.size(), 0) {
-    if (objects_.empty() || !(objects_[0] == Value(kNullMarker))) {
+    if (objects_.empty() || !isText(objects_[0], kNullMarker)) {
       fail("the object table does not start with $null");
     }
   }
 
   // The object a UID refers to, decoded. Limits apply to the tree as it comes out, with
   // shared objects repeated, so that whatever is read here can be archived again.
-  Value decodeReference(const Value& reference, int depth) {
+  Value decodeReference(Node reference, int depth) {
     std::size_t index = indexOf(reference);
     reachDepth(depth);
     if (index == 0) {
@@ -315,12 +321,29 @@ class ArchiveReader {
  private:
   enum class State { Pending, InProgress, Done };
 
-  std::size_t indexOf(const Value& reference) const {
-    const Value& number = reference[kUidKey];
-    if (!reference.isDictionary() || reference.size() != 1 || !number.isInteger()) {
-      fail("malformed object reference " + excerpt(reference.description()));
+  bool isText(Node node, std::string_view text) const {
+    const Value* value = document_.scalar(node);
+    return value && value->isString() && *value->asString() == text;
+  }
+
+  // The value under key of a dictionary node, when it is a scalar.
+  const Value* scalarAt(Node instance, std::string_view key) const {
+    auto node = document_.find(instance, key);
+    return node ? document_.scalar(*node) : nullptr;
+  }
+
+  // A reference is a UID, or a dictionary whose only key "CF$UID" holds an integer.
+  std::size_t indexOf(Node reference) const {
+    std::int64_t index = 0;
+    if (document_.kind(reference) == Kind::UID) {
+      index = static_cast<std::int64_t>(document_.uid(reference));
+    } else {
+      const Value* number = scalarAt(reference, kUidKey);
+      if (!number || !number->isInteger() || document_.distinctKeyCount(reference) != 1) {
+        fail("malformed object reference " + excerpt(document_.value(reference).description()));
+      }
+      index = number->integerValue();
     }
-    std::int64_t index = number.integerValue();
     if (index < 0 || static_cast<std::uint64_t>(index) >= objects_.size()) {
       fail("reference " + std::to_string(index) + " points outside the object table");
     }
@@ -360,20 +383,28 @@ class ArchiveReader {
     }
   }
 
-  Value decodeRaw(const Value& raw, int depth) {
-    switch (raw.type()) {
+  Value decodeRaw(Node raw, int depth) {
+    switch (document_.kind(raw)) {
+      case Kind::UID:
+      case Kind::Dictionary:
+        return decodeInstance(raw, depth);
+      case Kind::Array:
+        fail("an entry of type NSArray is not an object");
+      case Kind::Scalar:
+        break;
+    }
+    const Value& value = *document_.scalar(raw);
+    switch (value.type()) {
       case Value::Type::Boolean:
       case Value::Type::Integer:
       case Value::Type::Real:
       case Value::Type::Data:
       case Value::Type::Date:
-        return raw;
+        return value;
       case Value::Type::String:
-        return checkedString(raw);
-      case Value::Type::Dictionary:
-        return decodeInstance(raw, depth);
+        return checkedString(value);
       default:
-        fail("an entry of type " + raw.className() + " is not an object");
+        fail("an entry of type " + value.className() + " is not an object");
     }
   }
 
@@ -385,16 +416,17 @@ class ArchiveReader {
     return text;
   }
 
-  std::string classNameOf(const Value& instance) const {
-    if (!instance.contains(Value("$class"))) fail("an object has no $class");
-    std::size_t index = indexOf(instance["$class"]);
-    const Value& name = objects_[index]["$classname"];
-    if (!name.isString()) fail("a $class entry has no $classname");
-    return *name.asString();
+  const std::string& classNameOf(Node instance) const {
+    auto classReference = document_.find(instance, "$class");
+    if (!classReference) fail("an object has no $class");
+    std::size_t index = indexOf(*classReference);
+    const Value* name = scalarAt(objects_[index], "$classname");
+    if (!name || !name->isString()) fail("a $class entry has no $classname");
+    return *name->asString();
   }
 
-  Value decodeInstance(const Value& instance, int depth) {
-    std::string className = classNameOf(instance);
+  Value decodeInstance(Node instance, int depth) {
+    const std::string& className = classNameOf(instance);
     if (className == "NSArray" || className == "NSMutableArray") {
       return Value(decodeList(instance, "NS.objects", depth));
     }
@@ -406,36 +438,37 @@ class ArchiveReader {
       return decodeDictionary(instance, depth);
     }
     if (className == "NSDate") {
-      const Value& time = instance["NS.time"];
-      if (!time.isNumber()) fail("NSDate without NS.time");
-      return Value(Date::fromReferenceDate(time.doubleValue()));
+      const Value* time = scalarAt(instance, "NS.time");
+      if (!time || !time->isNumber()) fail("NSDate without NS.time");
+      return Value(Date::fromReferenceDate(time->doubleValue()));
     }
     if (className == "NSData" || className == "NSMutableData") {
-      const Value& bytes = instance["NS.data"];
-      if (!bytes.isData()) fail(className + " without NS.data");
-      return bytes;
+      const Value* bytes = scalarAt(instance, "NS.data");
+      if (!bytes || !bytes->isData()) fail(className + " without NS.data");
+      return *bytes;
     }
     if (className == "NSString" || className == "NSMutableString") {
-      const Value& text = instance["NS.string"];
-      if (!text.isString()) fail(className + " without NS.string");
-      return checkedString(text);
+      const Value* text = scalarAt(instance, "NS.string");
+      if (!text || !text->isString()) fail(className + " without NS.string");
+      return checkedString(*text);
     }
     if (className == "NSNull") return Value();
     fail("cannot decode object of class (" + excerpt(className) + ")");
   }
 
-  Array decodeList(const Value& instance, const char* key, int depth) {
-    const Value& references = instance[key];
-    if (!references.isArray()) fail(std::string("an object has no ") + key + " array");
-    Array elements;
-    elements.reserve(references.size());
-    for (const Value& reference : *references.asArray()) {
-      elements.push_back(decodeReference(reference, depth + 1));
+  Array decodeList(Node instance, const char* key, int depth) {
+    auto references = document_.find(instance, key);
+    if (!references || document_.kind(*references) != Kind::Array) {
+      fail(std::string("an object has no ") + key + " array");
     }
-    return elements;
+    const std::span<const Node> elements = document_.elements(*references);
+    Array decoded;
+    decoded.reserve(elements.size());
+    for (Node reference : elements) decoded.push_back(decodeReference(reference, depth + 1));
+    return decoded;
   }
 
-  Value decodeDictionary(const Value& instance, int depth) {
+  Value decodeDictionary(Node instance, int depth) {
     Array keys = decodeList(instance, "NS.keys", depth);
     Array values = decodeList(instance, "NS.objects", depth);
     if (keys.size() != values.size()) fail("a dictionary has more keys than objects or fewer");
@@ -444,7 +477,8 @@ class ArchiveReader {
     return Value(std::move(dictionary));
   }
 
-  const Array& objects_;
+  const PlistDocument& document_;
+  std::span<const Node> objects_;
   std::vector<State> states_;
   std::vector<Value> decoded_;
   std::vector<std::size_t> sizes_;
@@ -467,25 +501,39 @@ std::optional<Data> KeyedArchiver::archivedDataWithRootObject(const Value& root,
 }
 
 Value KeyedUnarchiver::unarchiveObjectWithData(const Data& data) {
+  using Kind = PlistDocument::Kind;
   ErrorPtr parseError;
-  auto archive = PropertyList::parse(data, &parseError);
-  if (!archive) {
+  auto document = readPlistDocument(data, &parseError);
+  if (!document) {
     fail("incomprehensible archive: " +
          (parseError ? parseError->localizedDescription() : std::string("not a property list")));
   }
-  if (!archive->isDictionary()) fail("incomprehensible archive: not a dictionary");
-  const Value& archiver = (*archive)["$archiver"];
-  if (!(archiver == Value(kArchiverName))) {
-    fail("incomprehensible archive: archiver " + excerpt(archiver.description()) + " is not " +
+  // A UID reads as the dictionary {"CF$UID": n}, and fails below as one.
+  const PlistDocument::Node archive = document->root();
+  if (document->kind(archive) != Kind::Dictionary && document->kind(archive) != Kind::UID) {
+    fail("incomprehensible archive: not a dictionary");
+  }
+  auto archiver = document->find(archive, "$archiver");
+  const Value* archiverName = archiver ? document->scalar(*archiver) : nullptr;
+  if (!archiverName || !(*archiverName == Value(kArchiverName))) {
+    fail("incomprehensible archive: archiver " +
+         excerpt((archiver ? document->value(*archiver) : Value()).description()) + " is not " +
          kArchiverName);
   }
-  if (!(*archive)["$version"].isNumber()) fail("incomprehensible archive: no $version");
-  const Value& objects = (*archive)["$objects"];
-  if (!objects.isArray()) fail("incomprehensible archive: no $objects array");
-  const Value& top = (*archive)["$top"];
-  if (!top.contains(Value("root"))) fail("incomprehensible archive: no root in $top");
-  ArchiveReader reader(*objects.asArray());
-  return reader.decodeReference(top["root"], 0);
+  auto version = document->find(archive, "$version");
+  const Value* versionNumber = version ? document->scalar(*version) : nullptr;
+  if (!versionNumber || !versionNumber->isNumber()) {
+    fail("incomprehensible archive: no $version");
+  }
+  auto objects = document->find(archive, "$objects");
+  if (!objects || document->kind(*objects) != Kind::Array) {
+    fail("incomprehensible archive: no $objects array");
+  }
+  auto top = document->find(archive, "$top");
+  auto root = top ? document->find(*top, "root") : std::nullopt;
+  if (!root) fail("incomprehensible archive: no root in $top");
+  ArchiveReader reader(*document, document->elements(*objects));
+  return reader.decodeReference(*root, 0);
 }
 
 }  // namespace pnx
