@@ -18,6 +18,13 @@ int byteCount(std::uint64_t value) {
   return 8;
 }
 
+std::uint8_t* putBigEndian(std::uint8_t* at, std::uint64_t value, int width) {
+  for (int shift = (width - 1) * 8; shift >= 0; shift -= 8) {
+    *at++ = static_cast<std::uint8_t>(value >> shift);
+  }
+  return at;
+}
+
 void appendBigEndian(Data& out, std::uint64_t value, int width) {
   for (int shift = (width - 1) * 8; shift >= 0; shift -= 8) {
     out.push_back(static_cast<std::uint8_t>(value >> shift));
@@ -53,6 +60,13 @@ BinaryPlistWriter::Ref BinaryPlistWriter::addScalar(std::size_t at) {
   return objects_.size() - 1;
 }
 
+void BinaryPlistWriter::reserve(std::size_t objects, std::size_t references,
+                                std::size_t scalarBytes) {
+  objects_.reserve(objects);
+  references_.reserve(references);
+  scalars_.reserve(scalarBytes);
+}
+
 BinaryPlistWriter::Ref BinaryPlistWriter::boolean(bool value) {
   const std::size_t at = scalars_.size();
   scalars_.push_back(value ? 0x09 : 0x08);
@@ -85,8 +99,12 @@ BinaryPlistWriter::Ref BinaryPlistWriter::data(const Data& bytes) {
 }
 
 BinaryPlistWriter::Ref BinaryPlistWriter::string(std::string_view text) {
-  auto [found, added] = strings_.try_emplace(text, objects_.size());
-  if (!added) return found->second;
+  auto [ref, added] = strings_.tryEmplace(text, objects_.size());
+  if (!added) return ref;
+  return distinctString(text);
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::distinctString(std::string_view text) {
   const std::size_t at = scalars_.size();
   const bool ascii = std::all_of(text.begin(), text.end(),
                                  [](char c) { return static_cast<unsigned char>(c) < 0x80; });
@@ -140,34 +158,57 @@ BinaryPlistWriter::Ref BinaryPlistWriter::dictionary(std::span<const Ref> keys,
 
 Data BinaryPlistWriter::finish(Ref top) const {
   const int referenceSize = byteCount(objects_.size() - 1);
-  Data out(kBinaryMagic.begin(), kBinaryMagic.end());
-  // Markers take at most nine bytes; offsets at most eight.
-  out.reserve(kBinaryMagic.size() + scalars_.size() + references_.size() * referenceSize +
-              objects_.size() * (9 + 8) + 32);
-  std::vector<std::uint64_t> offsets;
-  offsets.reserve(objects_.size());
+  // Sizes first, so that the list is written in place: objects, offset table, trailer.
+  auto markerSize = [](std::uint64_t count) { return count < 15 ? 1 : 2 + byteCount(count); };
+  std::uint64_t tableAt = kBinaryMagic.size() + scalars_.size();
   for (const Object& object : objects_) {
-    offsets.push_back(out.size());
+    if (object.containerKind == 0) continue;
+    const std::size_t count = object.containerKind == 0xd ? object.length / 2 : object.length;
+    tableAt += markerSize(count) + object.length * referenceSize;
+  }
+  const int offsetSize = byteCount(tableAt);
+  constexpr std::size_t kTrailerSize = 32;
+  Data out(tableAt + objects_.size() * offsetSize + kTrailerSize);
+  std::uint8_t* at = std::copy(kBinaryMagic.begin(), kBinaryMagic.end(), out.data());
+  std::uint8_t* offsets = out.data() + tableAt;
+  // Scalars lie in scalars_ in the order of their objects: each run of them between two
+  // containers is copied at once.
+  const std::uint8_t* scalarsAt = scalars_.data();
+  std::size_t run = 0;
+  for (const Object& object : objects_) {
+    offsets = putBigEndian(offsets, at + run - out.data(), offsetSize);
     if (object.containerKind == 0) {
-      out.insert(out.end(), scalars_.begin() + object.at,
-                 scalars_.begin() + object.at + object.length);
+      run += object.length;
       continue;
     }
+    at = std::copy_n(scalarsAt, run, at);
+    scalarsAt += run;
+    run = 0;
     const std::size_t count = object.containerKind == 0xd ? object.length / 2 : object.length;
-    encodeMarker(out, object.containerKind, count);
+    if (count < 15) {
+      *at++ = static_cast<std::uint8_t>(object.containerKind << 4 | count);
+    } else {
+      const int width = byteCount(count);
+      *at++ = static_cast<std::uint8_t>(object.containerKind << 4 | 0x0f);
+      *at++ = static_cast<std::uint8_t>(0x10 | (width == 1   ? 0
+                                                : width == 2 ? 1
+                                                : width == 4 ? 2
+                                                             : 3));
+      at = putBigEndian(at, count, width);
+    }
+    const Ref* references = references_.data() + object.at;
     for (std::size_t i = 0; i < object.length; ++i) {
-      appendBigEndian(out, references_[object.at + i], referenceSize);
+      at = putBigEndian(at, references[i], referenceSize);
     }
   }
-  const std::uint64_t tableAt = out.size();
-  const int offsetSize = byteCount(tableAt);
-  for (std::uint64_t offset : offsets) appendBigEndian(out, offset, offsetSize);
-  out.insert(out.end(), 6, 0);  // unused bytes and the sort version
-  out.push_back(static_cast<std::uint8_t>(offsetSize));
-  out.push_back(static_cast<std::uint8_t>(referenceSize));
-  appendBigEndian(out, objects_.size(), 8);
-  appendBigEndian(out, top, 8);
-  appendBigEndian(out, tableAt, 8);
+  std::copy_n(scalarsAt, run, at);
+  // The trailer: unused bytes and the sort version, the sizes, the counts and places.
+  at = std::fill_n(offsets, 6, 0);
+  *at++ = static_cast<std::uint8_t>(offsetSize);
+  *at++ = static_cast<std::uint8_t>(referenceSize);
+  at = putBigEndian(at, objects_.size(), 8);
+  at = putBigEndian(at, top, 8);
+  putBigEndian(at, tableAt, 8);
   return out;
 }
 

@@ -18,6 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/foundation/string_table.h"
 #include "platform/foundation/value.h"
 
 namespace pnx {
@@ -35,11 +36,17 @@ class BinaryPlistWriter {
   // ASCII as it is, anything else as UTF-16. The caller has checked that the text is UTF-8
   // without NUL characters, and keeps it alive until finish (the writer keeps a view).
   Ref string(std::string_view text);
+  // A string that the caller knows to differ from every other string of the list: written
+  // without looking for an equal one.
+  Ref distinctString(std::string_view text);
   Ref uid(std::uint64_t index);
   Ref array(std::span<const Ref> elements);
   Ref dictionary(std::span<const Ref> keys, std::span<const Ref> values);
 
   std::size_t objectCount() const { return objects_.size(); }
+  // Room for a list of about this many objects, references (of containers) and bytes of
+  // scalars, so that writing it does not keep growing the tables.
+  void reserve(std::size_t objects, std::size_t references, std::size_t scalarBytes);
   // The whole list with top as its top object.
   Data finish(Ref top) const;
 
@@ -57,7 +64,7 @@ class BinaryPlistWriter {
   std::vector<Object> objects_;
   Data scalars_;
   std::vector<Ref> references_;
-  std::unordered_map<std::string_view, Ref> strings_;
+  StringTable<Ref> strings_;
   // UIDs below kDenseUIDs are found by index (keyed archives number their objects densely),
   // larger ones through the map.
   static constexpr std::uint64_t kDenseUIDs = 1 << 20;

@@ -2,16 +2,16 @@
 
 #include <algorithm>
 #include <array>
-#include <map>
+#include <cassert>
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "platform/foundation/binary_plist_writer.h"
 #include "platform/foundation/format.h"
 #include "platform/foundation/plist_document.h"
+#include "platform/foundation/string_table.h"
 #include "platform/foundation/utf8.h"
 
 namespace pnx {
@@ -34,6 +34,17 @@ enum class ArchivedClass : std::uint8_t { Null, Date, Data, Array, Set, Dictiona
 constexpr std::size_t kArchivedClassCount = 6;
 constexpr std::string_view kClassNames[kArchivedClassCount] = {"NSNull",  "NSDate", "NSData",
                                                                "NSArray", "NSSet",  "NSDictionary"};
+
+// The strings of the archive's own layout: its keys, class names and markers.
+constexpr std::string_view kLayoutStrings[] = {
+    "$null",   "$archiver", "NSKeyedArchiver", "$objects", "$top",    "root",       "$version",
+    "$class",  "$classes",  "$classname",      "NSObject", "NS.keys", "NS.objects", "NS.time",
+    "NS.data", "NSNull",    "NSDate",          "NSData",   "NSArray", "NSSet",      "NSDictionary"};
+
+bool isLayoutString(std::string_view text) {
+  return std::find(std::begin(kLayoutStrings), std::end(kLayoutStrings), text) !=
+         std::end(kLayoutStrings);
+}
 
 // Lays values out in the archive's object table ($objects), then writes the table as a
 // binary property list. The table is kept lean: strings are views into the value being
@@ -85,18 +96,23 @@ class ArchiveWriter {
   // numbers a Value of the same shape.
   Data finish(std::uint64_t root) {
     using Ref = BinaryPlistWriter::Ref;
-    const Ref archiverKey = out_.string("$archiver");
-    const Ref archiver = out_.string(kArchiverName);
-    const Ref objectsKey = out_.string("$objects");
+    // Each object of the table takes at most four objects of the list (an instance, its
+    // two lists and its UID), each reference one more.
+    constexpr std::size_t kFixed = 64;
+    out_.reserve(4 * entries_.size() + kFixed, 6 * entries_.size() + references_.size() + kFixed,
+                 stringBytes_ + 16 * entries_.size() + kFixed);
+    const Ref archiverKey = layoutString("$archiver");
+    const Ref archiver = layoutString(kArchiverName);
+    const Ref objectsKey = layoutString("$objects");
     std::vector<Ref> objects;
     objects.reserve(entries_.size());
     for (const Entry& entry : entries_) objects.push_back(write(entry));
     const Ref objectTable = out_.array(objects);
-    const Ref topKey = out_.string("$top");
-    const Ref rootKey = out_.string("root");
+    const Ref topKey = layoutString("$top");
+    const Ref rootKey = layoutString("root");
     const Ref rootUID = out_.uid(root);
     const Ref top = out_.dictionary(std::span(&rootKey, 1), std::span(&rootUID, 1));
-    const Ref versionKey = out_.string("$version");
+    const Ref versionKey = layoutString("$version");
     const Ref version = out_.integer(kArchiveVersion);
     const Ref keys[] = {archiverKey, objectsKey, topKey, versionKey};
     const Ref values[] = {archiver, objectTable, top, version};
@@ -128,13 +144,23 @@ class ArchiveWriter {
 
   // Equal strings are stored once, as the platform's archiver does. A property list holds
   // no NUL character (readers end strings there) and no text that is not UTF-8.
+  // Strings shared by many values (a key of every record) are recognised by their address
+  // before they are hashed.
   std::optional<std::uint64_t> appendString(const std::string& text, ErrorPtr* error) {
-    if (auto found = strings_.find(text); found != strings_.end()) return found->second;
-    if (text.find('\0') != std::string::npos)
-      return fail("a string contains a NUL character", error);
-    if (!isValidUTF8(text)) return fail("a string is not UTF-8", error);
-    std::uint64_t index = append({Entry::Shape::String, {}, nullptr, text});
-    strings_.emplace(text, index);
+    SeenString& seen =
+        seenStrings_[(reinterpret_cast<std::uintptr_t>(&text) / alignof(std::string)) %
+                     seenStrings_.size()];
+    if (seen.text == &text) return seen.index;
+    auto [index, added] = strings_.tryEmplace(text, entries_.size());
+    if (added) {
+      if (text.find('\0') != std::string::npos) {
+        return fail("a string contains a NUL character", error);
+      }
+      if (!isValidUTF8(text)) return fail("a string is not UTF-8", error);
+      stringBytes_ += text.size();
+      append({Entry::Shape::String, {}, nullptr, text});
+    }
+    seen = {&text, index};
     return index;
   }
 
@@ -209,17 +235,20 @@ class ArchiveWriter {
         if (entry.value->isInteger()) return out_.integer(entry.value->integerValue());
         return out_.real(entry.value->doubleValue());
       case Entry::Shape::String:
-        return out_.string(entry.text);
+        // The table holds each string once, so only a string spelled like one of the
+        // layout's can equal another string of the list.
+        return isLayoutString(entry.text) ? layoutString(entry.text)
+                                          : out_.distinctString(entry.text);
       case Entry::Shape::ClassEntry:
         return writeClassEntry(kClassNames[static_cast<std::size_t>(entry.archivedClass)]);
       case Entry::Shape::Instance:
         break;
     }
-    std::array<Ref, 3> keys{out_.string("$class")};
+    std::array<Ref, 3> keys{layoutString("$class")};
     std::array<Ref, 3> values{out_.uid(entry.classIndex)};
     std::size_t fields = 1;
     auto field = [&](std::string_view key, auto writeValue) {
-      keys[fields] = out_.string(key);
+      keys[fields] = layoutString(key);
       values[fields] = writeValue();
       ++fields;
     };
@@ -245,6 +274,12 @@ class ArchiveWriter {
     return out_.dictionary(std::span(keys).first(fields), std::span(values).first(fields));
   }
 
+  // A string of the layout, written once, or shared with an equal string of the table.
+  BinaryPlistWriter::Ref layoutString(std::string_view text) {
+    assert(isLayoutString(text));
+    return out_.string(text);
+  }
+
   // An array of the UIDs of count objects listed from first in references_.
   BinaryPlistWriter::Ref writeUIDs(std::size_t first, std::size_t count) {
     uids_.clear();
@@ -255,11 +290,11 @@ class ArchiveWriter {
   // {"$classes": [name, "NSObject"], "$classname": name}
   BinaryPlistWriter::Ref writeClassEntry(std::string_view name) {
     using Ref = BinaryPlistWriter::Ref;
-    const Ref classesKey = out_.string("$classes");
-    const Ref names[] = {out_.string(name), out_.string("NSObject")};
+    const Ref classesKey = layoutString("$classes");
+    const Ref names[] = {layoutString(name), layoutString("NSObject")};
     const Ref classes = out_.array(names);
-    const Ref classNameKey = out_.string("$classname");
-    const Ref className = out_.string(name);
+    const Ref classNameKey = layoutString("$classname");
+    const Ref className = layoutString(name);
     const Ref keys[] = {classesKey, classNameKey};
     const Ref values[] = {classes, className};
     return out_.dictionary(keys, values);
@@ -268,7 +303,13 @@ class ArchiveWriter {
   std::vector<Entry> entries_{Entry{Entry::Shape::String, {}, nullptr, kNullMarker}};
   std::vector<std::uint64_t> references_;
   // Views of strings inside the value being archived, which outlives the writer.
-  std::unordered_map<std::string_view, std::uint64_t> strings_;
+  StringTable<std::uint64_t> strings_;
+  struct SeenString {
+    const std::string* text = nullptr;
+    std::uint64_t index = 0;
+  };
+  std::array<SeenString, 64> seenStrings_{};
+  std::size_t stringBytes_ = 0;
   std::uint64_t classIndexes_[kArchivedClassCount] = {};  // 0 until written
   std::size_t encoded_ = 0;
   BinaryPlistWriter out_;
@@ -457,23 +498,42 @@ class ArchiveReader {
   }
 
   Array decodeList(Node instance, const char* key, int depth) {
+    const std::size_t base = pending_.size();
+    decodeListOnto(instance, key, depth);
+    Array decoded(std::make_move_iterator(pending_.begin() + base),
+                  std::make_move_iterator(pending_.end()));
+    pending_.resize(base);
+    return decoded;
+  }
+
+  // Decodes the list under key onto pending_, after what lies there already.
+  void decodeListOnto(Node instance, const char* key, int depth) {
     auto references = document_.find(instance, key);
     if (!references || document_.kind(*references) != Kind::Array) {
       fail(std::string("an object has no ") + key + " array");
     }
     const std::span<const Node> elements = document_.elements(*references);
-    Array decoded;
-    decoded.reserve(elements.size());
-    for (Node reference : elements) decoded.push_back(decodeReference(reference, depth + 1));
-    return decoded;
+    pending_.reserve(pending_.size() + elements.size());
+    for (Node reference : elements) pending_.push_back(decodeReference(reference, depth + 1));
   }
 
+  // The keys and objects are decoded onto pending_ (keys first) and moved into place; the
+  // archiver writes keys in order, so each entry goes in at the end.
   Value decodeDictionary(Node instance, int depth) {
-    Array keys = decodeList(instance, "NS.keys", depth);
-    Array values = decodeList(instance, "NS.objects", depth);
-    if (keys.size() != values.size()) fail("a dictionary has more keys than objects or fewer");
+    const std::size_t base = pending_.size();
+    decodeListOnto(instance, "NS.keys", depth);
+    const std::size_t count = pending_.size() - base;
+    decodeListOnto(instance, "NS.objects", depth);
+    if (pending_.size() - base != 2 * count) {
+      fail("a dictionary has more keys than objects or fewer");
+    }
     Dictionary dictionary;
-    for (std::size_t i = 0; i < keys.size(); ++i) dictionary[keys[i]] = values[i];
+    for (std::size_t i = base; i < base + count; ++i) {
+      // A repeated key keeps its first spelling and its last object.
+      dictionary.insert_or_assign(dictionary.end(), std::move(pending_[i]),
+                                  std::move(pending_[i + count]));
+    }
+    pending_.resize(base);
     return Value(std::move(dictionary));
   }
 
@@ -483,6 +543,8 @@ class ArchiveReader {
   std::vector<Value> decoded_;
   std::vector<std::size_t> sizes_;
   std::vector<int> heights_;
+  // Values decoded for the containers being decoded, innermost last.
+  std::vector<Value> pending_;
   std::size_t expanded_ = 0;
   int deepest_ = 0;
 };

@@ -125,6 +125,35 @@ TEST(KeyedArchiveBytes, LongQueuesKeepTheirBytes) {
   }
 }
 
+// Strings spelled like the archive's own keys, class names and markers, stored before the
+// layout uses them, share one object with them.
+TEST(KeyedArchiveBytes, StringsSpelledLikeTheLayoutKeepTheirBytes) {
+  Array spelled;
+  for (const char* text : {"NSDictionary", "$version", "$classname", "NS.keys", "$archiver",
+                           "NSKeyedArchiver", "$objects", "$classes", "$class", "NS.time",
+                           "NS.data", "NSNull", "NSDate", "NSData", "NSSet", "$null"}) {
+    spelled.push_back(Value(text));
+  }
+  spelled.push_back(
+      Value::dict({{"$class", "NSArray"}, {"NS.objects", Value::array({"root", "$top"})}}));
+  spelled.push_back(Value(Date::fromReferenceDate(1)));
+  EXPECT_EQ(hexOf(archived(Value(spelled))),
+            "62706c6973743030592461726368697665725f100f4e534b65796564417263686976657258246f62"
+            "6a6563747355246e756c6c5624636c61737380185a4e532e6f626a65637473800280038004800580"
+            "06800780088009800a800b800c800d800e800f801080118012801baf10120708090a0b0c0d0e0f10"
+            "1112131415161718d2040605195c4e5344696374696f6e617279582476657273696f6e5a24636c61"
+            "73736e616d65574e532e6b6579735824636c6173736573574e532e74696d65574e532e6461746156"
+            "4e534e756c6c564e5344617465564e5344617461554e5353657480198013a20f2780148015a2292a"
+            "d3041e0626282b574e53417272617980168017a22e2fd20406053054726f6f745424746f70584e53"
+            "4f626a656374a22d34d21f1d352da21b34d21f1d371ba22334d21f1d3923801a233ff00000000000"
+            "00d204203b3caf101c031a1b1c1d1e0001021f04202122232425032c062d31323336383a3d8001d1"
+            "323f12000186a0d40002331c013e4041000800120024002d0033003a003c00470049004b004d004f"
+            "00510053005500570059005b005d005f00610063006500670069006b008000850092009b00a600ae"
+            "00b700bf00c700ce00d500dc00e200e400e600e900eb00ed00f000f700ff010101030106010b0110"
+            "0115011e012101260129012e0131013601380141014601650167016a016f00000000000002010000"
+            "00000000004300000000000000420000000000000178");
+}
+
 // The property-list writer the archiver shares: references, shared strings and every kind
 // a property list holds.
 TEST(KeyedArchiveBytes, BinaryPropertyListsKeepTheirExactBytes) {
