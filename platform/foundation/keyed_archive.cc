@@ -333,6 +333,7 @@ class ArchiveReader {
         objects_(objects),
         states_(objects.size(), State::Pending),
         decoded_(objects.size()),
+        classNames_(objects.size(), nullptr),
         sizes_(objects.size(), 0),
         heights_(objects.size(), 0) {
     if (objects_.empty() || !isText(objects_[0], kNullMarker)) {
@@ -457,12 +458,15 @@ class ArchiveReader {
     return text;
   }
 
-  const std::string& classNameOf(Node instance) const {
+  // The name is looked up once per class entry, which every instance of the class shares.
+  const std::string& classNameOf(Node instance) {
     auto classReference = document_.find(instance, "$class");
     if (!classReference) fail("an object has no $class");
     std::size_t index = indexOf(*classReference);
+    if (classNames_[index]) return *classNames_[index];
     const Value* name = scalarAt(objects_[index], "$classname");
     if (!name || !name->isString()) fail("a $class entry has no $classname");
+    classNames_[index] = name->asString();
     return *name->asString();
   }
 
@@ -541,6 +545,7 @@ class ArchiveReader {
   std::span<const Node> objects_;
   std::vector<State> states_;
   std::vector<Value> decoded_;
+  std::vector<const std::string*> classNames_;  // per class entry, once looked up
   std::vector<std::size_t> sizes_;
   std::vector<int> heights_;
   // Values decoded for the containers being decoded, innermost last.

@@ -89,14 +89,16 @@ class BinaryReader {
   };
 
   enum class State : std::uint8_t { Unvisited, Visiting, Done };
-  // What the shape pass learns about an object.
+  // What the shape pass learns about an object, small as there is one per object reached.
+  // Lists are below 4 GiB and counts are capped at kMaxExpandedBytes, so 32 bits hold the
+  // places, the counts and the expansion (kept at most one object's above the cap).
   struct Info {
     State state = State::Unvisited;
     bool isContainer = false;
-    std::uint64_t childrenAt = 0;
-    std::uint64_t childCount = 0;
-    std::uint64_t depth = 0;
-    std::uint64_t expandedBytes = 0;
+    std::uint16_t depth = 0;  // at most kMaxNestingDepth + 1
+    std::uint32_t childrenAt = 0;
+    std::uint32_t childCount = 0;
+    std::uint32_t expandedBytes = 0;
   };
 
   std::nullopt_t fail(std::string what) {
@@ -111,6 +113,7 @@ class BinaryReader {
   std::string checkShape() {
     slotOf_.assign(objectCount_, 0);
     std::vector<Info> infos;
+    infos.reserve(std::min<std::uint64_t>(objectCount_, 1 << 16));
     auto slotFor = [&](std::uint64_t object) -> std::size_t {
       std::uint32_t& slot = slotOf_[object];
       if (slot == 0) {
@@ -165,8 +168,8 @@ class BinaryReader {
   // Folds a finished child into its parent.
   static void absorbChild(Info& parent, const Info& child) {
     parent.depth = std::max(parent.depth, child.depth);
-    parent.expandedBytes =
-        std::min(parent.expandedBytes + child.expandedBytes, kMaxExpandedBytes + 1);
+    parent.expandedBytes = static_cast<std::uint32_t>(std::min<std::uint64_t>(
+        std::uint64_t{parent.expandedBytes} + child.expandedBytes, kMaxExpandedBytes + 1));
   }
 
   // Whether an object is a container, where its references are, and how many bytes it
@@ -176,31 +179,34 @@ class BinaryReader {
     if (!readHeader(object, header)) return false;
     const std::uint64_t count = std::min(header.count, kMaxExpandedBytes);
     constexpr std::uint64_t kNodeOverhead = 64;
-    info.expandedBytes = kNodeOverhead;
+    // header.payloadAt lies within the objects; the products below stay under 2^32.
+    const std::uint64_t room = tableAt_ - header.payloadAt;
+    std::uint64_t expandedBytes = kNodeOverhead;
     switch (header.kind) {
       case 0x4:
-        info.expandedBytes += count;
+        expandedBytes += count;
         break;
       case 0x5:
       case 0x6: {
         const std::uint64_t unit = header.kind == 0x6 ? 2 : 1;
-        if (count > (tableAt_ - header.payloadAt) / unit) return false;
-        info.expandedBytes += unit * count;
+        if (unit * count > room) return false;
+        expandedBytes += unit * count;
         break;
       }
       case 0xa:
       case 0xc:
       case 0xd: {
         const std::uint64_t references = header.kind == 0xd ? 2 : 1;
-        if (count > (tableAt_ - header.payloadAt) / referenceSize_ / references) return false;
+        if (count * references * referenceSize_ > room) return false;
         info.isContainer = true;
-        info.childrenAt = header.payloadAt;
-        info.childCount = count * references;
+        info.childrenAt = static_cast<std::uint32_t>(header.payloadAt);
+        info.childCount = static_cast<std::uint32_t>(count * references);
         break;
       }
       default:
         break;
     }
+    info.expandedBytes = static_cast<std::uint32_t>(expandedBytes);
     return true;
   }
 
