@@ -329,13 +329,7 @@ class ArchiveReader {
   using Kind = PlistDocument::Kind;
 
   ArchiveReader(const PlistDocument& document, std::span<const Node> objects)
-      : document_(document),
-        objects_(objects),
-        states_(objects.size(), State::Pending),
-        decoded_(objects.size()),
-        classNames_(objects.size(), nullptr),
-        sizes_(objects.size(), 0),
-        heights_(objects.size(), 0) {
+      : document_(document), objects_(objects), decoded_(objects.size()) {
     if (objects_.empty() || !isText(objects_[0], kNullMarker)) {
       fail("the object table does not start with $null");
     }
@@ -350,14 +344,15 @@ class ArchiveReader {
       countExpanded(1);
       return Value();
     }
-    if (states_[index] == State::InProgress) {
+    Decoded& object = decoded_[index];
+    if (object.state == State::InProgress) {
       fail("object " + std::to_string(index) + " contains itself");
     }
-    if (states_[index] == State::Pending) decodeObject(index, depth);
+    if (object.state == State::Pending) decodeObject(index, depth);
     // A finished object counts again, and as deep as it reaches from here.
-    reachDepth(depth + heights_[index]);
-    countExpanded(sizes_[index]);
-    return decoded_[index];
+    reachDepth(depth + object.height);
+    countExpanded(object.size);
+    return object.value;
   }
 
  private:
@@ -402,17 +397,19 @@ class ArchiveReader {
 
   // Decodes the object once, recording how many objects and how many levels it expands to.
   void decodeObject(std::size_t index, int depth) {
-    states_[index] = State::InProgress;
+    decoded_[index].state = State::InProgress;
     std::size_t expandedBefore = expanded_;
     int deepestBefore = deepest_;
     deepest_ = depth;
     countExpanded(1);
-    decoded_[index] = decodeRaw(objects_[index], depth);
-    sizes_[index] = expanded_ - expandedBefore;
-    heights_[index] = deepest_ - depth;
+    Value value = decodeRaw(objects_[index], depth);
+    Decoded& object = decoded_[index];  // decoding others leaves the table in place
+    object.value = std::move(value);
+    object.size = expanded_ - expandedBefore;
+    object.height = deepest_ - depth;
     expanded_ = expandedBefore;  // the caller counts the object's whole size
     deepest_ = std::max(deepestBefore, deepest_);
-    states_[index] = State::Done;
+    object.state = State::Done;
   }
 
   // Shared objects count once per use, so an archive cannot expand into more objects
@@ -463,10 +460,10 @@ class ArchiveReader {
     auto classReference = document_.find(instance, "$class");
     if (!classReference) fail("an object has no $class");
     std::size_t index = indexOf(*classReference);
-    if (classNames_[index]) return *classNames_[index];
+    if (decoded_[index].className) return *decoded_[index].className;
     const Value* name = scalarAt(objects_[index], "$classname");
     if (!name || !name->isString()) fail("a $class entry has no $classname");
-    classNames_[index] = name->asString();
+    decoded_[index].className = name->asString();
     return *name->asString();
   }
 
@@ -543,11 +540,15 @@ class ArchiveReader {
 
   const PlistDocument& document_;
   std::span<const Node> objects_;
-  std::vector<State> states_;
-  std::vector<Value> decoded_;
-  std::vector<const std::string*> classNames_;  // per class entry, once looked up
-  std::vector<std::size_t> sizes_;
-  std::vector<int> heights_;
+  // What is known of each object of the table, together for locality.
+  struct Decoded {
+    Value value;
+    const std::string* className = nullptr;  // of a class entry, once looked up
+    std::size_t size = 0;                    // objects it expands to
+    int height = 0;                          // levels it reaches below itself
+    State state = State::Pending;
+  };
+  std::vector<Decoded> decoded_;
   // Values decoded for the containers being decoded, innermost last.
   std::vector<Value> pending_;
   std::size_t expanded_ = 0;
