@@ -56,7 +56,7 @@ void encodeDouble(Data& out, std::uint8_t marker, double value) {
 }  // namespace
 
 BinaryPlistWriter::Ref BinaryPlistWriter::addScalar(std::size_t at) {
-  objects_.push_back({0, at, scalars_.size() - at});
+  objects_.push_back({at, scalars_.size() - at, 0});
   return objects_.size() - 1;
 }
 
@@ -143,14 +143,14 @@ BinaryPlistWriter::Ref BinaryPlistWriter::uid(std::uint64_t index) {
 }
 
 BinaryPlistWriter::Ref BinaryPlistWriter::array(std::span<const Ref> elements) {
-  objects_.push_back({0xa, references_.size(), elements.size()});
+  objects_.push_back({references_.size(), elements.size(), 0xa});
   references_.insert(references_.end(), elements.begin(), elements.end());
   return objects_.size() - 1;
 }
 
 BinaryPlistWriter::Ref BinaryPlistWriter::dictionary(std::span<const Ref> keys,
                                                      std::span<const Ref> values) {
-  objects_.push_back({0xd, references_.size(), keys.size() + values.size()});
+  objects_.push_back({references_.size(), keys.size() + values.size(), 0xd});
   references_.insert(references_.end(), keys.begin(), keys.end());
   references_.insert(references_.end(), values.begin(), values.end());
   return objects_.size() - 1;

@@ -52,10 +52,11 @@ class BinaryPlistWriter {
 
  private:
   // A scalar's encoding lies in scalars_, a container's references in references_.
+  // 16 bytes, as there is one per object.
   struct Object {
-    std::uint8_t containerKind;  // 0 for a scalar, 0xa array, 0xd dictionary
-    std::size_t at;
-    std::size_t length;
+    std::uint64_t at;
+    std::uint64_t length : 56;
+    std::uint64_t containerKind : 8;  // 0 for a scalar, 0xa array, 0xd dictionary
   };
 
   // The scalar whose encoding starts at `at` in scalars_.

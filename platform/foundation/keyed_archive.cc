@@ -41,6 +41,11 @@ constexpr std::string_view kLayoutStrings[] = {
     "$class",  "$classes",  "$classname",      "NSObject", "NS.keys", "NS.objects", "NS.time",
     "NS.data", "NSNull",    "NSDate",          "NSData",   "NSArray", "NSSet",      "NSDictionary"};
 
+const std::string& nullMarkerText() {
+  static const std::string text(kNullMarker);
+  return text;
+}
+
 bool isLayoutString(std::string_view text) {
   return std::find(std::begin(kLayoutStrings), std::end(kLayoutStrings), text) !=
          std::end(kLayoutStrings);
@@ -70,7 +75,7 @@ class ArchiveWriter {
       case Value::Type::Boolean:
       case Value::Type::Integer:
       case Value::Type::Real:
-        return append({Entry::Shape::Number, {}, &value});
+        return append({Entry::Shape::Number, {}, 0, &value});
       case Value::Type::String:
         return appendString(*value.asString(), error);
       case Value::Type::Null:
@@ -121,15 +126,16 @@ class ArchiveWriter {
 
  private:
   // One object of $objects.
+  // Small, as there is one per object: indexes fit 32 bits under kMaxExpandedObjects.
   struct Entry {
     enum class Shape : std::uint8_t { Number, String, Instance, ClassEntry };
     Shape shape;
     ArchivedClass archivedClass = ArchivedClass::Null;  // instances and class entries
+    std::uint32_t classIndex = 0;                       // instances: their class entry
     const Value* value = nullptr;                       // numbers, dates and data
-    std::string_view text = {};                         // strings
-    std::uint64_t classIndex = 0;                       // instances: their class entry
-    std::size_t first = 0;  // arrays and sets: their elements' UIDs in references_;
-    std::size_t count = 0;  // dictionaries: count keys, then count objects
+    const std::string* text = nullptr;                  // strings
+    std::uint32_t first = 0;  // arrays and sets: their elements' UIDs in references_;
+    std::uint32_t count = 0;  // dictionaries: count keys, then count objects
   };
 
   static std::nullopt_t fail(const std::string& reason, ErrorPtr* error) {
@@ -158,7 +164,7 @@ class ArchiveWriter {
       }
       if (!isValidUTF8(text)) return fail("a string is not UTF-8", error);
       stringBytes_ += text.size();
-      append({Entry::Shape::String, {}, nullptr, text});
+      append({Entry::Shape::String, {}, 0, nullptr, &text});
     }
     seen = {&text, index};
     return index;
@@ -174,7 +180,8 @@ class ArchiveWriter {
   // An object without elements: its class entry comes before it.
   std::uint64_t appendInstance(ArchivedClass archivedClass, const Value* value) {
     const std::uint64_t classIndex = classEntry(archivedClass);
-    return append({Entry::Shape::Instance, archivedClass, value, {}, classIndex});
+    return append(
+        {Entry::Shape::Instance, archivedClass, static_cast<std::uint32_t>(classIndex), value});
   }
 
   // The container's slot comes before its elements, and its class entry after them, as in
@@ -218,9 +225,9 @@ class ArchiveWriter {
   void finishContainer(std::uint64_t slot, std::size_t first, std::size_t count) {
     const std::uint64_t classIndex = classEntry(entries_[slot].archivedClass);
     Entry& entry = entries_[slot];
-    entry.classIndex = classIndex;
-    entry.first = first;
-    entry.count = count;
+    entry.classIndex = static_cast<std::uint32_t>(classIndex);
+    entry.first = static_cast<std::uint32_t>(first);
+    entry.count = static_cast<std::uint32_t>(count);
   }
 
   // ----- writing the property list
@@ -237,8 +244,8 @@ class ArchiveWriter {
       case Entry::Shape::String:
         // The table holds each string once, so only a string spelled like one of the
         // layout's can equal another string of the list.
-        return isLayoutString(entry.text) ? layoutString(entry.text)
-                                          : out_.distinctString(entry.text);
+        return isLayoutString(*entry.text) ? layoutString(*entry.text)
+                                           : out_.distinctString(*entry.text);
       case Entry::Shape::ClassEntry:
         return writeClassEntry(kClassNames[static_cast<std::size_t>(entry.archivedClass)]);
       case Entry::Shape::Instance:
@@ -300,7 +307,7 @@ class ArchiveWriter {
     return out_.dictionary(keys, values);
   }
 
-  std::vector<Entry> entries_{Entry{Entry::Shape::String, {}, nullptr, kNullMarker}};
+  std::vector<Entry> entries_{Entry{Entry::Shape::String, {}, 0, nullptr, &nullMarkerText()}};
   std::vector<std::uint64_t> references_;
   // Views of strings inside the value being archived, which outlives the writer.
   StringTable<std::uint64_t> strings_;
