@@ -38,15 +38,18 @@ inline Value pushWith(const std::string& attribution) {
 }
 
 // Console output as usual, plus the mean wall and CPU time per iteration (seconds) of every
-// run, by name.
+// run, by name (the mean of the repetitions when there are several).
 class KeepingReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
-      if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
+      // With repetitions, the mean of them stands for the run (it comes after the runs it
+      // summarises, and is all there is with --benchmark_report_aggregates_only).
+      const bool mean = run.run_type == Run::RT_Aggregate && run.aggregate_name == "mean";
+      if ((run.run_type == Run::RT_Iteration || mean) && !run.error_occurred) {
         double iterations = static_cast<double>(run.iterations);
-        seconds_[run.benchmark_name()] = run.real_accumulated_time / iterations;
-        cpuSeconds_[run.benchmark_name()] = run.cpu_accumulated_time / iterations;
+        seconds_[run.run_name.str()] = run.real_accumulated_time / iterations;
+        cpuSeconds_[run.run_name.str()] = run.cpu_accumulated_time / iterations;
       }
     }
     ConsoleReporter::ReportRuns(runs);

@@ -42,6 +42,17 @@ Set queueDifference(const Set& from, const Set& remove) {
   return result;
 }
 
+bool applyQueueChange(Set& queue, const Set& add, const Set& remove) {
+  bool changed = false;
+  for (const Value& record : add) {
+    if (!remove.count(record) && queue.insert(record).second) changed = true;
+  }
+  for (const Value& record : remove) {
+    if (queue.erase(record) != 0) changed = true;
+  }
+  return changed;
+}
+
 bool retryGateOpen(const Value& storedRetryAfter, Date now) {
   const Date* until = storedRetryAfter.asDate();
   return !until || *until < now;

@@ -39,6 +39,9 @@ Value storedValueFromQueue(const Set& queue);
 // Set algebra on queues.
 Set queueUnion(const Set& a, const Set& b);
 Set queueDifference(const Set& from, const Set& remove);
+// Makes queue (queue ∪ add) \ remove in place, without copying the queue; true when that
+// changed it (a record added that was missing, or a record removed that was there).
+bool applyQueueChange(Set& queue, const Set& add, const Set& remove);
 
 // Whether sends may go out now: true when nothing usable is stored (null, not a date) or
 // the stored date lies strictly before now.

@@ -73,5 +73,26 @@ TEST(DeliveryBody, IsTheGzipOfTheCompactJson) {
   EXPECT_EQ(error->code(), NSPropertyListWriteInvalidError);
 }
 
+// The change in place gives what the set algebra gives, and tells exactly when the queue
+// differs from before (equal records in another spelling change nothing).
+TEST(DeliveryQueue, ChangesInPlaceAsTheSetAlgebraDoes) {
+  const Value a = Value::dict({{"userId", "a"}, {"mailingId", 5}});
+  const Value aAsReal = Value::dict({{"userId", "a"}, {"mailingId", 5.0}});
+  const Value b = Value::dict({{"userId", "b"}});
+  const Value c = Value::dict({{"userId", "c"}});
+  struct Case {
+    Set queue, add, remove;
+    bool changes;
+  };
+  for (const Case& change :
+       {Case{{a, b}, {}, {}, false}, Case{{a, b}, {aAsReal}, {}, false}, Case{{a}, {b}, {}, true},
+        Case{{a, b}, {}, {b}, true}, Case{{a}, {}, {c}, false}, Case{{a}, {c}, {c}, false},
+        Case{{a, c}, {c}, {c}, true}, Case{{}, {a, b}, {a}, true}}) {
+    Set queue = change.queue;
+    EXPECT_EQ(applyQueueChange(queue, change.add, change.remove), change.changes);
+    EXPECT_EQ(queue, queueDifference(queueUnion(change.queue, change.add), change.remove));
+  }
+}
+
 }  // namespace
 }  // namespace pnx

@@ -93,10 +93,12 @@ pnx::Set PNXPushDeliveryMananger::changeQueue(const QueueChange& change, bool* s
   auto merge = [&](const pnx::Value& stored) -> std::optional<pnx::Value> {
     auto current = pnx::queueFromStoredValue(stored);
     unreadable = !current;
-    result = pnx::queueDifference(pnx::queueUnion(current.value_or(pnx::Set()), change.add),
-                                  change.remove);
+    // The queue read is changed in place: copying and comparing it would cost more than
+    // the change itself when it is long.
+    result = current ? std::move(*current) : pnx::Set();
+    const bool changed = pnx::applyQueueChange(result, change.add, change.remove);
     // An unchanged queue needs no write; a missing or malformed one is written anew.
-    if (current && *current == result) return std::nullopt;
+    if (!unreadable && !changed) return std::nullopt;
     return pnx::storedValueFromQueue(result);
   };
   bool stored = pnx::updateKeychainValue(*keychain(), pnx::kPushQueueItem, merge);

@@ -12,7 +12,9 @@
 
 #include <plist/plist.h>
 
+#include "platform/foundation/binary_plist_writer.h"
 #include "platform/foundation/format.h"
+#include "platform/foundation/plist_document.h"
 #include "platform/foundation/utf8.h"
 
 namespace pnx {
@@ -55,8 +57,8 @@ void setWriteError(ErrorPtr* error, const std::string& what) {
 // Reads a binary property list in two passes. The first walks the object graph without
 // building anything: every offset and reference must lie inside the data, there may be no
 // cycles, containers nest at most kMaxNestingDepth deep, and copying shared objects out
-// must stay bounded. The second builds Values recursively (safe once the depth is known),
-// each object once.
+// must stay bounded. The second reads the objects into a PlistDocument, each object once
+// (PropertyList::parse turns the document into a Value).
 //
 // Objects read as the platform reads them. One-byte strings are in its 8-bit encoding,
 // which we take as Latin-1: a byte from 0x80 up becomes that code point, so the Value is
@@ -67,11 +69,12 @@ class BinaryReader {
  public:
   explicit BinaryReader(std::string_view bytes) : bytes_(bytes) {}
 
-  std::optional<Value> read() {
+  std::optional<PlistDocument> read() {
     if (!readTrailer()) return fail("damaged binary property list trailer");
     std::string problem = checkShape();
     if (!problem.empty()) return fail(std::move(problem));
-    return readObject(topObject_);
+    if (!build()) return std::nullopt;
+    return std::move(document_);
   }
 
   const std::string& failure() const { return failure_; }
@@ -86,14 +89,16 @@ class BinaryReader {
   };
 
   enum class State : std::uint8_t { Unvisited, Visiting, Done };
-  // What the shape pass learns about an object.
+  // What the shape pass learns about an object, small as there is one per object reached.
+  // Lists are below 4 GiB and counts are capped at kMaxExpandedBytes, so 32 bits hold the
+  // places, the counts and the expansion (kept at most one object's above the cap).
   struct Info {
     State state = State::Unvisited;
     bool isContainer = false;
-    std::uint64_t childrenAt = 0;
-    std::uint64_t childCount = 0;
-    std::uint64_t depth = 0;
-    std::uint64_t expandedBytes = 0;
+    std::uint16_t depth = 0;  // at most kMaxNestingDepth + 1
+    std::uint32_t childrenAt = 0;
+    std::uint32_t childCount = 0;
+    std::uint32_t expandedBytes = 0;
   };
 
   std::nullopt_t fail(std::string what) {
@@ -108,6 +113,7 @@ class BinaryReader {
   std::string checkShape() {
     slotOf_.assign(objectCount_, 0);
     std::vector<Info> infos;
+    infos.reserve(std::min<std::uint64_t>(objectCount_, 1 << 16));
     auto slotFor = [&](std::uint64_t object) -> std::size_t {
       std::uint32_t& slot = slotOf_[object];
       if (slot == 0) {
@@ -155,15 +161,15 @@ class BinaryReader {
       stack.pop_back();
       if (!stack.empty()) absorbChild(infos[stack.back().slot], infos[slot]);
     }
-    values_.resize(infos.size());
+    reachedCount_ = infos.size();
     return {};
   }
 
   // Folds a finished child into its parent.
   static void absorbChild(Info& parent, const Info& child) {
     parent.depth = std::max(parent.depth, child.depth);
-    parent.expandedBytes =
-        std::min(parent.expandedBytes + child.expandedBytes, kMaxExpandedBytes + 1);
+    parent.expandedBytes = static_cast<std::uint32_t>(std::min<std::uint64_t>(
+        std::uint64_t{parent.expandedBytes} + child.expandedBytes, kMaxExpandedBytes + 1));
   }
 
   // Whether an object is a container, where its references are, and how many bytes it
@@ -173,31 +179,34 @@ class BinaryReader {
     if (!readHeader(object, header)) return false;
     const std::uint64_t count = std::min(header.count, kMaxExpandedBytes);
     constexpr std::uint64_t kNodeOverhead = 64;
-    info.expandedBytes = kNodeOverhead;
+    // header.payloadAt lies within the objects; the products below stay under 2^32.
+    const std::uint64_t room = tableAt_ - header.payloadAt;
+    std::uint64_t expandedBytes = kNodeOverhead;
     switch (header.kind) {
       case 0x4:
-        info.expandedBytes += count;
+        expandedBytes += count;
         break;
       case 0x5:
       case 0x6: {
         const std::uint64_t unit = header.kind == 0x6 ? 2 : 1;
-        if (count > (tableAt_ - header.payloadAt) / unit) return false;
-        info.expandedBytes += unit * count;
+        if (unit * count > room) return false;
+        expandedBytes += unit * count;
         break;
       }
       case 0xa:
       case 0xc:
       case 0xd: {
         const std::uint64_t references = header.kind == 0xd ? 2 : 1;
-        if (count > (tableAt_ - header.payloadAt) / referenceSize_ / references) return false;
+        if (count * references * referenceSize_ > room) return false;
         info.isContainer = true;
-        info.childrenAt = header.payloadAt;
-        info.childCount = count * references;
+        info.childrenAt = static_cast<std::uint32_t>(header.payloadAt);
+        info.childCount = static_cast<std::uint32_t>(count * references);
         break;
       }
       default:
         break;
     }
+    info.expandedBytes = static_cast<std::uint32_t>(expandedBytes);
     return true;
   }
 
@@ -278,19 +287,100 @@ class BinaryReader {
     return out;
   }
 
-  // ----- second pass: building Values
+  // ----- second pass: the document
+
+  // Objects are read recursively (safe once the depth is known), in the order they are
+  // referred to, each once; the top object is the root.
+  bool build() {
+    nodes_.resize(reachedCount_);
+    document_.reserve(reachedCount_);
+    auto root = readObject(topObject_);
+    if (!root) return false;
+    document_.setRoot(*root);
+    return true;
+  }
 
   // Objects the shape pass reached have a slot; the build follows the same references.
-  std::optional<Value> readObject(std::uint64_t object) {
+  std::optional<PlistDocument::Node> readObject(std::uint64_t object) {
     if (slotOf_[object] == 0) return fail("binary property list object out of bounds");
-    std::optional<Value>& built = values_[slotOf_[object] - 1];
+    std::optional<PlistDocument::Node>& built = nodes_[slotOf_[object] - 1];
     if (built) return built;
     Header header;
     if (!readHeader(object, header)) return fail("binary property list object out of bounds");
+    auto node = readNode(header);
+    // nodes_ never grows while building, so `built` stays valid across the recursion.
+    if (node) built = node;
+    return node;
+  }
+
+  std::optional<PlistDocument::Node> readNode(const Header& header) {
+    switch (header.kind) {
+      case 0x8:
+        if (header.info > 0x3) break;
+        return readUID(header);
+      case 0xa:
+      case 0xc:
+        return readArray(header);
+      case 0xd:
+        return readDictionary(header);
+      default:
+        break;
+    }
     auto value = readPayload(header);
-    // values_ never grows while building, so `built` stays valid across the recursion.
-    if (value) built = value;
-    return value;
+    if (!value) return std::nullopt;
+    return document_.addScalar(std::move(*value));
+  }
+
+  std::optional<PlistDocument::Node> readUID(const Header& header) {
+    const auto bytes = payload(header.payloadAt, header.info + 1);
+    if (!bytes) return fail("binary property list object out of bounds");
+    return document_.addUID(bigEndian(*bytes));
+  }
+
+  // The children are gathered on top of the pending ones of the containers being read.
+  // The shape pass has checked the references and bounded the count.
+  std::optional<PlistDocument::Node> readArray(const Header& header) {
+    const std::size_t base = pending_.size();
+    pending_.resize(base + header.count);
+    for (std::uint64_t i = 0; i < header.count; ++i) {
+      auto item = readChild(header, i);
+      if (!item) return std::nullopt;
+      pending_[base + i] = *item;
+    }
+    const auto node = document_.addArray(std::span(pending_).subspan(base));
+    pending_.resize(base);
+    return node;
+  }
+
+  // Keys first, then the values in the same order; every key is a string.
+  std::optional<PlistDocument::Node> readDictionary(const Header& header) {
+    const std::size_t base = pending_.size();
+    pending_.resize(base + 2 * header.count);
+    for (std::uint64_t i = 0; i < header.count; ++i) {
+      auto key = readChild(header, i);
+      if (!key) return std::nullopt;
+      const Value* text = document_.scalar(*key);
+      if (!text || !text->isString()) {
+        return fail("binary property list dictionary key is not a string");
+      }
+      auto value = readChild(header, header.count + i);
+      if (!value) return std::nullopt;
+      pending_[base + i] = *key;
+      pending_[base + header.count + i] = *value;
+    }
+    const std::span<const PlistDocument::Node> children = std::span(pending_).subspan(base);
+    const auto node =
+        document_.addDictionary(children.first(header.count), children.subspan(header.count));
+    pending_.resize(base);
+    return node;
+  }
+
+  std::optional<PlistDocument::Node> readChild(const Header& header, std::uint64_t index) {
+    std::uint64_t child;
+    if (!readReference(header.payloadAt + index * referenceSize_, child)) {
+      return fail("binary property list reference out of bounds");
+    }
+    return readObject(child);
   }
 
   std::optional<Value> readPayload(const Header& header) {
@@ -312,14 +402,6 @@ class BinaryReader {
         return readLatin1(header);
       case 0x6:
         return readUTF16(header);
-      case 0x8:
-        if (header.info <= 0x3) return readUID(header);
-        break;
-      case 0xa:
-      case 0xc:
-        return readArray(header);
-      case 0xd:
-        return readDictionary(header);
       default:
         break;
     }
@@ -369,6 +451,10 @@ class BinaryReader {
   std::optional<Value> readLatin1(const Header& header) {
     const auto bytes = payload(header.payloadAt, header.count);
     if (!bytes) return fail("binary property list object out of bounds");
+    if (std::all_of(bytes->begin(), bytes->end(),
+                    [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
+      return Value(*bytes);
+    }
     std::string text;
     text.reserve(bytes->size());
     for (char byte : *bytes) appendUTF8(text, static_cast<unsigned char>(byte));
@@ -398,51 +484,13 @@ class BinaryReader {
     return Value(std::move(text));
   }
 
-  // Shown as the platform shows a keyed archive's references.
-  std::optional<Value> readUID(const Header& header) {
-    const auto bytes = payload(header.payloadAt, header.info + 1);
-    if (!bytes) return fail("binary property list object out of bounds");
-    return Value::dict({{kUIDKey, Value(static_cast<std::int64_t>(bigEndian(*bytes)))}});
-  }
-
-  // The shape pass has checked the references and bounded the count.
-  std::optional<Value> readArray(const Header& header) {
-    Array items;
-    items.reserve(header.count);
-    for (std::uint64_t i = 0; i < header.count; ++i) {
-      auto item = readChild(header, i);
-      if (!item) return std::nullopt;
-      items.push_back(std::move(*item));
-    }
-    return Value(std::move(items));
-  }
-
-  // Keys first, then the values in the same order. A repeated key keeps its last value.
-  std::optional<Value> readDictionary(const Header& header) {
-    Dictionary dict;
-    for (std::uint64_t i = 0; i < header.count; ++i) {
-      auto key = readChild(header, i);
-      if (!key) return std::nullopt;
-      if (!key->isString()) return fail("binary property list dictionary key is not a string");
-      auto value = readChild(header, header.count + i);
-      if (!value) return std::nullopt;
-      dict.insert_or_assign(std::move(*key), std::move(*value));
-    }
-    return Value(std::move(dict));
-  }
-
-  std::optional<Value> readChild(const Header& header, std::uint64_t index) {
-    std::uint64_t child;
-    if (!readReference(header.payloadAt + index * referenceSize_, child)) {
-      return fail("binary property list reference out of bounds");
-    }
-    return readObject(child);
-  }
-
   std::string_view bytes_;
   std::uint64_t offsetSize_ = 0, referenceSize_ = 0, objectCount_ = 0, topObject_ = 0, tableAt_ = 0;
-  std::vector<std::uint32_t> slotOf_;         // per object: 0 if not reached, else slot + 1
-  std::vector<std::optional<Value>> values_;  // per reached object, its Value once read
+  std::vector<std::uint32_t> slotOf_;  // per object: 0 if not reached, else slot + 1
+  std::size_t reachedCount_ = 0;
+  std::vector<std::optional<PlistDocument::Node>> nodes_;  // per slot, its node once read
+  std::vector<PlistDocument::Node> pending_;
+  PlistDocument document_;
   std::string failure_;
 };
 
@@ -451,30 +499,22 @@ class BinaryReader {
 // linear in its size (libplist's binary writer slows down quadratically on lists of tens
 // of thousands of objects, which a keyed archive of a long delivery queue reaches).
 //
-// Objects are numbered children first; scalars are encoded at once into one buffer and
-// containers keep their references until the end, when the size of a reference is known.
-// Equal strings and equal UIDs become one object. Sets are written as arrays, and a
-// dictionary {"CF$UID": n} (n below 2^32) as the UID n, a keyed archive's reference.
+// Objects are numbered children first. Equal strings and equal UIDs become one object.
+// Sets are written as arrays, and a dictionary {"CF$UID": n} (n below 2^32) as the UID n,
+// a keyed archive's reference.
 
 class BinaryWriter {
  public:
   std::optional<Data> write(const Value& root) {
     auto top = add(root, 0);
     if (!top) return std::nullopt;
-    return finish(*top);
+    return out_.finish(*top);
   }
 
   const std::string& failure() const { return failure_; }
 
  private:
-  using Ref = std::uint64_t;
-
-  // A scalar's encoding lies in scalars_, a container's references in references_.
-  struct Object {
-    std::uint8_t containerKind;  // 0 for a scalar, 0xa array, 0xd dictionary
-    std::size_t at;
-    std::size_t length;
-  };
+  using Ref = BinaryPlistWriter::Ref;
 
   std::nullopt_t fail(std::string what) {
     failure_ = std::move(what);
@@ -484,23 +524,17 @@ class BinaryWriter {
   std::optional<Ref> add(const Value& value, std::size_t depth) {
     switch (value.type()) {
       case Value::Type::Boolean:
-        return scalar([&] { scalars_.push_back(value.boolValue() ? 0x09 : 0x08); });
+        return out_.boolean(value.boolValue());
       case Value::Type::Integer:
-        return scalar([&] { encodeInteger(value.integerValue()); });
+        return out_.integer(value.integerValue());
       case Value::Type::Real:
-        return scalar([&] { encodeDouble(0x23, value.doubleValue()); });
+        return out_.real(value.doubleValue());
       case Value::Type::Date:
-        return scalar(
-            [&] { encodeDouble(0x33, value.asDate()->timeIntervalSinceReferenceDate()); });
+        return out_.date(value.asDate()->timeIntervalSinceReferenceDate());
       case Value::Type::String:
         return string(*value.asString());
-      case Value::Type::Data: {
-        const Data& bytes = *value.asData();
-        return scalar([&] {
-          encodeMarker(0x4, bytes.size());
-          scalars_.insert(scalars_.end(), bytes.begin(), bytes.end());
-        });
-      }
+      case Value::Type::Data:
+        return out_.data(*value.asData());
       case Value::Type::Array:
         return array(*value.asArray(), depth + 1);
       case Value::Type::Set:
@@ -512,29 +546,13 @@ class BinaryWriter {
     }
   }
 
-  template <class Encode>
-  Ref scalar(const Encode& encode) {
-    const std::size_t at = scalars_.size();
-    encode();
-    objects_.push_back({0, at, scalars_.size() - at});
-    return objects_.size() - 1;
-  }
-
-  Ref container(std::uint8_t kind, const std::vector<Ref>& references) {
-    objects_.push_back({kind, references_.size(), references.size()});
-    references_.insert(references_.end(), references.begin(), references.end());
-    return objects_.size() - 1;
-  }
-
   // Readers end strings at a NUL, and text that is not UTF-8 has no UTF-16 form: both are
-  // refused rather than written with characters lost.
+  // refused rather than written with characters lost. The writer keeps views of strings
+  // inside the Value, which outlives it.
   std::optional<Ref> string(const std::string& text) {
-    if (auto found = strings_.find(text); found != strings_.end()) return found->second;
     if (text.find('\0') != std::string::npos) return fail("string contains a NUL character");
     if (!isValidUTF8(text)) return fail("string is not UTF-8");
-    const Ref ref = scalar([&] { encodeString(text); });
-    strings_.emplace(text, ref);
-    return ref;
+    return out_.string(text);
   }
 
   template <class Range>
@@ -547,12 +565,12 @@ class BinaryWriter {
       if (!ref) return std::nullopt;
       references.push_back(*ref);
     }
-    return container(0xa, references);
+    return out_.array(references);
   }
 
   std::optional<Ref> dictionary(const Dictionary& dict, std::size_t depth) {
     if (depth > kMaxNestingDepth) return fail("nesting deeper than 512 levels");
-    if (auto uid = uidOf(dict)) return this->uid(*uid);
+    if (auto uid = uidOf(dict)) return out_.uid(*uid);
     std::vector<Ref> references(2 * dict.size());
     std::size_t i = 0;
     for (const auto& [key, value] : dict) {
@@ -565,7 +583,8 @@ class BinaryWriter {
       references[dict.size() + i] = *valueRef;
       ++i;
     }
-    return container(0xd, references);
+    const std::span<const Ref> all(references);
+    return out_.dictionary(all.first(dict.size()), all.subspan(dict.size()));
   }
 
   // The n of a dictionary {"CF$UID": n} that stands for a UID.
@@ -580,106 +599,7 @@ class BinaryWriter {
     return static_cast<std::uint64_t>(value.integerValue());
   }
 
-  Ref uid(std::uint64_t index) {
-    if (auto found = uids_.find(index); found != uids_.end()) return found->second;
-    const Ref ref = scalar([&] {
-      const int width = byteCount(index);
-      scalars_.push_back(static_cast<std::uint8_t>(0x80 | (width - 1)));
-      appendBigEndian(scalars_, index, width);
-    });
-    uids_.emplace(index, ref);
-    return ref;
-  }
-
-  Data finish(Ref top) const {
-    const int referenceSize = byteCount(objects_.size() - 1);
-    Data out(kBinaryMagic.begin(), kBinaryMagic.end());
-    std::vector<std::uint64_t> offsets;
-    offsets.reserve(objects_.size());
-    for (const Object& object : objects_) {
-      offsets.push_back(out.size());
-      if (object.containerKind == 0) {
-        out.insert(out.end(), scalars_.begin() + object.at,
-                   scalars_.begin() + object.at + object.length);
-        continue;
-      }
-      const std::size_t count = object.containerKind == 0xd ? object.length / 2 : object.length;
-      encodeMarker(out, object.containerKind, count);
-      for (std::size_t i = 0; i < object.length; ++i) {
-        appendBigEndian(out, references_[object.at + i], referenceSize);
-      }
-    }
-    const std::uint64_t tableAt = out.size();
-    const int offsetSize = byteCount(tableAt);
-    for (std::uint64_t offset : offsets) appendBigEndian(out, offset, offsetSize);
-    out.insert(out.end(), 6, 0);  // unused bytes and the sort version
-    out.push_back(static_cast<std::uint8_t>(offsetSize));
-    out.push_back(static_cast<std::uint8_t>(referenceSize));
-    appendBigEndian(out, objects_.size(), 8);
-    appendBigEndian(out, top, 8);
-    appendBigEndian(out, tableAt, 8);
-    return out;
-  }
-
-  static int byteCount(std::uint64_t value) {
-    if (value <= 0xff) return 1;
-    if (value <= 0xffff) return 2;
-    if (value <= 0xffffffffULL) return 4;
-    return 8;
-  }
-
-  static void appendBigEndian(Data& out, std::uint64_t value, int width) {
-    for (int shift = (width - 1) * 8; shift >= 0; shift -= 8) {
-      out.push_back(static_cast<std::uint8_t>(value >> shift));
-    }
-  }
-
-  // Negative integers take eight bytes (the only signed width); others the fewest of 1, 2,
-  // 4 and 8.
-  static void encodeInteger(Data& out, std::int64_t value) {
-    const int width = value < 0 ? 8 : byteCount(static_cast<std::uint64_t>(value));
-    const int power = width == 1 ? 0 : width == 2 ? 1 : width == 4 ? 2 : 3;
-    out.push_back(static_cast<std::uint8_t>(0x10 | power));
-    appendBigEndian(out, static_cast<std::uint64_t>(value), width);
-  }
-  void encodeInteger(std::int64_t value) { encodeInteger(scalars_, value); }
-
-  void encodeDouble(std::uint8_t marker, double value) {
-    scalars_.push_back(marker);
-    appendBigEndian(scalars_, std::bit_cast<std::uint64_t>(value), 8);
-  }
-
-  // A kind nibble with its count; a count of 15 or more follows as an integer object.
-  static void encodeMarker(Data& out, std::uint8_t kind, std::uint64_t count) {
-    if (count < 15) {
-      out.push_back(static_cast<std::uint8_t>(kind << 4 | count));
-      return;
-    }
-    out.push_back(static_cast<std::uint8_t>(kind << 4 | 0x0f));
-    encodeInteger(out, static_cast<std::int64_t>(count));
-  }
-  void encodeMarker(std::uint8_t kind, std::uint64_t count) { encodeMarker(scalars_, kind, count); }
-
-  // ASCII as it is, anything else as UTF-16 big-endian.
-  void encodeString(const std::string& text) {
-    const bool ascii = std::all_of(text.begin(), text.end(),
-                                   [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-    if (ascii) {
-      encodeMarker(0x5, text.size());
-      scalars_.insert(scalars_.end(), text.begin(), text.end());
-      return;
-    }
-    const std::u16string units = utf16FromUTF8(text);
-    encodeMarker(0x6, units.size());
-    for (char16_t unit : units) appendBigEndian(scalars_, unit, 2);
-  }
-
-  std::vector<Object> objects_;
-  Data scalars_;
-  std::vector<Ref> references_;
-  // Views of strings inside the Value being written, which outlives the writer's use.
-  std::unordered_map<std::string_view, Ref> strings_;
-  std::unordered_map<std::uint64_t, Ref> uids_;
+  BinaryPlistWriter out_;
   std::string failure_;
 };
 
@@ -1008,11 +928,11 @@ class NodeWriter {
   std::string failure_;
 };
 
-std::optional<Value> parseBinary(std::string_view text, ErrorPtr* error) {
+std::optional<PlistDocument> parseBinary(std::string_view text, ErrorPtr* error) {
   BinaryReader reader(text);
-  auto value = reader.read();
-  if (!value) setReadError(error, reader.failure());
-  return value;
+  auto document = reader.read();
+  if (!document) setReadError(error, reader.failure());
+  return document;
 }
 
 std::optional<Value> parseXML(std::string_view text, ErrorPtr* error) {
@@ -1034,22 +954,48 @@ std::optional<Value> parseXML(std::string_view text, ErrorPtr* error) {
   return value;
 }
 
+// Empty when the data may be a property list, else why not.
+std::string sizeProblem(const Data& bytes) {
+  if (bytes.empty()) return "no property list data";
+  if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
+    return "property list data too large";
+  }
+  return {};
+}
+
+std::string_view textOf(const Data& bytes) {
+  return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
 }  // namespace
 
 std::optional<Value> PropertyList::parse(const Data& bytes, ErrorPtr* error, Format* format) {
-  const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-  if (bytes.empty()) {
-    setReadError(error, "no property list data");
+  if (std::string problem = sizeProblem(bytes); !problem.empty()) {
+    setReadError(error, problem);
     return std::nullopt;
   }
-  if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
-    setReadError(error, "property list data too large");
-    return std::nullopt;
-  }
+  const std::string_view text = textOf(bytes);
   const bool binary = text.starts_with(kBinaryMagic);
-  auto value = binary ? parseBinary(text, error) : parseXML(text, error);
+  std::optional<Value> value;
+  if (binary) {
+    if (auto document = parseBinary(text, error)) value = document->value(document->root());
+  } else {
+    value = parseXML(text, error);
+  }
   if (value && format) *format = binary ? Format::Binary : Format::XML;
   return value;
+}
+
+std::optional<PlistDocument> readPlistDocument(const Data& bytes, ErrorPtr* error) {
+  if (std::string problem = sizeProblem(bytes); !problem.empty()) {
+    setReadError(error, problem);
+    return std::nullopt;
+  }
+  const std::string_view text = textOf(bytes);
+  if (text.starts_with(kBinaryMagic)) return parseBinary(text, error);
+  auto value = parseXML(text, error);
+  if (!value) return std::nullopt;
+  return PlistDocument::fromValue(*value);
 }
 
 std::optional<Data> PropertyList::serialize(const Value& value, Format format, ErrorPtr* error) {

@@ -572,7 +572,7 @@ OSStatus keychainUpdateItem(const Value& dictionary, const KeychainItemChange& c
               auto items = findItems(database, query, groups, failure);
               if (!items) return false;
               std::optional<Data> current;
-              if (!items->empty()) current = items->front().data;
+              if (!items->empty()) current = std::move(items->front().data);
               std::optional<Data> next = change(current);
               if (!next) return true;
               if (!items->empty()) return replaceData(database, items->front(), *next, failure);
