@@ -507,33 +507,31 @@ int runServe(const ServeOptions& options) {
   return listenFailed ? pnxFail("the server stopped unexpectedly") : 0;
 }
 
-CommandRegistration registration(
-    "serve", "Run a stand-in for the push backend on 127.0.0.1: delivery reports, faults, media",
-    [](CLI::App& sub) -> PnxCommandRun {
-      auto options = std::make_shared<ServeOptions>();
-      sub.add_option("--port", options->port, "Port to listen on; 0 picks a free one")
-          ->check(CLI::Range(0, 65535))
-          ->type_name("N");
-      sub.add_option("--media", options->media, "Serve the files of DIR under /media/NAME")
-          ->type_name("DIR");
-      sub.add_option("--fault", options->faults,
-                     "Answer delivery reports with a fault: "
-                     "status=N[,retry-after=V][,delay=S][,drop][,times=N]; repeatable, the "
-                     "first fault with uses left applies")
-          ->type_name("SPEC")
-          ->allow_extra_args(false);
-      sub.add_option("--tls", options->tls, "Serve HTTPS with this PEM certificate and key")
-          ->expected(2)
-          ->type_name("CERT KEY");
-      sub.footer(
-          "Endpoints: POST /3.0/apps/{appKey}/delivery (gzip JSON {\"delivery\": [...]}), "
-          "GET /_pnx/reports, GET|POST /_pnx/faults (a JSON array of fault specifications "
-          "replaces the faults), GET /media/NAME. Faults apply to the delivery endpoint only; "
-          "drop needs no status, and delay=S alone delays the normal answer. "
-          "Prints {\"listening\": URL}, then one JSON line per request. SIGTERM or SIGINT "
-          "stops it.");
-      return [options](const PnxGlobals&) { return runServe(*options); };
-    });
+CommandRegistration registration("serve", kServeSummary, [](CLI::App& sub) -> PnxCommandRun {
+  auto options = std::make_shared<ServeOptions>();
+  sub.add_option("--port", options->port, "Port to listen on; 0 picks a free one")
+      ->check(CLI::Range(0, 65535))
+      ->type_name("N");
+  sub.add_option("--media", options->media, "Serve the files of DIR under /media/NAME")
+      ->type_name("DIR");
+  sub.add_option("--fault", options->faults,
+                 "Answer delivery reports with a fault: "
+                 "status=N[,retry-after=V][,delay=S][,drop][,times=N]; repeatable, the "
+                 "first fault with uses left applies")
+      ->type_name("SPEC")
+      ->allow_extra_args(false);
+  sub.add_option("--tls", options->tls, "Serve HTTPS with this PEM certificate and key")
+      ->expected(2)
+      ->type_name("CERT KEY");
+  sub.footer(
+      "Endpoints: POST /3.0/apps/{appKey}/delivery (gzip JSON {\"delivery\": [...]}), "
+      "GET /_pnx/reports, GET|POST /_pnx/faults (a JSON array of fault specifications "
+      "replaces the faults), GET /media/NAME. Faults apply to the delivery endpoint only; "
+      "drop needs no status, and delay=S alone delays the normal answer. "
+      "Prints {\"listening\": URL}, then one JSON line per request. SIGTERM or SIGINT "
+      "stops it.");
+  return [options](const PnxGlobals&) { return runServe(*options); };
+});
 
 }  // namespace
 }  // namespace pnx

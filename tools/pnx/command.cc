@@ -1,8 +1,13 @@
 #include "tools/pnx/command.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <mutex>
 #include <utility>
@@ -93,6 +98,26 @@ std::string oneLine(std::string text) {
 
 CommandRegistration::CommandRegistration(const char* name, const char* help, CommandSetup setup) {
   registry().push_back({name, help, std::move(setup)});
+}
+
+namespace {
+std::vector<char*> rememberedArguments;
+}  // namespace
+
+void pnxRememberArguments(int argc, char** argv) {
+  rememberedArguments.assign(argv, argv + argc);
+  rememberedArguments.push_back(nullptr);
+}
+
+int pnxExecSibling(const std::string& name) {
+  std::error_code error;
+  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+  if (error || rememberedArguments.empty()) return pnxFail("cannot find pnx's own directory");
+  const std::string program = (self.parent_path() / name).string();
+  std::cout.flush();
+  std::cerr.flush();
+  execv(program.c_str(), rememberedArguments.data());
+  return pnxFail("cannot run " + program + ": " + std::strerror(errno));
 }
 
 std::vector<RegisteredCommand> registeredCommands() {

@@ -62,6 +62,17 @@ struct RegisteredCommand {
 // Every registered command, sorted by name.
 std::vector<RegisteredCommand> registeredCommands();
 
+// The summary of `pnx serve`, shown by pnx and by pnx-serve alike.
+inline constexpr const char* kServeSummary =
+    "Run a stand-in for the push backend on 127.0.0.1: delivery reports, faults, media";
+
+// main.cc keeps the command line, so that a command can hand the whole of it to a sibling
+// program (pnxExecSibling).
+void pnxRememberArguments(int argc, char** argv);
+// Replaces this process with the program `name` from pnx's own directory, given the same
+// command line. Returns (1, one line on stderr) only when that cannot be done.
+int pnxExecSibling(const std::string& name);
+
 // Applies --device / --bundle to the platform layer (pnx::Device::setDirectory,
 // pnx::Bundle::setMain) and, with --log, routes the system log to stderr. main.cc calls it
 // before running a command.

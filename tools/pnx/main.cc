@@ -117,6 +117,7 @@ int runPnx(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   // Bad input must never crash pnx: whatever escapes a command becomes one line and exit 1.
+  pnx::pnxRememberArguments(argc, argv);
   try {
     return pnx::runPnx(argc, argv);
   } catch (const pnx::Exception& exception) {
