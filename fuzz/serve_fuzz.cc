@@ -1,9 +1,9 @@
 // Fuzzes what pnx serve does with a request before any answer is written: routing, the
 // delivery report checks (headers, gzip with its cap, JSON), media names and fault
-// specifications. The input reads like a request:
+// texts. The input reads like a request:
 //
 //   METHOD TARGET\n
-//   Name: value\n ...       headers; each value is also tried as a fault specification
+//   Name: value\n ...       headers; each value is also tried as a fault
 //   \n
 //   body                    checked as a report as sent, and once more gzipped, so that
 //                           the JSON checks see every body; also tried as a fault list
@@ -61,9 +61,9 @@ void checkOutcome(const DeliveryCheck& check) {
   if (check.error.find('\n') != std::string::npos) std::abort();
 }
 
-void checkFault(std::string_view spec) {
+void checkFault(std::string_view text) {
   std::string error;
-  auto fault = parseFault(spec, &error);
+  auto fault = parseFault(text, &error);
   if (!fault) {
     if (error.empty()) std::abort();
     return;

@@ -277,7 +277,7 @@ class Backend {
     if (auto fault = faults_.next()) {
       if (fault->delaySeconds > 0) sleepUnlessStopped(fault->delaySeconds);
       if (fault->drop) {
-        printRequestLine(request, std::nullopt, {}, fault->spec);
+        printRequestLine(request, std::nullopt, {}, fault->text);
         const int fd = connectionSocket(request);
         if (fd >= 0) shutdown(fd, SHUT_RDWR);
         return;
@@ -285,8 +285,8 @@ class Backend {
       if (fault->status) {
         if (fault->retryAfter) response.set_header("Retry-After", *fault->retryAfter);
         setJSON(response, *fault->status,
-                pnx::Value::dict({{"error", "fault"}, {"fault", fault->spec}}));
-        printRequestLine(request, *fault->status, {}, fault->spec);
+                pnx::Value::dict({{"error", "fault"}, {"fault", fault->text}}));
+        printRequestLine(request, *fault->status, {}, fault->text);
         return;
       }
       // A fault that only delays: the request is then handled as usual.
@@ -448,9 +448,9 @@ struct ServeOptions {
 
 int runServe(const ServeOptions& options) {
   std::vector<Fault> faults;
-  for (const auto& spec : options.faults) {
+  for (const auto& text : options.faults) {
     std::string error;
-    auto fault = parseFault(spec, &error);
+    auto fault = parseFault(text, &error);
     if (!fault) return pnxUsage(error);
     faults.push_back(std::move(*fault));
   }
@@ -518,14 +518,14 @@ CommandRegistration registration("serve", kServeSummary, [](CLI::App& sub) -> Pn
                  "Answer delivery reports with a fault: "
                  "status=N[,retry-after=V][,delay=S][,drop][,times=N]; repeatable, the "
                  "first fault with uses left applies")
-      ->type_name("SPEC")
+      ->type_name("FAULT")
       ->allow_extra_args(false);
   sub.add_option("--tls", options->tls, "Serve HTTPS with this PEM certificate and key")
       ->expected(2)
       ->type_name("CERT KEY");
   sub.footer(
       "Endpoints: POST /3.0/apps/{appKey}/delivery (gzip JSON {\"delivery\": [...]}), "
-      "GET /_pnx/reports, GET|POST /_pnx/faults (a JSON array of fault specifications "
+      "GET /_pnx/reports, GET|POST /_pnx/faults (a JSON array of faults "
       "replaces the faults), GET /media/NAME. Faults apply to the delivery endpoint only; "
       "drop needs no status, and delay=S alone delays the normal answer. "
       "Prints {\"listening\": URL}, then one JSON line per request. SIGTERM or SIGINT "

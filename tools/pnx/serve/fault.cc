@@ -40,7 +40,7 @@ std::optional<std::string> applyPart(std::string_view part, Fault& fault,
   const std::string key(trimmed(part.substr(0, equals)));
   const std::string_view value =
       equals == std::string_view::npos ? std::string_view() : trimmed(part.substr(equals + 1));
-  if (key.empty()) return "empty part in \"" + fault.spec + "\"";
+  if (key.empty()) return "empty part in \"" + fault.text + "\"";
   for (const auto& earlier : seen) {
     if (earlier == key) return "\"" + key + "\" given twice";
   }
@@ -86,18 +86,18 @@ std::optional<std::string> applyPart(std::string_view part, Fault& fault,
 
 }  // namespace
 
-std::optional<Fault> parseFault(std::string_view spec, std::string* error) {
+std::optional<Fault> parseFault(std::string_view text, std::string* error) {
   const auto fail = [error](std::string message) -> std::optional<Fault> {
     if (error) *error = "bad fault: " + std::move(message);
     return std::nullopt;
   };
   Fault fault;
-  fault.spec = std::string(trimmed(spec));
-  if (fault.spec.empty()) return fail("empty specification");
-  if (!printable(fault.spec)) return fail("the specification holds control characters");
+  fault.text = std::string(trimmed(text));
+  if (fault.text.empty()) return fail("empty fault");
+  if (!printable(fault.text)) return fail("the fault holds control characters");
 
   std::vector<std::string> seen;
-  std::string_view rest = fault.spec;
+  std::string_view rest = fault.text;
   while (true) {
     const std::size_t comma = rest.find(',');
     if (auto problem = applyPart(rest.substr(0, comma), fault, seen)) return fail(*problem);
@@ -105,13 +105,13 @@ std::optional<Fault> parseFault(std::string_view spec, std::string* error) {
     rest.remove_prefix(comma + 1);
   }
   if (!fault.status && !fault.drop && fault.delaySeconds == 0) {
-    return fail("\"" + fault.spec + "\" needs status=N (or drop, or delay=S)");
+    return fail("\"" + fault.text + "\" needs status=N (or drop, or delay=S)");
   }
   if (fault.drop && fault.retryAfter) {
-    return fail("\"" + fault.spec + "\" drops the connection, so retry-after cannot be sent");
+    return fail("\"" + fault.text + "\" drops the connection, so retry-after cannot be sent");
   }
   if (fault.retryAfter && !fault.status) {
-    return fail("\"" + fault.spec + "\" has retry-after but no status");
+    return fail("\"" + fault.text + "\" has retry-after but no status");
   }
   return fault;
 }
@@ -128,16 +128,16 @@ std::optional<std::vector<Fault>> parseFaultList(std::string_view json, std::str
                 (parseError ? parseError->localizedDescription() : std::string("unreadable")));
   }
   const pnx::Array* items = parsed->asArray();
-  if (!items) return fail("faults must be a JSON array of specification strings");
+  if (!items) return fail("faults must be a JSON array of fault strings");
   if (items->size() > kMaxFaults) {
     return fail("at most " + std::to_string(kMaxFaults) + " faults at once");
   }
   std::vector<Fault> faults;
   for (std::size_t i = 0; i < items->size(); ++i) {
-    const std::string* spec = (*items)[i].asString();
-    if (!spec) return fail("fault " + std::to_string(i) + " is not a string");
+    const std::string* text = (*items)[i].asString();
+    if (!text) return fail("fault " + std::to_string(i) + " is not a string");
     std::string problem;
-    auto fault = parseFault(*spec, &problem);
+    auto fault = parseFault(*text, &problem);
     if (!fault) return fail(problem);
     faults.push_back(std::move(*fault));
   }
@@ -165,7 +165,7 @@ pnx::Value FaultPlan::describe() const {
   pnx::Array items;
   for (const Fault& fault : faults_) {
     items.push_back(pnx::Value::dict(
-        {{"fault", fault.spec},
+        {{"fault", fault.text},
          {"remaining", fault.times ? pnx::Value(static_cast<unsigned long long>(*fault.times))
                                    : pnx::Value()}}));
   }

@@ -1,7 +1,7 @@
 // Faults that `pnx serve` plays instead of the normal answer, so that clients can be tried
 // against a backend that refuses, stalls or vanishes.
 //
-// A fault specification is comma-separated, each part at most once, in any order:
+// A fault is written comma-separated, each part at most once, in any order:
 //   status=N        answer with HTTP status N (200-599) and a short JSON body
 //   retry-after=V   with a Retry-After header of value V (printable text)
 //   delay=S         wait S seconds (fractional allowed, at most 600) before answering
@@ -31,7 +31,7 @@
 namespace pnx::serve {
 
 struct Fault {
-  std::string spec;           // the specification as given, for logs
+  std::string text;           // the fault as given, for logs
   std::optional<int> status;  // none: no answer of its own (drop, or delay then normal)
   std::optional<std::string> retryAfter;
   double delaySeconds = 0;
@@ -40,9 +40,9 @@ struct Fault {
 };
 
 // nullopt and *error (one sentence naming the bad part) when the text is not a fault.
-std::optional<Fault> parseFault(std::string_view spec, std::string* error = nullptr);
+std::optional<Fault> parseFault(std::string_view text, std::string* error = nullptr);
 
-// The body of a run-time replacement: a JSON array of specification strings.
+// The body of a run-time replacement: a JSON array of fault strings.
 std::optional<std::vector<Fault>> parseFaultList(std::string_view json,
                                                  std::string* error = nullptr);
 
@@ -52,7 +52,7 @@ class FaultPlan {
   // The fault for the next request faults apply to, with one of its uses taken; nullopt
   // to answer normally.
   std::optional<Fault> next();
-  // [{"fault": spec, "remaining": uses left or null for unlimited}, ...]
+  // [{"fault": text, "remaining": uses left or null for unlimited}, ...]
   pnx::Value describe() const;
 
  private:

@@ -1,4 +1,4 @@
-// Fault specifications of pnx serve and how a plan of several faults is used up.
+// Faults of pnx serve and how a plan of several faults is used up.
 
 #include "tools/pnx/serve/fault.h"
 
@@ -17,7 +17,7 @@ TEST(ServeFault, ParsesEveryPart) {
   EXPECT_DOUBLE_EQ(fault->delaySeconds, 0.25);
   EXPECT_EQ(fault->times, 2u);
   EXPECT_FALSE(fault->drop);
-  EXPECT_EQ(fault->spec, "status=429 , retry-after=30,delay=0.25,times=2");
+  EXPECT_EQ(fault->text, "status=429 , retry-after=30,delay=0.25,times=2");
 
   auto drop = parseFault("drop");
   ASSERT_TRUE(drop);
@@ -48,11 +48,11 @@ TEST(ServeFault, RefusesBadSpecificationsWithAReason) {
       {"status=500,colour=red", "unknown fault part \"colour\""},
       {"status=429,retry-after=1\r\nX: y", "control characters"},
   };
-  for (const auto& [spec, mentions] : cases) {
+  for (const auto& [text, mentions] : cases) {
     std::string error;
-    EXPECT_EQ(parseFault(spec, &error), std::nullopt) << spec;
-    EXPECT_NE(error.find(mentions), std::string::npos) << spec << " -> " << error;
-    EXPECT_EQ(error.find('\n'), std::string::npos) << spec;
+    EXPECT_EQ(parseFault(text, &error), std::nullopt) << text;
+    EXPECT_NE(error.find(mentions), std::string::npos) << text << " -> " << error;
+    EXPECT_EQ(error.find('\n'), std::string::npos) << text;
   }
 }
 
