@@ -52,8 +52,9 @@ double systemSeconds() {
 // Splitting a date into calendar fields.
 
 // Dates far outside the calendar's range (or NaN) are clamped so that the C library
-// never sees a time_t it cannot convert; about +-3 million years is plenty.
-constexpr double kMaxFormattableSeconds = 1e14;
+// never sees a time_t it cannot convert, and the count of microseconds fits in 64 bits:
+// about +-285,000 years.
+constexpr double kMaxFormattableSeconds = 9e12;
 
 struct Instant {
   time_t seconds = 0;       // whole seconds, rounded toward -infinity
