@@ -14,6 +14,7 @@
 
 #include <openssl/evp.h>
 
+#include "diagnostics/log.h"
 #include "platform/files/bundle.h"
 #include "platform/files/container.h"
 #include "platform/foundation/format.h"
@@ -114,6 +115,7 @@ int pnxExecSibling(const std::string& name) {
   const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
   if (error || rememberedArguments.empty()) return pnxFail("cannot find pnx's own directory");
   const std::string program = (self.parent_path() / name).string();
+  PNXLog::sharedInstance().drain();  // lines still queued would die with this image
   std::cout.flush();
   std::cerr.flush();
   execv(program.c_str(), rememberedArguments.data());
