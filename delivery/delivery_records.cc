@@ -28,20 +28,6 @@ Value storedValueFromQueue(const Set& queue) {
   return Value(Array(queue.begin(), queue.end()));
 }
 
-Set queueUnion(const Set& a, const Set& b) {
-  Set result = a;
-  result.insert(b.begin(), b.end());
-  return result;
-}
-
-Set queueDifference(const Set& from, const Set& remove) {
-  Set result;
-  for (const Value& record : from) {
-    if (!remove.count(record)) result.insert(record);
-  }
-  return result;
-}
-
 bool applyQueueChange(Set& queue, const Set& add, const Set& remove) {
   bool changed = false;
   for (const Value& record : add) {

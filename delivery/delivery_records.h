@@ -36,9 +36,6 @@ std::optional<Set> queueFromStoredValue(const Value& stored);
 // The value to store for a queue: an array of its records.
 Value storedValueFromQueue(const Set& queue);
 
-// Set algebra on queues.
-Set queueUnion(const Set& a, const Set& b);
-Set queueDifference(const Set& from, const Set& remove);
 // Makes queue (queue ∪ add) \ remove in place, without copying the queue; true when that
 // changed it (a record added that was missing, or a record removed that was there).
 bool applyQueueChange(Set& queue, const Set& add, const Set& remove);
