@@ -6,7 +6,7 @@
 
 #include "codecs/gzip.h"
 #include "delivery/delivery_server_test.h"
-#include "delivery/delivery_test_support.h"
+#include "delivery/delivery_fixture_test.h"
 #include "diagnostics/errors.h"
 
 namespace pnx::testing {

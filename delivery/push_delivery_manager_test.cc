@@ -8,7 +8,7 @@
 
 #include "delivery/delivery_records.h"
 #include "delivery/delivery_server_test.h"
-#include "delivery/delivery_test_support.h"
+#include "delivery/delivery_fixture_test.h"
 #include "delivery/in_flight.h"
 #include "platform/security/sqlite_io.h"
 
