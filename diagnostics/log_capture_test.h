@@ -5,6 +5,7 @@
 // Accessors may be called from any thread; build and destroy it on the test's thread.
 #pragma once
 
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -16,62 +17,51 @@
 
 class LogCapture {
  public:
-  struct Entry {
-    pnx::LogType type;
-    std::string text;
-  };
-
-  LogCapture() : previous_(pnx::SystemLog::sink()), sink_(std::make_shared<Sink>()) {
-    pnx::SystemLog::setSink(sink_);
-  }
+  LogCapture() { pnx::SystemLog::setSink(sink_); }
   ~LogCapture() { pnx::SystemLog::setSink(previous_); }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  std::vector<std::string> lines() {
-    std::vector<std::string> texts;
-    for (const Entry& entry : entries()) texts.push_back(entry.text);
-    return texts;
-  }
-  std::vector<Entry> entries() {
-    PNXLog::sharedInstance().drain();
-    std::lock_guard<std::mutex> lock(sink_->mutex);
-    return sink_->entries;
-  }
-  bool contains(std::string_view substring) {
-    for (const std::string& line : lines()) {
-      if (line.find(substring) != std::string::npos) return true;
-    }
-    return false;
+  std::vector<std::string> lines() { return seen().lines; }
+  std::vector<pnx::LogType> types() { return seen().types; }
+  bool contains(std::string_view part) {
+    return std::ranges::any_of(
+        lines(), [&](const std::string& line) { return line.find(part) != std::string::npos; });
   }
   // Console lines (pnx::Console::log), without the console's header.
-  std::vector<std::string> consoleLines() {
-    std::lock_guard<std::mutex> lock(sink_->mutex);
-    return sink_->consoleTexts;
-  }
+  std::vector<std::string> consoleLines() { return seen(false).console; }
   void clear() {
     PNXLog::sharedInstance().drain();
     std::lock_guard<std::mutex> lock(sink_->mutex);
-    sink_->entries.clear();
-    sink_->consoleTexts.clear();
+    sink_->seen = {};
   }
 
  private:
+  struct Seen {
+    std::vector<std::string> lines, console;
+    std::vector<pnx::LogType> types;
+  };
   struct Sink final : pnx::LogSink {
     void systemLog(pnx::LogType type, std::string_view, std::string_view,
                    std::string_view text) override {
       std::lock_guard<std::mutex> lock(mutex);
-      entries.push_back({type, std::string(text)});
+      seen.lines.emplace_back(text);
+      seen.types.push_back(type);
     }
     void console(std::string_view text) override {
       std::lock_guard<std::mutex> lock(mutex);
-      consoleTexts.emplace_back(text);
+      seen.console.emplace_back(text);
     }
     std::mutex mutex;
-    std::vector<Entry> entries;
-    std::vector<std::string> consoleTexts;
+    Seen seen;
   };
 
-  std::shared_ptr<pnx::LogSink> previous_;
-  std::shared_ptr<Sink> sink_;
+  Seen seen(bool drain = true) {
+    if (drain) PNXLog::sharedInstance().drain();
+    std::lock_guard<std::mutex> lock(sink_->mutex);
+    return sink_->seen;
+  }
+
+  std::shared_ptr<pnx::LogSink> previous_ = pnx::SystemLog::sink();
+  std::shared_ptr<Sink> sink_ = std::make_shared<Sink>();
 };
