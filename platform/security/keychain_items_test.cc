@@ -7,15 +7,14 @@
 
 #include <chrono>
 #include <filesystem>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "diagnostics/log_capture_test.h"
 #include "platform/files/fixtures_test.h"
 #include "platform/security/sqlite.h"
 #include "platform/security/sqlite_io.h"
-#include "platform/system/system_log.h"
 
 namespace pnx {
 namespace {
@@ -84,9 +83,7 @@ TEST_F(KeychainItems, ItemsAreAddedFoundUpdatedAndDeleted) {
   EXPECT_EQ(SecItemDelete(query("a")), errSecSuccess);
   EXPECT_EQ(SecItemDelete(query("a")), errSecItemNotFound);
 
-  struct stat info {};
-  ASSERT_EQ(stat(device_.deviceDirectory().c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0700u);
+  EXPECT_EQ(testing::modeOf(device_.deviceDirectory()), 0700u);
 }
 
 TEST_F(KeychainItems, MalformedQueriesAreParameterErrors) {
@@ -154,28 +151,9 @@ TEST_F(KeychainItems, AccessGroupsFollowTheEntitlements) {
   EXPECT_EQ(SecItemAdd(query("a")), errSecMissingEntitlement);
 }
 
-// Keeps the system-log lines while it lives.
-struct SystemLogLines : LogSink {
-  void systemLog(LogType, std::string_view, std::string_view, std::string_view text) override {
-    std::lock_guard lock(mutex);
-    all += std::string(text) + "\n";
-  }
-  void console(std::string_view) override {}
-  bool contains(std::string_view text) {
-    std::lock_guard lock(mutex);
-    return all.find(text) != std::string::npos;
-  }
-  std::mutex mutex;
-  std::string all;
-};
-
 class KeychainFailures : public KeychainItems {
  protected:
-  KeychainFailures() { SystemLog::setSink(log_); }
-  ~KeychainFailures() override {
-    SystemLog::setSink(nullptr);
-    SQLiteIO::setCurrent(nullptr);
-  }
+  ~KeychainFailures() override { SQLiteIO::setCurrent(nullptr); }
 
   // The reason a write failed for, "" when it succeeded.
   static std::string failedWrite(const char* account, const char* text) {
@@ -186,7 +164,7 @@ class KeychainFailures : public KeychainItems {
     return reason ? reason->localizedDescription() : "<no reason>";
   }
 
-  std::shared_ptr<SystemLogLines> log_ = std::make_shared<SystemLogLines>();
+  LogCapture log_;
 };
 
 // Another connection holds the write lock: a writer waits without blocking readers on
@@ -205,7 +183,7 @@ TEST_F(KeychainFailures, ABusyDatabaseIsWaitedOutBrieflyWithoutBlockingOtherThre
   writer.join();
   EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(6));
   EXPECT_EQ(readText("a"), "before");
-  EXPECT_TRUE(log_->contains("database is locked"));
+  EXPECT_TRUE(log_.contains("database is locked"));
 
   std::thread releaser([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -250,7 +228,7 @@ TEST_F(KeychainFailures, AFailedWriteLosesNothingStoredBefore) {
     EXPECT_TRUE(stored == before || (code == SQLITE_IOERR_FSYNC && stored == "failed")) << code;
     EXPECT_EQ(failedWrite("kept", after.c_str()), "") << code;
     EXPECT_EQ(readText("kept"), after) << code;
-    EXPECT_TRUE(log_->contains(message)) << code;
+    EXPECT_TRUE(log_.contains(message)) << code;
   }
   // A first write that fails leaves no item behind.
   SQLiteIO::setCurrent(std::make_shared<FailingDisk>(SQLITE_FULL));
