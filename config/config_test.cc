@@ -22,16 +22,6 @@ constexpr const char* kBeaconError = "iBeacon support enabled, but no UUID speci
 constexpr const char* kGeofenceCountError = "Maximum Location Geofence Count is larger then";
 const std::string kKeys = R"("appKey": {"dev": "apDEV45678", "prod": "apPROD5678"})";
 
-// The exception's name and reason when a configuration is built from the bundle, or "".
-std::string bundleFailure() {
-  try {
-    PNXConfig config;
-  } catch (const pnx::Exception& exception) {
-    return exception.name() + ": " + exception.reason();
-  }
-  return "";
-}
-
 // Each test gets its own bundle, no profile environment, and a capture of the log. Builds
 // run with the log at "verbose" unless the JSON names a level, so every message is seen.
 class ConfigTest : public ::testing::Test {
@@ -53,28 +43,27 @@ class ConfigTest : public ::testing::Test {
   LogCapture log_;
 };
 
-TEST_F(ConfigTest, WithoutFileOrDictionaryTheDefaultsApplyAndTheGapsAreLogged) {
+// A missing file is logged and leaves the defaults (the log at "error").
+TEST_F(ConfigTest, ReadsTheBundleFileOnlyWithoutADictionary) {
   PNXLog::sharedInstance().setLogLevelName("verbose");
-  PNXConfig config;
+  EXPECT_EQ(PNXConfig().teamId(), std::nullopt);
   EXPECT_TRUE(
       log_.contains("Config file named PnxConfig.json was expected in bundle but not "
                     "found, PNX integration will not operate correctly."));
   EXPECT_EQ(PNXLog::sharedInstance().logLevelName(), "ERROR");
-}
 
-TEST_F(ConfigTest, ReadsTheBundleFileOnlyWithoutADictionary) {
   device_.writeBundleFile("PnxConfig.json", R"({"teamId": "FROMFILE"})");
   EXPECT_EQ(PNXConfig().teamId(), "FROMFILE");
   EXPECT_EQ(PNXConfig(pnx::Value("not a dictionary")).teamId(), "FROMFILE");
   EXPECT_EQ(PNXConfig(pnx::Value::dict({})).teamId(), std::nullopt);
-
-  const std::pair<const char*, const char*> unreadable[] = {
-      {"", "Invalid Config File"},
-      {"\"a string\"", "Invalid Config File"},
-  };
-  for (const auto& [text, name] : unreadable) {
-    device_.writeBundleFile("PnxConfig.json", text);
-    EXPECT_TRUE(bundleFailure().starts_with(std::string(name) + ": ")) << text;
+  for (const char* unreadable : {"", "\"a string\""}) {
+    device_.writeBundleFile("PnxConfig.json", unreadable);
+    try {
+      PNXConfig config;
+      ADD_FAILURE() << "read " << unreadable;
+    } catch (const pnx::Exception& exception) {
+      EXPECT_EQ(exception.name(), "Invalid Config File") << unreadable;
+    }
   }
 }
 
@@ -104,7 +93,14 @@ TEST_F(ConfigTest, TypedGettersReadLooselyTypedValues) {
   EXPECT_EQ(PNXConfig::intValue(41.9, 7), 41);
 }
 
-TEST_F(ConfigTest, DeliveryReportingNeedsATeam) {
+TEST_F(ConfigTest, FlagsReadAsThePlatformReadsBooleansAndDeliveryReportingNeedsATeam) {
+  auto autoInitialize = [&](const char* value) {
+    return build(std::string(R"("autoInitialize": )") + value)->autoInitializeFlag();
+  };
+  for (const char* off : {"\"no\"", "\"maybe\"", "\"0\"", "0", "false"})
+    EXPECT_FALSE(autoInitialize(off)) << off;
+  for (const char* on : {"\"yes\"", "\" +007\"", "\"true\"", "2", "null", "{}"})
+    EXPECT_TRUE(autoInitialize(on)) << on;
   EXPECT_FALSE(build(R"("deliveryReporting": true)")->deliveryReporting());
   EXPECT_FALSE(build(R"("teamId": "", "deliveryReporting": true)")->deliveryReporting());
   EXPECT_FALSE(build(R"("teamId": "T1", "deliveryReporting": "1")")->deliveryReporting());
@@ -178,26 +174,6 @@ TEST_F(ConfigTest, LocationBlocksCountOnlyWhenPresent) {
   }
 }
 
-TEST_F(ConfigTest, AutoInitializeUsesThePlatformsBooleanReading) {
-  auto flag = [&](const char* value) {
-    return build(std::string(R"("autoInitialize": )") + value)->autoInitializeFlag();
-  };
-  for (const char* off : {"\"no\"", "\"maybe\"", "\"0\"", "0", "false"})
-    EXPECT_FALSE(flag(off)) << off;
-  for (const char* on : {"\"yes\"", "\" +007\"", "\"true\"", "2", "null", "{}"})
-    EXPECT_TRUE(flag(on)) << on;
-}
-
-TEST_F(ConfigTest, AppDelegateClassIsLookedUpInTheRegistry) {
-  PNXConfig::registerAppDelegateClass("SampleAppDelegate", [] { return nullptr; });
-  EXPECT_EQ(build(R"("appDelegateClass": "SampleAppDelegate")")->appDelegateClass()->name,
-            "SampleAppDelegate");
-  EXPECT_FALSE(log_.contains("appDelegateClass does not exist"));
-  EXPECT_EQ(build(R"("appDelegateClass": "Missing")")->appDelegateClass(), nullptr);
-  EXPECT_TRUE(log_.contains(
-      "appDelegateClass does not exist in config file, PNXAppDelegate will not be used."));
-}
-
 TEST_F(ConfigTest, AppKeysAreCheckedAndChosenByTheProvisioningEnvironment) {
   auto config = build("");
   EXPECT_TRUE(config->checkAppKey("apé1234567"));  // 10 UTF-16 units, 11 bytes
@@ -243,12 +219,14 @@ TEST_F(ConfigTest, BaseUrlIsReducedToItsServerRoot) {
   EXPECT_EQ(build(R"("baseUrl": 12)")->baseUrl().absoluteString(), kDefaultUrl);
 }
 
-TEST_F(ConfigTest, LogsATenLineSummary) {
+// The delegate class is looked up in the registry.
+TEST_F(ConfigTest, LogsATenLineSummaryAndLooksTheDelegateClassUp) {
   PNXProvisioning::sharedInstance()->setBinaryEnvironment("ad-hoc");
   PNXConfig::registerAppDelegateClass("Delegate", [] { return nullptr; });
-  build(R"("loglevel": "info", "appDelegateClass": "Delegate", "autoInitialize": false,
+  auto config =
+      build(R"("loglevel": "info", "appDelegateClass": "Delegate", "autoInitialize": false,
            "sessionTimeout": 9, )" +
-        kKeys);
+            kKeys);
   const std::vector<std::string> expected = {"Application Configuration Loaded",
                                              "Log Level is INFO",
                                              "App Key is apPROD5678",
@@ -265,6 +243,11 @@ TEST_F(ConfigTest, LogsATenLineSummary) {
     const std::string& line = lines[lines.size() - expected.size() + i];
     EXPECT_TRUE(line.ends_with(expected[i])) << line;
   }
+  EXPECT_EQ(config->appDelegateClass()->name, "Delegate");
+  EXPECT_FALSE(log_.contains("appDelegateClass does not exist"));
+  EXPECT_EQ(build(R"("appDelegateClass": "Missing")")->appDelegateClass(), nullptr);
+  EXPECT_TRUE(log_.contains(
+      "appDelegateClass does not exist in config file, PNXAppDelegate will not be used."));
 }
 
 TEST_F(ConfigTest, TheSharedInstanceIsBuiltOnceUnderConcurrentFirstCalls) {
