@@ -47,19 +47,20 @@ class KeychainStore : public ::testing::Test {
   pnx::testing::ScopedDevice device_;
   LogCapture log_;
   PNXKeychain store_{"svc"};
+  pnx::ErrorPtr error_;
 };
 
 // Reads with nothing to report leave the error they were given in place.
 TEST_F(KeychainStore, SetObjectAddsThenUpdatesAndMissingItemsAreNullWithoutAnError) {
-  pnx::ErrorPtr error = pnx::Error::make("sentinel", 1);
-  EXPECT_TRUE(store_.objectForName("name", &error).isNull());
-  EXPECT_FALSE(store_.itemForName("name", &error));
+  error_ = pnx::Error::make("sentinel", 1);
+  EXPECT_TRUE(store_.objectForName("name", &error_).isNull());
+  EXPECT_FALSE(store_.itemForName("name", &error_));
   ASSERT_TRUE(store_.setObject("first", "name"));
   pnx::Clock::advance(30);
   const pnx::Value value = pnx::Value::array({pnx::Date(5), 7});
   ASSERT_TRUE(store_.setObject(value, "name"));
-  EXPECT_EQ(store_.objectForName("name", &error), value);
-  auto item = store_.itemForName("name", &error);
+  EXPECT_EQ(store_.objectForName("name", &error_), value);
+  auto item = store_.itemForName("name", &error_);
   ASSERT_TRUE(item);
   EXPECT_EQ(item->value(), value);
   EXPECT_EQ(item->created(), pnx::Date(1700000000));
@@ -67,12 +68,12 @@ TEST_F(KeychainStore, SetObjectAddsThenUpdatesAndMissingItemsAreNullWithoutAnErr
 
   // A stored null comes back as null, and as an item with no properties.
   ASSERT_TRUE(store_.setObject(pnx::Value(), "nothing"));
-  EXPECT_TRUE(store_.objectForName("nothing", &error).isNull());
-  item = store_.itemForName("nothing", &error);
+  EXPECT_TRUE(store_.objectForName("nothing", &error_).isNull());
+  item = store_.itemForName("nothing", &error_);
   ASSERT_TRUE(item);
   EXPECT_FALSE(item->created());
   EXPECT_TRUE(item->value().isNull());
-  EXPECT_EQ(error->domain(), "sentinel");
+  EXPECT_EQ(error_->domain(), "sentinel");
 
   EXPECT_TRUE(store_.removeObjectForName("name"));
   EXPECT_FALSE(store_.removeObjectForName("name"));
@@ -83,25 +84,24 @@ TEST_F(KeychainStore, SetObjectAddsThenUpdatesAndMissingItemsAreNullWithoutAnErr
 TEST_F(KeychainStore, DataThatIsNoArchiveIsAnUnarchiveFailureAndIsNeverOverwritten) {
   ASSERT_EQ(addRawItem("junk", pnx::kSecAttrAccessibleAlwaysThisDeviceOnly, "not an archive"),
             pnx::errSecSuccess);
-  pnx::ErrorPtr error;
-  EXPECT_TRUE(store_.objectForName("junk", &error).isNull());
-  EXPECT_EQ(summary(error), "104: Keychain unarchive of junk failed");
-  ASSERT_TRUE(error->underlyingException());
-  EXPECT_EQ(error->underlyingException()->name(), pnx::NSInvalidUnarchiveOperationException);
-  EXPECT_FALSE(store_.itemForName("junk", &error));
-  EXPECT_EQ(summary(error), "104: Keychain unarchive of <unknown> failed");
+  EXPECT_TRUE(store_.objectForName("junk", &error_).isNull());
+  EXPECT_EQ(summary(error_), "104: Keychain unarchive of junk failed");
+  ASSERT_TRUE(error_->underlyingException());
+  EXPECT_EQ(error_->underlyingException()->name(), pnx::NSInvalidUnarchiveOperationException);
+  EXPECT_FALSE(store_.itemForName("junk", &error_));
+  EXPECT_EQ(summary(error_), "104: Keychain unarchive of <unknown> failed");
 
   auto toOne = [](const pnx::Value& current) {
     return current.isNull() ? std::optional<pnx::Value>(1) : std::nullopt;
   };
-  error = nullptr;
-  EXPECT_FALSE(store_.updateObjectForName("junk", toOne, &error));
-  EXPECT_EQ(error->code(), 104);
+  error_ = nullptr;
+  EXPECT_FALSE(store_.updateObjectForName("junk", toOne, &error_));
+  EXPECT_EQ(error_->code(), 104);
   EXPECT_TRUE(log_.contains("Could not update keychain name junk"));
-  EXPECT_EQ(store_.objectForName("junk", &error), pnx::Value());
+  EXPECT_EQ(store_.objectForName("junk", &error_), pnx::Value());
   EXPECT_TRUE(store_.updateObjectForName("fresh", toOne));
   EXPECT_TRUE(store_.updateObjectForName("fresh", toOne));
-  EXPECT_EQ(store_.objectForName("fresh", &error), pnx::Value(1));
+  EXPECT_EQ(store_.objectForName("fresh", &error_), pnx::Value(1));
 
   EXPECT_TRUE(store_.userId().isNull());
   ASSERT_EQ(addRawItem("userId", pnx::kSecAttrAccessibleAlwaysThisDeviceOnly, "junk"),
@@ -112,12 +112,11 @@ TEST_F(KeychainStore, DataThatIsNoArchiveIsAnUnarchiveFailureAndIsNeverOverwritt
 
 TEST_F(KeychainStore, AnUnavailableKeychainFailsEveryOperation) {
   device_.root().write("device/keychain.db", std::string(4096, 'x'));
-  pnx::ErrorPtr error;
-  EXPECT_TRUE(store_.objectForName("name", &error).isNull());
-  EXPECT_EQ(summary(error), "104: Keychain unarchive of name failed");
-  EXPECT_FALSE(error->underlyingException());
-  EXPECT_FALSE(store_.itemForName("name", &error));
-  EXPECT_EQ(summary(error), "122: Keychain is inaccessible.");
+  EXPECT_TRUE(store_.objectForName("name", &error_).isNull());
+  EXPECT_EQ(summary(error_), "104: Keychain unarchive of name failed");
+  EXPECT_FALSE(error_->underlyingException());
+  EXPECT_FALSE(store_.itemForName("name", &error_));
+  EXPECT_EQ(summary(error_), "122: Keychain is inaccessible.");
 
   EXPECT_FALSE(store_.setObject("v", "name"));
   EXPECT_TRUE(log_.contains("Could not set keychain name name to value v, return -25308"));
@@ -126,7 +125,14 @@ TEST_F(KeychainStore, AnUnavailableKeychainFailsEveryOperation) {
   EXPECT_TRUE(log_.contains("Couldn't set channelId in shared keychain."));
 }
 
-TEST_F(KeychainStore, TheGroupStoreUsesTheTeamsSharedGroupOrTheDefaultOne) {
+// The default store is the bundle identifier's; the group store is in the team's shared
+// group, or in the default group without a team.
+TEST_F(KeychainStore, TheDefaultStoreIsTheBundlesAndTheGroupStoreTheTeams) {
+  auto store = PNXKeychain::defaultKeychain();
+  EXPECT_EQ(store->service(), kBundleId);
+  EXPECT_FALSE(store->group());
+  EXPECT_TRUE(log_.contains(std::string("keychain bundleId: ") + kBundleId));
+
   useTeamId(std::nullopt);
   EXPECT_FALSE(PNXKeychain::groupKeychain("PNX")->group());
   EXPECT_TRUE(log_.contains(
@@ -146,21 +152,13 @@ TEST_F(KeychainStore, TheGroupStoreUsesTheTeamsSharedGroupOrTheDefaultOne) {
   EXPECT_EQ(shared->channelId(), pnx::Value("channel-1"));
   EXPECT_TRUE(log_.contains("Set userId in shared keychain."));
   EXPECT_TRUE(log_.contains("Got channelId from shared keychain."));
-}
-
-TEST_F(KeychainStore, TheDefaultStoreIsTheBundleIdentifiers) {
-  auto store = PNXKeychain::defaultKeychain();
-  EXPECT_EQ(store->service(), kBundleId);
-  EXPECT_FALSE(store->group());
-  EXPECT_TRUE(log_.contains(std::string("keychain bundleId: ") + kBundleId));
 
   // Without an identifier there is no service, and every operation raises.
   device_.writeBundleFile("Info.plist", "<plist version=\"1.0\"><dict/></plist>");
   auto broken = PNXKeychain::defaultKeychain();
   EXPECT_FALSE(broken->service());
-  pnx::ErrorPtr error;
   EXPECT_THROW(broken->setObject("v", "name"), pnx::Exception);
-  EXPECT_THROW(broken->objectForName("name", &error), pnx::Exception);
+  EXPECT_THROW(broken->objectForName("name", &error_), pnx::Exception);
 }
 
 // Two processes, lined up by a barrier in shared memory, write the same new name at the
@@ -201,12 +199,11 @@ TEST_F(KeychainStore, ConcurrentWritersNeverCollideAndMergesLoseNothing) {
   }
   pthread_barrier_destroy(barrier);
   munmap(barrier, sizeof(pthread_barrier_t));
-  pnx::ErrorPtr error;
   for (int i = 0; i < kRounds; ++i) {
-    pnx::Value value = store_.objectForName("name-" + std::to_string(i), &error);
+    pnx::Value value = store_.objectForName("name-" + std::to_string(i), &error_);
     EXPECT_TRUE(value == pnx::Value("p0") || value == pnx::Value("p1")) << value.description();
   }
-  pnx::Value queue = store_.objectForName("pushQueue", &error);
+  pnx::Value queue = store_.objectForName("pushQueue", &error_);
   ASSERT_TRUE(queue.isArray()) << queue.description();
   EXPECT_EQ(pnx::Set(queue.asArray()->begin(), queue.asArray()->end()).size(), 2u * kRounds);
 }
