@@ -46,12 +46,25 @@ std::string readText(const char* account) {
   return data ? std::string(data->begin(), data->end()) : "<not data>";
 }
 
+// The reason a write failed for, "" when it succeeded.
+std::string failedWrite(const char* account, const char* text) {
+  ErrorPtr reason;
+  OSStatus status = keychainSetItemData(query(account), bytes(text), &reason);
+  if (status == errSecSuccess) return "";
+  EXPECT_EQ(status, errSecInteractionNotAllowed);
+  return reason ? reason->localizedDescription() : "<no reason>";
+}
+
 class KeychainItems : public ::testing::Test {
  protected:
   KeychainItems() : device_(kBundleId) { Clock::set(Date(1700000000)); }
-  ~KeychainItems() override { Clock::useSystemClock(); }
+  ~KeychainItems() override {
+    Clock::useSystemClock();
+    SQLiteIO::setCurrent(nullptr);
+  }
 
   testing::ScopedDevice device_;
+  LogCapture log_;
 };
 
 TEST_F(KeychainItems, ItemsAreAddedFoundUpdatedAndDeleted) {
@@ -111,8 +124,7 @@ TEST_F(KeychainItems, MalformedQueriesAreParameterErrors) {
 }
 
 TEST_F(KeychainItems, AccessGroupsFollowTheEntitlements) {
-  // Without entitlements the bundle identifier is the one group.
-  EXPECT_EQ(keychainAccessGroups(), std::vector<std::string>{kBundleId});
+  EXPECT_EQ(keychainAccessGroups(), std::vector<std::string>{kBundleId});  // no entitlements
 
   device_.writeBundleFile(
       "Entitlements.plist",
@@ -151,26 +163,9 @@ TEST_F(KeychainItems, AccessGroupsFollowTheEntitlements) {
   EXPECT_EQ(SecItemAdd(query("a")), errSecMissingEntitlement);
 }
 
-class KeychainFailures : public KeychainItems {
- protected:
-  ~KeychainFailures() override { SQLiteIO::setCurrent(nullptr); }
-
-  // The reason a write failed for, "" when it succeeded.
-  static std::string failedWrite(const char* account, const char* text) {
-    ErrorPtr reason;
-    OSStatus status = keychainSetItemData(query(account), bytes(text), &reason);
-    if (status == errSecSuccess) return "";
-    EXPECT_EQ(status, errSecInteractionNotAllowed);
-    return reason ? reason->localizedDescription() : "<no reason>";
-  }
-
-  LogCapture log_;
-};
-
-// Another connection holds the write lock: a writer waits without blocking readers on
-// other threads, gives up within a few seconds saying why, and gets through once the lock
-// is released while it waits.
-TEST_F(KeychainFailures, ABusyDatabaseIsWaitedOutBrieflyWithoutBlockingOtherThreads) {
+// A writer waits out another connection's write lock without blocking readers, gives up
+// within seconds saying why, and gets through if the lock is released while it waits.
+TEST_F(KeychainItems, ABusyDatabaseIsWaitedOutBrieflyWithoutBlockingOtherThreads) {
   using std::chrono::steady_clock;
   ASSERT_EQ(failedWrite("a", "before"), "");
   auto other = SQLiteDatabase::open(keychainDatabasePath());
@@ -193,25 +188,20 @@ TEST_F(KeychainFailures, ABusyDatabaseIsWaitedOutBrieflyWithoutBlockingOtherThre
   releaser.join();
 }
 
-// A disk under the store that fails one way: writes fail, or the commit's sync fails.
-class FailingDisk : public SQLiteIO {
- public:
-  explicit FailingDisk(int code) : code_(code) {}
+// A disk under the store whose writes fail with code, or whose syncs fail with SQLITE_IOERR_FSYNC.
+struct FailingDisk : SQLiteIO {
+  explicit FailingDisk(int code) : code(code) {}
   int write(const File& file, const void* bytes, int amount, std::int64_t offset) override {
-    bool fails = code_ == SQLITE_FULL || code_ == SQLITE_IOERR_WRITE;
-    return fails ? code_ : SQLiteIO::write(file, bytes, amount, offset);
+    return code != SQLITE_IOERR_FSYNC ? code : SQLiteIO::write(file, bytes, amount, offset);
   }
   int sync(const File& file, int flags) override {
-    return code_ == SQLITE_IOERR_FSYNC ? code_ : SQLiteIO::sync(file, flags);
+    return code == SQLITE_IOERR_FSYNC ? code : SQLiteIO::sync(file, flags);
   }
-
- private:
-  int code_;
+  int code;
 };
 
-// Each failed write is reported with SQLite's reason, leaves what was stored before it,
-// and the store works again once the fault clears.
-TEST_F(KeychainFailures, AFailedWriteLosesNothingStoredBefore) {
+// Each failed write is reported with SQLite's reason and the store works once it clears.
+TEST_F(KeychainItems, AFailedWriteLosesNothingStoredBefore) {
   const std::pair<int, const char*> faults[] = {{SQLITE_FULL, "database or disk is full"},
                                                 {SQLITE_IOERR_WRITE, "disk I/O error"},
                                                 {SQLITE_IOERR_FSYNC, "disk I/O error"}};
@@ -237,10 +227,9 @@ TEST_F(KeychainFailures, AFailedWriteLosesNothingStoredBefore) {
   EXPECT_EQ(SecItemCopyMatching(query("new")), errSecItemNotFound);
 }
 
-// The store refuses what it cannot trust and leaves it as it is: keychain.db as a symbolic
-// link (also a dangling one), a device directory others can write, a newer schema, and a
-// file that is no database at all.
-TEST_F(KeychainFailures, UntrustworthyFilesAreRefusedAndLeftAlone) {
+// Refused and left as they are: keychain.db as a (dangling) symbolic link, a device
+// directory others can write, a newer schema, and a file that is no database at all.
+TEST_F(KeychainItems, UntrustworthyFilesAreRefusedAndLeftAlone) {
   std::string device = device_.deviceDirectory(), elsewhere = device_.root().file("other.db");
   std::filesystem::create_directories(device);
   ASSERT_EQ(symlink(elsewhere.c_str(), keychainDatabasePath().c_str()), 0);
