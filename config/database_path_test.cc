@@ -39,10 +39,37 @@ class DatabasePathTest : public ::testing::Test {
   const std::string privateDirectory_ = library_ + "/pnx.mobile-push";
 };
 
+// A file system that refuses to create directories.
+class NoNewDirectories : public pnx::FileManagerWrapper {
+ public:
+  NoNewDirectories() : FileManagerWrapper(pnx::FileManager::posix()) {}
+  bool createDirectory(const std::string& path, bool, const pnx::FileAttributes&,
+                       pnx::ErrorPtr* error) override {
+    if (error)
+      *error = pnx::Error::withDescription(pnx::NSCocoaErrorDomain, 513, "no permission", path);
+    return false;
+  }
+};
+
+// A directory that cannot be made is logged and the path still returned; concurrent first
+// callers make it and move a file once.
 TEST_F(DatabasePathTest, PrivateStorageTakesTheOldFilesAndKeepsThePublicOneOnConflict) {
   auto config = configWithPrivateStorage(true);
+  pnx::FileManager::setCurrent(std::make_shared<NoNewDirectories>());
+  EXPECT_EQ(config->pathForDatabase("d.db"), privateDirectory_ + "/d.db");
+  pnx::FileManager::setCurrent(nullptr);
+  EXPECT_TRUE(
+      log_.contains("Couldn't create private directory " + privateDirectory_ + ": no permission"));
+  put(documents_ + "/e.db", "public");
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) threads.emplace_back([&] { config->pathForDatabase("e.db"); });
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(contents(privateDirectory_ + "/e.db"), "public");
+  EXPECT_FALSE(std::filesystem::exists(documents_ + "/e.db"));
+  EXPECT_FALSE(log_.contains("Couldn't move"));
+
+  log_.clear();
   EXPECT_EQ(config->pathForDatabase("empty.db"), privateDirectory_ + "/empty.db");
-  EXPECT_TRUE(std::filesystem::is_directory(privateDirectory_));
   EXPECT_TRUE(log_.contains("Using Private Path for database empty.db -> " + privateDirectory_ +
                             "/empty.db"));
   EXPECT_FALSE(log_.contains("moving to"));
@@ -82,39 +109,6 @@ TEST_F(DatabasePathTest, PublicStorageMovesThePrivateFileBackPreferringTheOldOne
   EXPECT_TRUE(log_.contains("Old Private database found for c.db, moving to public path."));
   EXPECT_TRUE(log_.contains("Couldn't move private database at " + privateDirectory_ + "/c.db to " +
                             documents_ + "/c.db: "));
-}
-
-// A file system that refuses to create directories.
-class NoNewDirectories : public pnx::FileManagerWrapper {
- public:
-  NoNewDirectories() : FileManagerWrapper(pnx::FileManager::posix()) {}
-  bool createDirectory(const std::string& path, bool, const pnx::FileAttributes&,
-                       pnx::ErrorPtr* error) override {
-    if (error)
-      *error = pnx::Error::withDescription(pnx::NSCocoaErrorDomain, 513, "no permission", path);
-    return false;
-  }
-};
-
-TEST_F(DatabasePathTest, AFailedDirectoryIsLoggedAndThePathStillReturned) {
-  auto config = configWithPrivateStorage(true);
-  pnx::FileManager::setCurrent(std::make_shared<NoNewDirectories>());
-  const std::string path = config->pathForDatabase("d.db");
-  pnx::FileManager::setCurrent(nullptr);
-  EXPECT_EQ(path, privateDirectory_ + "/d.db");
-  EXPECT_TRUE(
-      log_.contains("Couldn't create private directory " + privateDirectory_ + ": no permission"));
-}
-
-TEST_F(DatabasePathTest, ConcurrentCallersMoveAFileOnce) {
-  put(documents_ + "/e.db", "public");
-  auto config = configWithPrivateStorage(true);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) threads.emplace_back([&] { config->pathForDatabase("e.db"); });
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(contents(privateDirectory_ + "/e.db"), "public");
-  EXPECT_FALSE(std::filesystem::exists(documents_ + "/e.db"));
-  EXPECT_FALSE(log_.contains("Couldn't move"));
 }
 
 }  // namespace
