@@ -14,15 +14,14 @@
 namespace {
 
 constexpr const char* kBundleId = "com.example.keychain.store";
-constexpr const char* kTeamId = "ABCDE12345";
 
 // A raw item of service "svc" beside the store's own items.
-pnx::OSStatus addRawItem(const char* account, const char* accessible, const std::string& text) {
+pnx::OSStatus addRawItem(const char* account, const std::string& text) {
   return pnx::SecItemAdd(
       pnx::Value::dict({{pnx::kSecClass, pnx::kSecClassGenericPassword},
                         {pnx::kSecAttrService, "svc"},
                         {pnx::kSecAttrAccount, account},
-                        {pnx::kSecAttrAccessible, accessible},
+                        {pnx::kSecAttrAccessible, pnx::kSecAttrAccessibleAlwaysThisDeviceOnly},
                         {pnx::kSecValueData, pnx::Data(text.begin(), text.end())}}));
 }
 
@@ -82,8 +81,7 @@ TEST_F(KeychainStore, SetObjectAddsThenUpdatesAndMissingItemsAreNullWithoutAnErr
 // Data that is no archive is never handed to an update's change nor overwritten; a change
 // that returns nothing keeps the item.
 TEST_F(KeychainStore, DataThatIsNoArchiveIsAnUnarchiveFailureAndIsNeverOverwritten) {
-  ASSERT_EQ(addRawItem("junk", pnx::kSecAttrAccessibleAlwaysThisDeviceOnly, "not an archive"),
-            pnx::errSecSuccess);
+  ASSERT_EQ(addRawItem("junk", "not an archive"), pnx::errSecSuccess);
   EXPECT_TRUE(store_.objectForName("junk", &error_).isNull());
   EXPECT_EQ(summary(error_), "104: Keychain unarchive of junk failed");
   ASSERT_TRUE(error_->underlyingException());
@@ -104,8 +102,7 @@ TEST_F(KeychainStore, DataThatIsNoArchiveIsAnUnarchiveFailureAndIsNeverOverwritt
   EXPECT_EQ(store_.objectForName("fresh", &error_), pnx::Value(1));
 
   EXPECT_TRUE(store_.userId().isNull());
-  ASSERT_EQ(addRawItem("userId", pnx::kSecAttrAccessibleAlwaysThisDeviceOnly, "junk"),
-            pnx::errSecSuccess);
+  ASSERT_EQ(addRawItem("userId", "junk"), pnx::errSecSuccess);
   EXPECT_TRUE(store_.userId().isNull());
   EXPECT_TRUE(log_.contains("Couldn't get userId from shared keychain."));
 }
@@ -138,7 +135,7 @@ TEST_F(KeychainStore, TheDefaultStoreIsTheBundlesAndTheGroupStoreTheTeams) {
   EXPECT_TRUE(log_.contains(
       "Can not create keychain group with teamId, there is no teamId in config file."));
 
-  useTeamId(kTeamId);
+  useTeamId("ABCDE12345");
   device_.writeBundleFile("Entitlements.plist",
                           "<plist version=\"1.0\"><dict><key>keychain-access-groups</key>"
                           "<array><string>ABCDE12345.PNX</string></array></dict></plist>");
@@ -161,9 +158,8 @@ TEST_F(KeychainStore, TheDefaultStoreIsTheBundlesAndTheGroupStoreTheTeams) {
   EXPECT_THROW(broken->objectForName("name", &error_), pnx::Exception);
 }
 
-// Two processes, lined up by a barrier in shared memory, write the same new name at the
-// same moment and merge a record into one shared queue, round after round: every write
-// succeeds, each name ends with one of the two values, and the queue holds every record.
+// Two processes, lined up each round by a shared barrier, write the same new name and merge a
+// record into one queue: every write succeeds, each name holds one value, no record is lost.
 TEST_F(KeychainStore, ConcurrentWritersNeverCollideAndMergesLoseNothing) {
   constexpr int kRounds = 40;
   auto* barrier = static_cast<pthread_barrier_t*>(mmap(nullptr, sizeof(pthread_barrier_t),
