@@ -65,7 +65,7 @@ TEST_F(ConfigTest, ReadsTheBundleFileOnlyWithoutADictionary) {
   }
 }
 
-TEST_F(ConfigTest, TypedGettersReadLooselyTypedValues) {
+TEST_F(ConfigTest, TypedGettersAndFlagsReadLooselyTypedValuesAndReportingNeedsATeam) {
   for (const char* yes : {"YES", "True", "yes"}) EXPECT_TRUE(PNXConfig::boolValue(yes, false));
   for (const char* no : {"no", "FALSE"}) EXPECT_FALSE(PNXConfig::boolValue(no, true));
   for (const char* other : {"1", "on", "Y", ""}) EXPECT_TRUE(PNXConfig::boolValue(other, true));
@@ -80,9 +80,7 @@ TEST_F(ConfigTest, TypedGettersReadLooselyTypedValues) {
   EXPECT_EQ(PNXConfig::intValue("5000000000", 7), INT32_MAX);
   EXPECT_EQ(PNXConfig::intValue(-1e12, 7), INT32_MIN);
   EXPECT_EQ(PNXConfig::intValue(41.9, 7), 41);
-}
 
-TEST_F(ConfigTest, FlagsReadAsThePlatformReadsBooleansAndDeliveryReportingNeedsATeam) {
   auto autoInitialize = [&](const char* value) {
     return build(std::string(R"("autoInitialize": )") + value)->autoInitializeFlag();
   };

@@ -15,7 +15,7 @@ std::shared_ptr<PNXErrorCaller> recordOf(Lines lines) {
   return PNXErrorCaller::errorCallerWithStack(std::move(lines));
 }
 
-TEST(ErrorCallerTest, SplitsAtTheSeparatorCharactersOnly) {
+TEST(ErrorCallerTest, SplitsAtTheSeparatorCharactersOnlyAndDropsItsOwnFrames) {
   EXPECT_EQ(PNXErrorCaller::tokens("4   SomeFramework   0x4a3c +[NSError(PNX) "
                                    "errorWithCode:description:underlyingError:userInfo:] + 120"),
             (Lines{"4", "SomeFramework", "0x4a3c", "NSError(PNX)",
@@ -35,9 +35,8 @@ TEST(ErrorCallerTest, SplitsAtTheSeparatorCharactersOnly) {
   auto plain = recordOf({"7   App   0x99 main + 96"});
   EXPECT_EQ(plain->classCaller(), "main");
   EXPECT_EQ(plain->functionCaller(), "96");
-}
 
-TEST(ErrorCallerTest, DropsItsOwnAndTheFactoriesFramesWhereverTheyStand) {
+  // Its own frames and the error factories' are dropped wherever they stand.
   auto record = recordOf({
       "0   Lib   0x1 -[PNXErrorCaller findCallbackSymbol] + 1",
       "1   Lib   0x2 -[PNXErrorCaller errorCaller] + 2",

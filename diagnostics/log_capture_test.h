@@ -1,8 +1,7 @@
-// LogCapture: while it lives, every system-log and console line goes to it instead of
-// syslog and stderr; the previous sink comes back when it goes away. lines() waits for the
-// log's queues and returns the system-log lines as mark and text, e.g. "🛑 Keychain is
-// inaccessible." (level 0 lines never reach the system log). Set a level first.
-// Accessors may be called from any thread; build and destroy it on the test's thread.
+// LogCapture: while it lives, system-log and console lines come here, not to syslog and stderr.
+// lines() waits for the log's queues and gives system-log lines as mark and text, e.g. "🛑
+// Keychain is inaccessible." (never level 0 ones). Set a level first. Accessors may be called
+// from any thread; build and destroy it on the test's thread.
 #pragma once
 
 #include <algorithm>

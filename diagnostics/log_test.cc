@@ -181,7 +181,7 @@ TEST_F(LogTest, RotationShiftsBackupsUpToTheLimitAndStopsAtAGap) {
 }
 
 // Problems with a directory fall back to the documents directory.
-TEST_F(LogTest, ANewDirectoryIsCreatedPrivateAndAnUnusableOneFallsBack) {
+TEST_F(LogTest, ANewDirectoryIsCreatedPrivateAndUnusablePlacesAreRefused) {
   PNXLogError("first");
   log.drain();
   log.setLogsDirectory(dir.file("new/logs"));
@@ -213,6 +213,23 @@ TEST_F(LogTest, ANewDirectoryIsCreatedPrivateAndAnUnusableOneFallsBack) {
                                "Specified output directory didn't exist and couldn't be created, "
                                "resetting to default. Error was: "));
   EXPECT_EQ(log.logsDirectory(), PNXLog::defaultLogsDirectory());
+
+  // A symbolic link in the place of "PNX.log" is neither followed nor replaced: the lines are
+  // refused, and said so once.
+  const std::string target = dir.write("elsewhere/target", "");
+  std::filesystem::create_directory(dir.file("linked"));
+  std::filesystem::create_symlink(target, dir.file("linked/PNX.log"));
+  log.setLogsDirectory(dir.file("linked"));
+  PNXLogError("first");
+  PNXLogError("second");
+  log.drain();
+  EXPECT_TRUE(std::filesystem::is_symlink(dir.file("linked/PNX.log")));
+  EXPECT_EQ(dir.read("elsewhere/target"), "");
+  const auto lines = capture.lines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                       kError + "Refused log file " + dir.file("linked/PNX.log") +
+                           ": it is a symbolic link."),
+            1);
 }
 
 TEST_F(LogTest, LinesFromManyThreadsKeepTheirOrderAndHostMarksAreKept) {
@@ -279,25 +296,6 @@ TEST_F(LogTest, TwoProcessesWritingAndRotatingTheSameFilesLoseNoLine) {
   std::sort(expected.begin(), expected.end());
   std::sort(found.begin(), found.end());
   EXPECT_TRUE(found == expected) << "torn, lost or repeated lines";
-}
-
-// A symbolic link in the place of "PNX.log" is neither followed nor replaced: the lines are
-// refused, and said so once.
-TEST_F(LogTest, ALiveFileThatIsASymbolicLinkIsRefused) {
-  const std::string target = dir.write("elsewhere/target", "");
-  std::filesystem::create_directory(dir.file("linked"));
-  std::filesystem::create_symlink(target, dir.file("linked/PNX.log"));
-  log.setLogsDirectory(dir.file("linked"));
-  PNXLogError("first");
-  PNXLogError("second");
-  log.drain();
-  EXPECT_TRUE(std::filesystem::is_symlink(dir.file("linked/PNX.log")));
-  EXPECT_EQ(dir.read("elsewhere/target"), "");
-  const auto lines = capture.lines();
-  EXPECT_EQ(std::count(lines.begin(), lines.end(),
-                       kError + "Refused log file " + dir.file("linked/PNX.log") +
-                           ": it is a symbolic link."),
-            1);
 }
 
 }  // namespace

@@ -67,7 +67,7 @@ class KeychainItems : public ::testing::Test {
   LogCapture log_;
 };
 
-TEST_F(KeychainItems, ItemsAreAddedFoundUpdatedAndDeleted) {
+TEST_F(KeychainItems, ItemsAreAddedFoundUpdatedAndDeletedAndMalformedQueriesRefused) {
   Value item = query("a", {{kSecValueData, bytes("one")},
                            {kSecAttrAccessible, kSecAttrAccessibleAlwaysThisDeviceOnly}});
   EXPECT_EQ(SecItemCopyMatching(query("a")), errSecItemNotFound);
@@ -97,9 +97,7 @@ TEST_F(KeychainItems, ItemsAreAddedFoundUpdatedAndDeleted) {
   EXPECT_EQ(SecItemDelete(query("a")), errSecItemNotFound);
 
   EXPECT_EQ(testing::modeOf(device_.deviceDirectory()), 0700u);
-}
 
-TEST_F(KeychainItems, MalformedQueriesAreParameterErrors) {
   const Value badQueries[] = {
       Value("not a dictionary"),
       Value::dict({{kSecAttrService, "svc"}, {kSecAttrAccount, "a"}}),
