@@ -117,7 +117,7 @@ TEST_F(LogTest, FileLinesAreStampedAndLevelZeroFromCPassesAtNone) {
 }
 
 // Each line is 27 + 5 + 3 + 1 = 36 bytes: two of them reach a limit of 72 but pass 71.
-TEST_F(LogTest, RotatesOnlyWhenAWriteTakesTheFilePastMaximumSize) {
+TEST_F(LogTest, RotatesOnlyPastMaximumSizeAndShiftsBackupsUpToTheLimit) {
   const std::string e = kError;
   const std::pair<std::uint64_t, std::map<std::string, std::vector<std::string>>> cases[] = {
       {72, {{"PNX-1.log", {e + "ab1", e + "ab2", e + "ab3"}}, {"PNX.log", {e + "ab4"}}}},
@@ -147,15 +147,14 @@ TEST_F(LogTest, RotatesOnlyWhenAWriteTakesTheFilePastMaximumSize) {
   log.drain();
   EXPECT_EQ(dir.read("PNX-1.log"), std::string(101, 'x'));
   EXPECT_EQ(unstamped(dir.read("PNX.log")), std::vector<std::string>{kError + "kept"});
-}
 
-TEST_F(LogTest, RotationShiftsBackupsUpToTheLimitAndStopsAtAGap) {
+  // Backups shift up to the limit and stop at a gap.
   struct Case {
     std::int32_t limit;
     std::vector<std::string> before;
     std::map<std::string, std::string> after;  // file name -> the name it had before
   };
-  const Case cases[] = {
+  const Case shifts[] = {
       {7,
        {"PNX.log", "PNX-1.log", "PNX-3.log"},
        {{"PNX-1.log", "PNX.log"}, {"PNX-2.log", "PNX-1.log"}, {"PNX-3.log", "PNX-3.log"}}},
@@ -165,7 +164,7 @@ TEST_F(LogTest, RotationShiftsBackupsUpToTheLimitAndStopsAtAGap) {
        {"PNX.log", "PNX-1.log", "PNX-2.log", "PNX-3.log"},
        {{"PNX-1.log", "PNX.log"}, {"PNX-2.log", "PNX-1.log"}, {"PNX-3.log", "PNX-3.log"}}},
   };
-  for (const Case& c : cases) {
+  for (const Case& c : shifts) {
     const std::string sub = std::to_string(c.limit);
     for (const std::string& name : c.before) dir.write(sub + "/" + name, name);
     log.setLogsDirectory(dir.file(sub));
