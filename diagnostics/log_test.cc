@@ -265,17 +265,16 @@ TEST_F(LogTest, TwoProcessesWritingAndRotatingTheSameFilesLoseNoLine) {
   log.setMaximumNumberOfLogFiles(1000);
   constexpr int kProcesses = 2;
   constexpr int kLinesEach = 3000;
-  auto text = [](int process, int i) {
-    return "process " + std::to_string(process) + " line " + std::to_string(i);
-  };
   std::vector<std::string> expected, found;
   std::vector<pid_t> children;
   for (int process = 0; process < kProcesses; ++process) {
-    for (int i = 0; i < kLinesEach; ++i) expected.push_back(text(process, i));
+    for (int i = 0; i < kLinesEach; ++i) {
+      expected.push_back("process " + std::to_string(process) + " line " + std::to_string(i));
+    }
     const pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
-      for (int i = 0; i < kLinesEach; ++i) log.writeFileLog(text(process, i));
+      for (int i = 0; i < kLinesEach; ++i) log.writeFileLog(expected[process * kLinesEach + i]);
       _exit(0);
     }
     children.push_back(pid);

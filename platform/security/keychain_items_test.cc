@@ -126,9 +126,8 @@ TEST_F(KeychainItems, AccessGroupsFollowTheEntitlements) {
 
   device_.writeBundleFile(
       "Entitlements.plist",
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-      "<key>keychain-access-groups</key><array><string>TEAM.shared</string>"
-      "<string>TEAM.other</string></array></dict></plist>\n");
+      "<plist version=\"1.0\"><dict><key>keychain-access-groups</key><array>"
+      "<string>TEAM.shared</string><string>TEAM.other</string></array></dict></plist>");
   EXPECT_EQ(keychainAccessGroups(), (std::vector<std::string>{"TEAM.shared", "TEAM.other"}));
   ASSERT_EQ(SecItemAdd(
                 query("a", {{kSecAttrAccessGroup, "TEAM.other"}, {kSecValueData, bytes("other")}})),
