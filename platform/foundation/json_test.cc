@@ -8,9 +8,9 @@ namespace pnx {
 namespace {
 
 // The description of the error a failed parse leaves behind (and checks its identity).
-std::string parseError(std::string_view text, JSONReadOptions options = {}) {
+std::string parseError(std::string_view text) {
   ErrorPtr error;
-  auto value = JSON::parse(text, &error, options);
+  auto value = JSON::parse(text, &error);
   EXPECT_FALSE(value.has_value()) << text;
   if (!error) return "<no error>";
   EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
@@ -18,16 +18,7 @@ std::string parseError(std::string_view text, JSONReadOptions options = {}) {
   return error->localizedDescription();
 }
 
-std::string writeError(const Value& value) {
-  ErrorPtr error;
-  EXPECT_FALSE(JSON::serialize(value, &error).has_value());
-  EXPECT_FALSE(JSON::isValidJSONObject(Value::array({value})));
-  if (!error) return "<no error>";
-  EXPECT_EQ(error->code(), 3851);
-  return error->localizedDescription();
-}
-
-TEST(JSONTest, ParsesIntoValuesOfTheRightKind) {
+TEST(JSONTest, ParsesIntoValuesOfTheRightKindAndSerializesCompactly) {
   ErrorPtr untouched;
   auto value = JSON::parse(
       R"({"i": -7, "big": 18446744073709551615, "r": 2.0, "t": true, "n": null,
@@ -54,21 +45,19 @@ TEST(JSONTest, ParsesIntoValuesOfTheRightKind) {
   EXPECT_EQ(JSON::parse("-0.5", nullptr, {.allowFragments = true}), Value(-0.5));
   EXPECT_EQ(JSON::parse(Data{'[', '"', 0xe2, 0x82, 0xac, '"', ']'}),
             Value::array({"\xe2\x82\xac"}));
-}
 
-TEST(JSONTest, SerializesCompactlyAndRoundTrips) {
-  Value v = Value::dict({{"b", Value::array({5.0, 0.1, -3, 1e300, true, Value()})},
-                         {"a", "q\"\\/\n\x01\x7f\xc3\xa9"},
-                         {"c", Value::dict({})}});
-  auto text = JSON::serialize(v);
+  const Value written = Value::dict({{"b", Value::array({5.0, 0.1, -3, 1e300, true, Value()})},
+                                     {"a", "q\"\\/\n\x01\x7f\xc3\xa9"},
+                                     {"c", Value::dict({})}});
+  auto text = JSON::serialize(written);
   ASSERT_TRUE(text);
   EXPECT_EQ(*text,
             "{\"a\":\"q\\\"\\\\/\\n\\u0001\x7f\xc3\xa9\",\"b\":[5,0.1,-3,1e+300,true,null],"
             "\"c\":{}}");
-  EXPECT_EQ(JSON::parse(*text), v);
+  EXPECT_EQ(JSON::parse(*text), written);
   EXPECT_EQ(JSON::serialize(Value(std::numeric_limits<std::int64_t>::min())),
             "-9223372036854775808");
-  EXPECT_TRUE(JSON::isValidJSONObject(v));
+  EXPECT_TRUE(JSON::isValidJSONObject(written));
   EXPECT_FALSE(JSON::isValidJSONObject(Value("fragment")));
 }
 
@@ -114,21 +103,27 @@ TEST(JSONTest, ErrorsSayWhatAndWhere) {
 }
 
 TEST(JSONTest, UnwritableValues) {
-  EXPECT_EQ(writeError(Value::dict({{"when", Value(Date(0))}})),
-            "Invalid type in JSON write (NSDate)");
-  EXPECT_EQ(writeError(Value(Data{1})), "Invalid type in JSON write (NSData)");
-  EXPECT_EQ(writeError(Value(Set{})), "Invalid type in JSON write (NSSet)");
-  EXPECT_EQ(writeError(Value::array({Value(ObjectPtr(Error::make("D", 1)))})),
-            "Invalid type in JSON write (NSError)");
-  EXPECT_EQ(writeError(Value(std::numeric_limits<double>::quiet_NaN())),
-            "Invalid number value (NaN) in JSON write");
-  EXPECT_EQ(writeError(Value::array({std::numeric_limits<double>::infinity()})),
-            "Invalid number value (infinite) in JSON write");
-  EXPECT_EQ(writeError(Value(Dictionary{{Value(1), Value(2)}})),
-            "Invalid (non-string) key in JSON dictionary");
-  EXPECT_EQ(writeError(Value("bad \xc3")), "Invalid string (not UTF-8) in JSON write");
-  EXPECT_EQ(writeError(Value(Dictionary{{Value("\xff"), Value(2)}})),
-            "Invalid string (not UTF-8) in JSON write");
+  const std::pair<Value, const char*> cases[] = {
+      {Value::dict({{"when", Value(Date(0))}}), "Invalid type in JSON write (NSDate)"},
+      {Value(Data{1}), "Invalid type in JSON write (NSData)"},
+      {Value(Set{}), "Invalid type in JSON write (NSSet)"},
+      {Value::array({Value(ObjectPtr(Error::make("D", 1)))}),
+       "Invalid type in JSON write (NSError)"},
+      {Value(std::numeric_limits<double>::quiet_NaN()), "Invalid number value (NaN) in JSON write"},
+      {Value::array({std::numeric_limits<double>::infinity()}),
+       "Invalid number value (infinite) in JSON write"},
+      {Value(Dictionary{{Value(1), Value(2)}}), "Invalid (non-string) key in JSON dictionary"},
+      {Value("bad \xc3"), "Invalid string (not UTF-8) in JSON write"},
+      {Value(Dictionary{{Value("\xff"), Value(2)}}), "Invalid string (not UTF-8) in JSON write"},
+  };
+  for (const auto& [value, message] : cases) {
+    ErrorPtr error;
+    EXPECT_FALSE(JSON::serialize(value, &error).has_value()) << message;
+    EXPECT_FALSE(JSON::isValidJSONObject(Value::array({value}))) << message;
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->code(), 3851);
+    EXPECT_EQ(error->localizedDescription(), message);
+  }
 }
 
 }  // namespace
