@@ -19,8 +19,8 @@ Data bytesOf(std::string_view text) {
   return Data(text.begin(), text.end());
 }
 
-std::string xmlPlist(std::string_view body) {
-  return "<?xml version=\"1.0\"?><plist version=\"1.0\">" + std::string(body) + "</plist>";
+Data xmlPlist(std::string_view body) {
+  return bytesOf("<?xml version=\"1.0\"?><plist version=\"1.0\">" + std::string(body) + "</plist>");
 }
 
 void appendBigEndian(Data& out, std::uint64_t value, int width) {
@@ -63,7 +63,7 @@ Data nestedBinaryArrays(std::size_t depth) {
   return binaryPlist(objects);
 }
 
-std::string nestedXMLArrays(std::size_t depth) {
+Data nestedXMLArrays(std::size_t depth) {
   std::string open, close;
   for (std::size_t i = 0; i < depth; ++i) open += "<array>", close += "</array>";
   return xmlPlist(open + close);
@@ -171,8 +171,8 @@ TEST(PropertyListTest, DatesKeepWhatEachFormatCanHold) {
 
   // XML dates read exactly at the edges of 32-bit seconds (beyond them, or in any other
   // form, they are refused rather than read wrongly: see DamagedAndHostileInputFails).
-  auto edges = PropertyList::parse(bytesOf(xmlPlist(
-      "<array><date>1932-12-13T20:45:52Z</date><date>\n2069-01-19T03:14:07Z </date></array>")));
+  auto edges = PropertyList::parse(xmlPlist(
+      "<array><date>1932-12-13T20:45:52Z</date><date>\n2069-01-19T03:14:07Z </date></array>"));
   EXPECT_EQ(edges, Value::array({Value(Date::fromReferenceDate(-2147483648.0)),
                                  Value(Date::fromReferenceDate(2147483647.0))}));
   // XML refuses to write what it could not read back.
@@ -246,33 +246,33 @@ TEST(PropertyListTest, DamagedAndHostileInputFails) {
        "binary property list integer beyond 64 bits"},
       {binaryPlist(doubling), "binary property list expands too far"},
       // XML text must be UTF-8 (a reference to a surrogate is not).
-      {bytesOf(xmlPlist("<string>A\xd0</string>")), "XML text is not UTF-8"},
-      {bytesOf(xmlPlist("<dict><key>&#xD800;</key><true/></dict>")), "XML text is not UTF-8"},
-      {bytesOf(xmlPlist("<date>2100-01-01T00:00:00Z</date>")),
+      {xmlPlist("<string>A\xd0</string>"), "XML text is not UTF-8"},
+      {xmlPlist("<dict><key>&#xD800;</key><true/></dict>"), "XML text is not UTF-8"},
+      {xmlPlist("<date>2100-01-01T00:00:00Z</date>"),
        "XML date \"2100-01-01T00:00:00Z\" is outside the readable range "
        "1932-12-13T20:45:52Z to 2069-01-19T03:14:07Z"},
-      {bytesOf(xmlPlist("<array><date>1932-12-13T20:45:51Z</date></array>")),
+      {xmlPlist("<array><date>1932-12-13T20:45:51Z</date></array>"),
        "XML date \"1932-12-13T20:45:51Z\" is outside the readable range "
        "1932-12-13T20:45:52Z to 2069-01-19T03:14:07Z"},
-      {bytesOf(xmlPlist("<date>2001-01-01</date>")),
+      {xmlPlist("<date>2001-01-01</date>"),
        "XML date \"2001-01-01\" is not of the form yyyy-MM-ddTHH:mm:ssZ"},
-      {bytesOf(xmlPlist("<date>2001-02-30T00:00:00Z</date>")),
+      {xmlPlist("<date>2001-02-30T00:00:00Z</date>"),
        "XML date \"2001-02-30T00:00:00Z\" is not of the form yyyy-MM-ddTHH:mm:ssZ"},
-      {bytesOf(xmlPlist("<date/>")), "XML date \"\" is not of the form yyyy-MM-ddTHH:mm:ssZ"},
-      {bytesOf(xmlPlist("<date>2001-01-01T00:00:00Z<!-- x -->5</date>")),
+      {xmlPlist("<date/>"), "XML date \"\" is not of the form yyyy-MM-ddTHH:mm:ssZ"},
+      {xmlPlist("<date>2001-01-01T00:00:00Z<!-- x -->5</date>"),
        "XML date holds more than plain text"},
       // Nesting is capped at 512 levels, far short of what would overflow the stack.
       {nestedBinaryArrays(513), tooDeep},
-      {bytesOf(nestedXMLArrays(513)), tooDeep},
+      {nestedXMLArrays(513), tooDeep},
       {nestedBinaryArrays(60000), tooDeep},
-      {bytesOf(nestedXMLArrays(1000000)), tooDeep},
+      {nestedXMLArrays(1000000), tooDeep},
   };
   for (const auto& [bytes, detail] : cases) {
     SCOPED_TRACE(detail);
     expectUnreadable(bytes, detail);
   }
   EXPECT_TRUE(PropertyList::parse(nestedBinaryArrays(512)));
-  EXPECT_TRUE(PropertyList::parse(bytesOf(nestedXMLArrays(512))));
+  EXPECT_TRUE(PropertyList::parse(nestedXMLArrays(512)));
 }
 
 // The process's data segment (private writable memory, malloc's heap and mappings), in bytes.
