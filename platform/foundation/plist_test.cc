@@ -183,31 +183,17 @@ TEST(PropertyListTest, DatesKeepWhatEachFormatCanHold) {
   EXPECT_EQ(error->localizedDescription(), "Property list invalid for format (date out of range)");
 }
 
-// One-byte strings hold the platform's 8-bit encoding, read as Latin-1; two-byte strings
-// are UTF-16. Either way the Value is UTF-8 and writes back in both formats.
+// Objects encoded by hand. One-byte strings hold the platform's 8-bit encoding, read as
+// Latin-1; two-byte strings are UTF-16. Either way the Value is UTF-8 and writes back in
+// both formats.
 TEST(PropertyListTest, BinaryStringsReadAsUTF8AndIntegersOfEveryWidth) {
-  const Value latin1 = Value::array({"A\xc3\x90", "\xc3\x83\xc2\xa9"});
-  EXPECT_EQ(PropertyList::parse(
-                binaryPlist({arrayOf({1, 2}), Data{0x52, 'A', 0xd0}, Data{0x52, 0xc3, 0xa9}})),
-            latin1);
-  // An empty UTF-16 string, as a key and as a value.
-  EXPECT_EQ(PropertyList::parse(binaryPlist({Data{0xd1, 0, 1, 0, 1}, Data{0x60}})),
-            Value::dict({{"", ""}}));
-  // A surrogate pair joins; an unpaired surrogate, high or low, becomes U+FFFD.
-  EXPECT_EQ(
-      PropertyList::parse(binaryPlist({arrayOf({1}), Data{0x66, 0xd8, 0x3d, 0xde, 0x00, 0xd8, 0x00,
-                                                          0, 'x', 0xdc, 0x00, 0xd8, 0x00}})),
-      Value::array({"\xf0\x9f\x98\x80\xef\xbf\xbdx\xef\xbf\xbd\xef\xbf\xbd"}));
-
-  // Every UTF-8 length at its edges, a byte-order mark and text made only of it.
-  const Value text =
-      Value::array({"\xc2\x80\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf",
-                    "\xef\xbb\xbf", "a\xef\xbb\xbf", latin1});
-  for (Format format : {Format::Binary, Format::XML}) {
-    EXPECT_EQ(PropertyList::parse(*PropertyList::serialize(text, format)), text);
-  }
-
   const std::pair<Data, Value> cases[] = {
+      {{0x52, 'A', 0xd0}, Value("A\xc3\x90")},
+      {{0x52, 0xc3, 0xa9}, Value("\xc3\x83\xc2\xa9")},
+      {{0x60}, Value("")},
+      // A surrogate pair joins; an unpaired surrogate, high or low, becomes U+FFFD.
+      {{0x66, 0xd8, 0x3d, 0xde, 0x00, 0xd8, 0x00, 0, 'x', 0xdc, 0x00, 0xd8, 0x00},
+       Value("\xf0\x9f\x98\x80\xef\xbf\xbdx\xef\xbf\xbd\xef\xbf\xbd")},
       {{0x12, 0xff, 0xff, 0xff, 0xff}, Value(4294967295ll)},
       {{0x13, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xfe}, Value(-2)},
       {{0x14, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x80, 0, 0, 0, 0, 0, 0, 0},
@@ -222,6 +208,17 @@ TEST(PropertyListTest, BinaryStringsReadAsUTF8AndIntegersOfEveryWidth) {
     ASSERT_TRUE(value) << expected.description();
     EXPECT_EQ(value->asArray()->at(0).type(), expected.type());
     EXPECT_EQ(value, Value::array({expected}));
+  }
+  // An empty UTF-16 string as a key.
+  EXPECT_EQ(PropertyList::parse(binaryPlist({Data{0xd1, 0, 1, 0, 1}, Data{0x60}})),
+            Value::dict({{"", ""}}));
+
+  // Every UTF-8 length at its edges, a byte-order mark and text made only of it.
+  const Value text =
+      Value::array({"\xc2\x80\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf",
+                    "\xef\xbb\xbf", "a\xef\xbb\xbf", "A\xc3\x90", "\xc3\x83\xc2\xa9"});
+  for (Format format : {Format::Binary, Format::XML}) {
+    EXPECT_EQ(PropertyList::parse(*PropertyList::serialize(text, format)), text);
   }
 }
 
