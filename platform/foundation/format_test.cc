@@ -56,8 +56,7 @@ TEST(FormatTest, ArgumentsMismatchedMissingOrExtraAnnotationsLiteralsAndUnknownC
 
   EXPECT_EQ(format("%{public}@ %{private}@ %{public}d", "a", "b", 3), "a b 3");
   EXPECT_EQ(format("100%% of %d%", 5), "100% of 5%");
-  // Unknown, incomplete and unsupported ('*', '%n') conversions are copied as written and
-  // consume no argument.
+  // Unknown, incomplete and unsupported ('*', '%n') conversions are copied, taking no argument.
   EXPECT_EQ(format("%k %*d %n %{public %5l|%d", 9), "%k %*d %n %{public %5l|9");
   EXPECT_EQ(format("%2$@ %1$@ %@", "a", "b"), "b a a");
   EXPECT_EQ(format("%p %p", 0, 0x1f), "0x0 0x1f");

@@ -92,8 +92,7 @@ TEST(JSONTest, ErrorsSayWhatAndWhere) {
   }
   EXPECT_TRUE(JSON::parse(nested(512)));
 
-  // A megabyte of unterminated string, and of a number too large for a double, are quoted
-  // as a short excerpt.
+  // A megabyte of unterminated string, or of an overflowing number, is quoted as an excerpt.
   const std::string megabyte(1 << 20, '1');
   for (const std::string& text : {"[\"" + megabyte, "[" + megabyte + "e400]"}) {
     const std::string message = parseError(text);

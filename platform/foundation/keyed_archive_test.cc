@@ -1,7 +1,6 @@
-// Keyed archives: values round-trip, malformed archives are refused, and the bytes written
-// never drift. Other tools read the keychain database: the pinned archives were written by
-// the archiver before its writer was streamlined, and every later writer must reproduce
-// them byte for byte (pinned by length and a fingerprint of the bytes).
+// Other tools read the keychain database, so archived bytes must never drift: the pinned
+// archives were written before the writer was streamlined, and every later writer must
+// reproduce them byte for byte (pinned by length and a fingerprint).
 
 #include "platform/foundation/keyed_archive.h"
 
@@ -63,8 +62,7 @@ Value roundTrip(const Value& value) {
   return KeyedUnarchiver::unarchiveObjectWithData(archived(value));
 }
 
-// Every kind of value, strings shared and repeated, strings that spell the archive's own
-// keys and class names, a non-string key, empty containers and text beyond ASCII.
+// Every kind, repeated strings, layout spellings, a non-string key, empties, text beyond ASCII.
 Value everyKind() {
   Dictionary numberKeyed;
   numberKeyed.emplace(Value(7), Value("seven"));
@@ -84,8 +82,7 @@ Value everyKind() {
   });
 }
 
-// Strings spelled like the archive's own keys, class names and markers, stored before the
-// layout uses them, share one object with them.
+// Strings spelled like the layout's keys and class names share one object with them.
 Value spelledLikeTheLayout() {
   Array spelled;
   for (const char* text : {"NSDictionary", "$version", "$classname", "NS.keys", "$archiver",
@@ -111,8 +108,7 @@ Value queueOf(int size) {
   return Value(std::move(records));
 }
 
-// The property-list writer the archiver shares: references, shared strings and every kind
-// a property list holds.
+// The property-list writer the archiver shares, with every kind a property list holds.
 Data binaryPropertyList() {
   Value list = Value::dict({
       {"scalars", Value::array({1, -2, 3.5, true, false, "u-1", "héllo ✓", "😀", 1099511627776LL,
@@ -192,8 +188,7 @@ TEST(KeyedArchive, MalformedArchivesRaiseTheUnarchiveException) {
                                  {"NS.objects", Value::array({})}}),
                     classEntry("NSDictionary"), "k"}),
        "more keys than objects"},
-      // Deep chains and widely shared objects (2^60 once expanded) are refused rather than
-      // exhausting the stack or memory; both checks are linear in the input.
+      // Deep chains and 2^60-fold sharing are refused before exhausting stack or memory.
       {nestedArrays(1000, 1), "nested deeper"},
       {nestedArrays(60, 2), "expands"},
   };

@@ -28,8 +28,7 @@ void appendBigEndian(Data& out, std::uint64_t value, int width) {
     out.push_back(static_cast<std::uint8_t>(value >> shift));
 }
 
-// A binary property list built by hand from encoded objects (two-byte references), for
-// shapes a writer would never produce.
+// A binary property list built by hand (two-byte references), for shapes no writer makes.
 Data binaryPlist(const std::vector<Data>& objects, std::uint64_t top = 0) {
   Data out = bytesOf("bplist00");
   std::vector<std::uint64_t> offsets;
@@ -133,8 +132,7 @@ TEST_P(PropertyListFormatTest, RoundTripsEveryKindAndRefusesWhatItCannotWrite) {
 
   if (GetParam() != Format::Binary) return;
 
-  // libplist, an independent reader, reads our binary alike (its XML read back by us gives
-  // the same value), UIDs as UIDs; UIDs are 32-bit, so a larger one stays a dictionary.
+  // libplist reads our binary alike, UIDs as UIDs (one beyond 32 bits stays a dictionary).
   plist_t root = nullptr;
   plist_from_bin(reinterpret_cast<const char*>(bytes->data()), bytes->size(), &root);
   ASSERT_NE(root, nullptr);
@@ -169,8 +167,7 @@ TEST(PropertyListTest, DatesKeepWhatEachFormatCanHold) {
   auto xml = PropertyList::serialize(Value(Date::fromReferenceDate(-12345.75)), Format::XML);
   EXPECT_EQ(PropertyList::parse(*xml)->asDate()->timeIntervalSinceReferenceDate(), -12345);
 
-  // XML dates read exactly at the edges of 32-bit seconds (beyond them, or in any other
-  // form, they are refused rather than read wrongly: see DamagedAndHostileInputFails).
+  // XML dates read exactly at the edges of 32-bit seconds (refused beyond them).
   auto edges = PropertyList::parse(xmlPlist(
       "<array><date>1932-12-13T20:45:52Z</date><date>\n2069-01-19T03:14:07Z </date></array>"));
   EXPECT_EQ(edges, Value::array({Value(Date::fromReferenceDate(-2147483648.0)),
@@ -183,9 +180,7 @@ TEST(PropertyListTest, DatesKeepWhatEachFormatCanHold) {
   EXPECT_EQ(error->localizedDescription(), "Property list invalid for format (date out of range)");
 }
 
-// Objects encoded by hand. One-byte strings hold the platform's 8-bit encoding, read as
-// Latin-1; two-byte strings are UTF-16. Either way the Value is UTF-8 and writes back in
-// both formats.
+// One-byte strings read as Latin-1, two-byte ones as UTF-16: the Value is UTF-8 either way.
 TEST(PropertyListTest, BinaryStringsReadAsUTF8AndIntegersOfEveryWidth) {
   const std::pair<Data, Value> cases[] = {
       {{0x52, 'A', 0xd0}, Value("A\xc3\x90")},
@@ -281,8 +276,7 @@ std::uint64_t dataSegmentBytes() {
   return 0;
 }
 
-// Whether `read` returns true in a child process whose memory may grow by at most `budget`
-// bytes; an allocation beyond it fails there (the child dies) instead of here.
+// Whether `read` succeeds in a child process whose memory may grow by at most `budget` bytes.
 bool succeedsWithinMemory(std::uint64_t budget, const std::function<bool()>& read) {
   const pid_t child = fork();
   if (child == 0) {
@@ -297,8 +291,7 @@ bool succeedsWithinMemory(std::uint64_t budget, const std::function<bool()>& rea
 }
 
 TEST(PropertyListTest, MemoryStaysProportionalToTheInputWhateverTheTrailerDeclares) {
-  // One-byte offsets all pointing at the same object: the trailer may declare one object
-  // per byte of the table, 16 million of them, while the file holds a single object.
+  // The trailer declares 16 million objects: one-byte offsets, all to one object.
   constexpr std::uint64_t kDeclared = 16u << 20;
   Data bytes = bytesOf("bplist00");
   bytes.push_back(0x70);  // an object of no known kind: reading must fail cleanly

@@ -77,9 +77,8 @@ TEST(ValueTest, EqualNumbersOfAnyKindAreOneValueAndNumericReadingsSaturate) {
 }
 
 TEST(ValueTest, OrderIsTotalAndAgreesWithHash) {
-  // Families in order, each by value. Numbers compare exactly: 2^53 + 1 is above its
-  // nearest double, 2^63 as a double above INT64_MAX; NaN sorts after every number.
-  // Strings compare bytewise.
+  // Families in order, each by value. Numbers compare exactly (2^53 + 1 above its double,
+  // 2^63 above INT64_MAX, NaN after every number); strings bytewise.
   const std::vector<Value> ascending = {
       Value(),
       Value(-kInf),
