@@ -59,19 +59,17 @@ TEST(ErrorsTest, AddCallerWithoutARecordLogsAndLeavesUserInfoAlone) {
 }
 
 TEST(ErrorsTest, HttpResponseErrorCarriesStatusRetryAfterBodyAndURL) {
-  pnx::ErrorPtr busy = NSError_PNX::httpResponseError(
-      response(429, Value::dict({{"Retry-After", "120"}})), bytes("busy"));
-  EXPECT_EQ(busy->userInfo()["retryAfter"], Value(120));
-  EXPECT_EQ(busy->userInfo()["statusMessage"], Value("busy"));
-  EXPECT_EQ(busy->userInfo()["statusCode"], Value(429));
-  ASSERT_TRUE(busy->url());
-  EXPECT_EQ(busy->url()->absoluteString(), "https://push.example.com/3.0/apps/k/delivery");
-  EXPECT_EQ(busy->localizedDescription().rfind("HTTP connection to PNX server failed.", 0), 0u);
+  auto userInfo = [](Value headers, std::optional<pnx::Data> body = std::nullopt) {
+    return NSError_PNX::httpResponseError(response(429, std::move(headers)), body)->userInfo();
+  };
+  const Value busy = userInfo(Value::dict({{"Retry-After", "120"}}), bytes("busy"));
+  EXPECT_EQ(busy["retryAfter"], Value(120));
+  EXPECT_EQ(busy["statusMessage"], Value("busy"));
+  EXPECT_EQ(busy["statusCode"], Value(429));
+  EXPECT_EQ(busy[pnx::NSURLErrorKey].description(), "https://push.example.com/3.0/apps/k/delivery");
 
-  auto retryAfter = [](Value header, const char* name = "Retry-After") {
-    return NSError_PNX::httpResponseError(response(429, Value::dict({{name, header}})),
-                                          std::nullopt)
-        ->userInfo()["retryAfter"];
+  auto retryAfter = [&](Value header, const char* name = "Retry-After") {
+    return userInfo(Value::dict({{name, header}}))["retryAfter"];
   };
   EXPECT_EQ(retryAfter("Wed, 21 Oct 2015 07:28:00 GMT"), Value(0));
   EXPECT_EQ(retryAfter("  +30 seconds"), Value(30));
@@ -81,13 +79,10 @@ TEST(ErrorsTest, HttpResponseErrorCarriesStatusRetryAfterBodyAndURL) {
   EXPECT_EQ(retryAfter("5", "retry-after"), Value(5));
 
   // No header, no body or a body that is not UTF-8 adds nothing.
-  pnx::ErrorPtr bare = NSError_PNX::httpResponseError(
-      response(500, Value::dict({{"X-Retry-After", "5"}})), bytes("\xC3\x28"));
-  EXPECT_FALSE(bare->userInfo().contains("retryAfter"));
-  EXPECT_FALSE(bare->userInfo().contains("statusMessage"));
-  EXPECT_FALSE(NSError_PNX::httpResponseError(response(500, Value()), std::nullopt)
-                   ->userInfo()
-                   .contains("statusMessage"));
+  const Value bare = userInfo(Value::dict({{"X-Retry-After", "5"}}), bytes("\xC3\x28"));
+  EXPECT_FALSE(bare.contains("retryAfter"));
+  EXPECT_FALSE(bare.contains("statusMessage"));
+  EXPECT_FALSE(userInfo(Value()).contains("statusMessage"));
 }
 
 TEST(ErrorsTest, EveryFactoryHasItsOwnCodeFrom100To123AndItsText) {
