@@ -6,6 +6,8 @@
 #include <limits>
 #include <tuple>
 
+#include "platform/foundation/error.h"
+
 namespace pnx {
 namespace {
 
@@ -14,24 +16,10 @@ constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr std::int64_t kInt64Max = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t kInt64Min = std::numeric_limits<std::int64_t>::min();
 
-// An object with value equality, as errors and URLs have.
-class Tag final : public Object {
- public:
-  explicit Tag(int id) : id_(id) {}
-  std::string className() const override { return "Tag"; }
-  std::string description() const override { return "<Tag " + std::to_string(id_) + ">"; }
-  bool isEqual(const Object& other) const override {
-    auto tag = dynamic_cast<const Tag*>(&other);
-    return tag && tag->id_ == id_;
-  }
-  std::size_t hash() const override { return static_cast<std::size_t>(id_ % 2); }
-
- private:
-  int id_;
-};
-
-Value tag(int id) {
-  return Value(ObjectPtr(std::make_shared<Tag>(id)));
+// An object with value equality. Its hash leaves out the userInfo, so errors that differ only
+// in their description hash alike.
+Value error(int code, const char* description = "x") {
+  return Value(ObjectPtr(Error::withDescription("D", code, description)));
 }
 
 TEST(ValueTest, EqualNumbersOfAnyKindAreOneValueAndNumericReadingsSaturate) {
@@ -115,14 +103,13 @@ TEST(ValueTest, OrderIsTotalAndAgreesWithHash) {
       Value::dict({{"b", 0}}),
       Value(Set{}),
       Value(Set{Value(1)}),
-      tag(0),
+      error(2),
   };
   for (std::size_t i = 0; i + 1 < ascending.size(); ++i) {
     EXPECT_LT(ascending[i], ascending[i + 1]) << i;
   }
-  // tag(1) and tag(3) hash alike but differ.
   std::vector<Value> values = ascending;
-  values.insert(values.end(), {tag(1), tag(2), tag(3), Value(1), Value(0.0)});
+  values.insert(values.end(), {error(1), error(1, "y"), error(3), Value(1), Value(0.0)});
   for (const Value& a : values) {
     for (const Value& b : values) {
       EXPECT_EQ(a.compare(b), -b.compare(a)) << a.description() << " vs " << b.description();
@@ -136,8 +123,9 @@ TEST(ValueTest, OrderIsTotalAndAgreesWithHash) {
       }
     }
   }
-  EXPECT_EQ(Value(Set{tag(1), tag(1), tag(3)}).size(), 2u);
-  EXPECT_EQ(Value::array({tag(4)}).description(), "(\n    <Tag 4>\n)");
+  EXPECT_EQ(Value(Set{error(1), error(1), error(1, "y")}).size(), 2u);
+  // Objects are described as they describe themselves, unquoted.
+  EXPECT_EQ(Value::array({error(4)}).description(), "(\n    " + error(4).description() + "\n)");
 }
 
 TEST(ValueTest, DescriptionsAndClassNames) {
