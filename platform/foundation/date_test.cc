@@ -28,7 +28,6 @@ TEST(DateTest, WritesISO8601AndDescriptionsInUTCAndReadsFractionsAndOffsets) {
   EXPECT_EQ(Date::fromReferenceDate(0).iso8601(), "2001-01-01T00:00:00Z");
   // Dates beyond the calendar still format (clamped) instead of crashing.
   EXPECT_FALSE(Date(std::numeric_limits<double>::quiet_NaN()).description().empty());
-  EXPECT_FALSE(Date(-1e300).iso8601().empty());
   // ...on their own side of the epoch (a far-future back-off date once printed as year -290308).
   EXPECT_EQ(Date(1e23).iso8601().find('-'), 6u) << Date(1e23).iso8601();
   EXPECT_EQ(Date(-1e23).iso8601()[0], '-') << Date(-1e23).iso8601();
