@@ -205,7 +205,7 @@ TEST(KeyedArchive, ValuesAnArchiveCannotHoldAreRefusedOnWriting) {
   const std::pair<Value, const char*> cases[] = {
       {nestedTooDeep, "nested deeper"},
       {Value(std::string("caf\xe9")), "not UTF-8"},
-      {Value(std::string("a\0b", 3)), ""},
+      {Value(std::string("a\0b", 3)), "NUL character"},
       {Value::array({Value(ObjectPtr(Error::make("domain", 1)))}), "NSError"},
   };
   for (const auto& [value, reason] : cases) {
