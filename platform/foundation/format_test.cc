@@ -31,7 +31,7 @@ TEST(FormatTest, NumbersHonourFlagsWidthPrecisionAndLengthAndConvertBetweenKinds
   EXPECT_EQ(format("%ld", std::numeric_limits<double>::quiet_NaN()), "0");
 }
 
-TEST(FormatTest, ObjectsStringsAndNullsWithWidthsCountedInCharacters) {
+TEST(FormatTest, ArgumentsOfEveryKindMissingOrExtraAndConversionsUnknownOrAnnotated) {
   EXPECT_EQ(format("%@ and %s and %s", "str", std::string("std"), std::string_view("view")),
             "str and std and view");
   EXPECT_EQ(format("%@ %@ %s", Value(), nullptr, static_cast<const char*>(nullptr)),
@@ -47,9 +47,7 @@ TEST(FormatTest, ObjectsStringsAndNullsWithWidthsCountedInCharacters) {
   // "é" is two bytes: counted as one character, and never cut in half.
   EXPECT_EQ(format("[%4@][%.2s]", "é", "héllo"), "[   é][hé]");
   EXPECT_EQ(format("[%3c][%c]", 'x', 0xe9), "[  x][é]");
-}
 
-TEST(FormatTest, ArgumentsMismatchedMissingOrExtraAnnotationsLiteralsAndUnknownConversions) {
   EXPECT_EQ(format("%d %u %x %f", "text", Value("7"), Value(), "x"), "0 0 0 0.000000");
   EXPECT_EQ(format("%@ %s %d %f %c|", 1), "1 (null) 0 0.000000 |");
   EXPECT_EQ(format("only %d", 1, 2, "three"), "only 1");

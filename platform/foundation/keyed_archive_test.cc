@@ -167,7 +167,7 @@ Data nestedArrays(int levels, std::size_t width) {
   return archiveWith(objects, uidRef(2));
 }
 
-TEST(KeyedArchive, MalformedArchivesRaiseTheUnarchiveException) {
+TEST(KeyedArchive, MalformedArchivesRaiseTheUnarchiveExceptionAndUnarchivableValuesAreRefused) {
   auto xml = PropertyList::serialize(Value::array({1}), PropertyList::Format::XML).value();
   const std::pair<Data, const char*> cases[] = {
       {xml, "not a dictionary"},
@@ -195,20 +195,19 @@ TEST(KeyedArchive, MalformedArchivesRaiseTheUnarchiveException) {
   for (const auto& [data, reason] : cases) {
     EXPECT_NE(unarchiveFailure(data).find(reason), std::string::npos) << reason;
   }
-}
 
-TEST(KeyedArchive, ValuesAnArchiveCannotHoldAreRefusedOnWriting) {
+  // Values an archive cannot hold are refused on writing.
   Value nestedTooDeep = "bottom";
   for (int i = 0; i <= KeyedUnarchiver::kMaxDepth; ++i) {
     nestedTooDeep = Value::array({nestedTooDeep});
   }
-  const std::pair<Value, const char*> cases[] = {
+  const std::pair<Value, const char*> unarchivable[] = {
       {nestedTooDeep, "nested deeper"},
       {Value(std::string("caf\xe9")), "not UTF-8"},
       {Value(std::string("a\0b", 3)), "NUL character"},
       {Value::array({Value(ObjectPtr(Error::make("domain", 1)))}), "NSError"},
   };
-  for (const auto& [value, reason] : cases) {
+  for (const auto& [value, reason] : unarchivable) {
     ErrorPtr error;
     EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(value, &error)) << reason;
     ASSERT_TRUE(error) << reason;
