@@ -24,28 +24,25 @@ pnx::Data bytes(std::string_view text) {
 }
 
 TEST(ErrorsTest, TheBuilderLayersDescriptionExtrasUnderlyingErrorAndCallSite) {
-  pnx::ErrorPtr plain = NSError_PNX::errorWithCode(5, "x");
-  EXPECT_EQ(plain->localizedDescription(), "x");
-  EXPECT_EQ(plain->userInfo().asDictionary()->size(), 2u);
-  EXPECT_TRUE(plain->userInfo().contains(pnx::NSDebugDescriptionErrorKey));
-
-  pnx::ErrorPtr replaced = NSError_PNX::errorWithCode(
-      5, "x", Value(), Value::dict({{pnx::NSLocalizedDescriptionKey, "y"}}));
-  EXPECT_EQ(replaced->localizedDescription(), "y");
-
+  auto userInfo = [](Value underlying, Value extras) {
+    return NSError_PNX::errorWithCode(5, "x", std::move(underlying), std::move(extras))->userInfo();
+  };
+  const Value plain = userInfo(Value(), Value());
+  EXPECT_EQ(plain[pnx::NSLocalizedDescriptionKey], Value("x"));
+  EXPECT_EQ(plain.asDictionary()->size(), 2u);
+  EXPECT_TRUE(plain.contains(pnx::NSDebugDescriptionErrorKey));
+  EXPECT_EQ(userInfo(Value(), Value::dict({{pnx::NSLocalizedDescriptionKey,
+                                            "y"}}))[pnx::NSLocalizedDescriptionKey],
+            Value("y"));
   const Value extraUnderlying = Value::dict({{pnx::NSUnderlyingErrorKey, "from extras"}});
-  EXPECT_EQ(NSError_PNX::errorWithCode(5, "x", Value(), extraUnderlying)
-                ->userInfo()[pnx::NSUnderlyingErrorKey],
-            Value("from extras"));
-  EXPECT_EQ(NSError_PNX::errorWithCode(5, "x", Value("given"), extraUnderlying)
-                ->userInfo()[pnx::NSUnderlyingErrorKey],
-            Value("given"));
+  EXPECT_EQ(userInfo(Value(), extraUnderlying)[pnx::NSUnderlyingErrorKey], Value("from extras"));
+  EXPECT_EQ(userInfo("given", extraUnderlying)[pnx::NSUnderlyingErrorKey], Value("given"));
   // The call site wins over an extra entry of its key.
-  const Value extraDebug = Value::dict({{pnx::NSDebugDescriptionErrorKey, "stale"}});
-  pnx::ErrorPtr overridden = NSError_PNX::errorWithCode(5, "x", Value(), extraDebug);
-  const std::string* debug = overridden->userInfo()[pnx::NSDebugDescriptionErrorKey].asString();
-  ASSERT_NE(debug, nullptr);
-  EXPECT_EQ(debug->rfind("Caller Information:", 0), 0u) << *debug;
+  const Value debug = userInfo(
+      Value(),
+      Value::dict({{pnx::NSDebugDescriptionErrorKey, "stale"}}))[pnx::NSDebugDescriptionErrorKey];
+  ASSERT_TRUE(debug.isString());
+  EXPECT_EQ(debug.asString()->rfind("Caller Information:", 0), 0u) << debug.description();
 }
 
 TEST(ErrorsTest, AddCallerWithoutARecordLogsAndLeavesUserInfoAlone) {
@@ -62,20 +59,17 @@ TEST(ErrorsTest, AddCallerWithoutARecordLogsAndLeavesUserInfoAlone) {
 }
 
 TEST(ErrorsTest, HttpResponseErrorCarriesStatusRetryAfterBodyAndURL) {
-  pnx::ErrorPtr busy = NSError_PNX::httpResponseError(
-      response(429, Value::dict({{"Retry-After", "120"}})), bytes("busy"));
-  EXPECT_EQ(busy->code(), 105);
-  EXPECT_EQ(busy->userInfo()["retryAfter"], Value(120));
-  EXPECT_EQ(busy->userInfo()["statusMessage"], Value("busy"));
-  EXPECT_EQ(busy->userInfo()["statusCode"], Value(429));
-  ASSERT_TRUE(busy->url());
-  EXPECT_EQ(busy->url()->absoluteString(), "https://push.example.com/3.0/apps/k/delivery");
-  EXPECT_EQ(busy->localizedDescription().rfind("HTTP connection to PNX server failed.", 0), 0u);
+  auto userInfo = [](Value headers, std::optional<pnx::Data> body = std::nullopt) {
+    return NSError_PNX::httpResponseError(response(429, std::move(headers)), body)->userInfo();
+  };
+  const Value busy = userInfo(Value::dict({{"Retry-After", "120"}}), bytes("busy"));
+  EXPECT_EQ(busy["retryAfter"], Value(120));
+  EXPECT_EQ(busy["statusMessage"], Value("busy"));
+  EXPECT_EQ(busy["statusCode"], Value(429));
+  EXPECT_EQ(busy[pnx::NSURLErrorKey].description(), "https://push.example.com/3.0/apps/k/delivery");
 
-  auto retryAfter = [](Value header, const char* name = "Retry-After") {
-    return NSError_PNX::httpResponseError(response(429, Value::dict({{name, header}})),
-                                          std::nullopt)
-        ->userInfo()["retryAfter"];
+  auto retryAfter = [&](Value header, const char* name = "Retry-After") {
+    return userInfo(Value::dict({{name, header}}))["retryAfter"];
   };
   EXPECT_EQ(retryAfter("Wed, 21 Oct 2015 07:28:00 GMT"), Value(0));
   EXPECT_EQ(retryAfter("  +30 seconds"), Value(30));
@@ -85,52 +79,27 @@ TEST(ErrorsTest, HttpResponseErrorCarriesStatusRetryAfterBodyAndURL) {
   EXPECT_EQ(retryAfter("5", "retry-after"), Value(5));
 
   // No header, no body or a body that is not UTF-8 adds nothing.
-  pnx::ErrorPtr bare = NSError_PNX::httpResponseError(
-      response(500, Value::dict({{"X-Retry-After", "5"}})), bytes("\xC3\x28"));
-  EXPECT_FALSE(bare->userInfo().contains("retryAfter"));
-  EXPECT_FALSE(bare->userInfo().contains("statusMessage"));
-  EXPECT_FALSE(NSError_PNX::httpResponseError(response(500, Value()), std::nullopt)
-                   ->userInfo()
-                   .contains("statusMessage"));
+  const Value bare = userInfo(Value::dict({{"X-Retry-After", "5"}}), bytes("\xC3\x28"));
+  EXPECT_FALSE(bare.contains("retryAfter"));
+  EXPECT_FALSE(bare.contains("statusMessage"));
+  EXPECT_FALSE(userInfo(Value()).contains("statusMessage"));
 }
 
-TEST(ErrorsTest, FactoriesFillTheirTexts) {
-  // A named one, with its exception, is checked through the keychain store.
-  EXPECT_EQ(NSError_PNX::keychainUnarchiveFailed(std::nullopt, nullptr)->localizedDescription(),
-            "Keychain unarchive of (null) failed");
-
-  pnx::Clock::set(pnx::Date(1700000000));
-  EXPECT_TRUE(NSError_PNX::inboxSyncTooFrequent(pnx::Date(1700000000 - 90.04))
-                  ->localizedDescription()
-                  .ends_with("more then once every 5 minutes. Last sync was 90.0 seconds ago."));
-  pnx::Clock::useSystemClock();
-
-  pnx::ErrorPtr database = NSError_PNX::genericDatabaseErrorCode(19, "constraint failed");
-  EXPECT_EQ(database->localizedDescription(), "constraint failed");
-  EXPECT_EQ(database->userInfo()["sqliteCode"], Value(19));
-
-  EXPECT_EQ(NSError_PNX::duplicateUserAttribute("color", Value())->localizedDescription(),
-            "User attribute named color was set to value (null) multiple times.");
-  EXPECT_EQ(NSError_PNX::multipleDeleteChannelAttribute("size")->localizedDescription(),
-            "Channel attribute named size was deleted more then once.");
+TEST(ErrorsTest, EveryFactoryHasItsOwnCodeFrom100To123AndItsText) {
   struct Event {
     std::string name() const { return "open"; }
     std::string type() const { return "app"; }
   };
-  EXPECT_EQ(NSError_PNX::duplicateEvent(Event{})->localizedDescription(),
-            "Event with name: open, type: app was prevented from being queued multiple times.");
-}
-
-TEST(ErrorsTest, EveryFactoryHasItsOwnCodeFrom100To123) {
+  pnx::Clock::set(pnx::Date(1700000000));
   const pnx::ErrorPtr errors[] = {
       NSError_PNX::appKeyMissing(),
       NSError_PNX::pnxRegistrationIncomplete(),
       NSError_PNX::apsRegistrationIncomplete(),
       NSError_PNX::invalidJsonFromServer(nullptr),
-      NSError_PNX::keychainUnarchiveFailed("n", nullptr),
+      NSError_PNX::keychainUnarchiveFailed(std::nullopt, nullptr),
       NSError_PNX::httpResponseError(response(400, Value()), std::nullopt),
       NSError_PNX::responseNotHttpError(),
-      NSError_PNX::inboxSyncTooFrequent(pnx::Date::now()),
+      NSError_PNX::inboxSyncTooFrequent(pnx::Date(1700000000 - 90.04)),
       NSError_PNX::invalidInboxMessageId(),
       NSError_PNX::inboxMessageDecodeFromPayloadFailed(),
       NSError_PNX::duplicateUserAttribute("n", 1),
@@ -141,12 +110,12 @@ TEST(ErrorsTest, EveryFactoryHasItsOwnCodeFrom100To123) {
       NSError_PNX::verificationChannelAttribute("n", 1),
       NSError_PNX::verificationDeleteUserAttribute("n"),
       NSError_PNX::verificationDeleteChannelAttribute("n"),
-      NSError_PNX::genericDatabaseErrorCode(1, "d"),
+      NSError_PNX::genericDatabaseErrorCode(19, "constraint failed"),
       NSError_PNX::installIdNotAvailable(),
       NSError_PNX::httpRequestMissingURL(),
       NSError_PNX::valueIsNotJsonComplient(Value::array({1})),
       NSError_PNX::keychainNotAvailable(),
-      NSError_PNX::duplicateEventNamed("n", "t"),
+      NSError_PNX::duplicateEvent(Event{}),
   };
   std::intptr_t expected = 100;
   for (const pnx::ErrorPtr& error : errors) {
@@ -154,7 +123,16 @@ TEST(ErrorsTest, EveryFactoryHasItsOwnCodeFrom100To123) {
     EXPECT_EQ(error->domain(), errorDomain);
     EXPECT_FALSE(error->localizedDescription().empty());
   }
+  pnx::Clock::useSystemClock();
   EXPECT_EQ(errors[1]->localizedDescription().back(), 's');  // no full stop, as shipped
+  // A named one, with its exception, is checked through the keychain store.
+  EXPECT_EQ(errors[4]->localizedDescription(), "Keychain unarchive of (null) failed");
+  EXPECT_TRUE(errors[7]->localizedDescription().ends_with(
+      "more then once every 5 minutes. Last sync was 90.0 seconds ago."));
+  EXPECT_EQ(errors[18]->localizedDescription(), "constraint failed");
+  EXPECT_EQ(errors[18]->userInfo()["sqliteCode"], Value(19));
+  EXPECT_EQ(errors[23]->localizedDescription(),
+            "Event with name: open, type: app was prevented from being queued multiple times.");
 }
 
 }  // namespace

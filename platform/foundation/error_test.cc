@@ -5,7 +5,7 @@
 namespace pnx {
 namespace {
 
-TEST(ErrorTest, LocalizedDescriptionFallsBackToTheGenericText) {
+TEST(ErrorTest, DescriptionsAndTheGenericFallback) {
   EXPECT_EQ(Error::withDescription("D", 7, "Disk full")->localizedDescription(), "Disk full");
   const char* generic = "The operation couldn\u2019t be completed. (my.domain error -3.)";
   EXPECT_EQ(Error("my.domain", -3).localizedDescription(), generic);
@@ -15,9 +15,7 @@ TEST(ErrorTest, LocalizedDescriptionFallsBackToTheGenericText) {
       generic);
   // Anything but a dictionary is taken as an empty userInfo.
   EXPECT_EQ(Error("D", 1, Value("junk")).userInfo(), Value(Dictionary{}));
-}
 
-TEST(ErrorTest, DescriptionListsUserInfoInDictionaryOrder) {
   ErrorPtr error = Error::withDescription("D", 3, "Bad file", "/tmp/x");
   EXPECT_EQ(error->description(),
             "Error Domain=D Code=3 \"Bad file\" "

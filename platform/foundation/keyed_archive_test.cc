@@ -1,7 +1,12 @@
+// Other tools read the keychain database, so archived bytes must never drift: the pinned
+// archives were written before the writer was streamlined, and every later writer must
+// reproduce them byte for byte (pinned by length and a fingerprint).
+
 #include "platform/foundation/keyed_archive.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 
 #include "platform/foundation/plist.h"
@@ -29,13 +34,6 @@ Data archiveWith(Array objects, Value root = uidRef(1), Value archiver = "NSKeye
   return bytes.value_or(Data());
 }
 
-Value roundTrip(const Value& value) {
-  ErrorPtr error;
-  auto archive = KeyedArchiver::archivedDataWithRootObject(value, &error);
-  EXPECT_TRUE(archive) << (error ? error->description() : "");
-  return KeyedUnarchiver::unarchiveObjectWithData(archive.value_or(Data()));
-}
-
 // The name and reason of the exception unarchiving raises, or "" when it raises none.
 std::string unarchiveFailure(const Data& data) {
   try {
@@ -47,53 +45,106 @@ std::string unarchiveFailure(const Data& data) {
   return "";
 }
 
-TEST(KeyedArchive, NestedValuesRoundTripWithTheirTypes) {
-  const Value nested = Value::dict({
-      {"string", "héllo"},
+// FNV-1a: any change of a byte changes it.
+std::uint64_t fingerprint(const Data& bytes) {
+  std::uint64_t hash = 0xcbf29ce484222325ull;
+  for (std::uint8_t byte : bytes) hash = (hash ^ byte) * 0x100000001b3ull;
+  return hash;
+}
+
+Data archived(const Value& value) {
+  auto bytes = KeyedArchiver::archivedDataWithRootObject(value);
+  EXPECT_TRUE(bytes);
+  return bytes.value_or(Data());
+}
+
+Value roundTrip(const Value& value) {
+  return KeyedUnarchiver::unarchiveObjectWithData(archived(value));
+}
+
+// Every kind, repeated strings, layout spellings, a non-string key, empties, text beyond ASCII.
+Value everyKind() {
+  Dictionary numberKeyed;
+  numberKeyed.emplace(Value(7), Value("seven"));
+  numberKeyed.emplace(Value("7"), Value(7.0));
+  return Value::dict({
+      {"userId", "u-1"},
+      {"list", Value::array({1, -2, 3.5, true, false, "u-1", "$null", "NSObject", "root", "$top",
+                             "NS.objects", "NSArray", Value(), "héllo ✓", "😀", 1099511627776LL,
+                             INT64_MIN})},
+      {"set", Value(Set{Value("b"), Value("a"), Value(3)})},
+      {"when", Date::fromReferenceDate(10.5)},
+      {"bytes", Data{0, 1, 2, 255}},
+      {"nested", Value::dict({{"empty array", Value::array({})},
+                              {"empty dict", Value::dict({})},
+                              {"empty set", Value(Set{})},
+                              {"number keys", Value(numberKeyed)}})},
+  });
+}
+
+// Strings spelled like the layout's keys and class names share one object with them.
+Value spelledLikeTheLayout() {
+  Array spelled;
+  for (const char* text : {"NSDictionary", "$version", "$classname", "NS.keys", "$archiver",
+                           "NSKeyedArchiver", "$objects", "$classes", "$class", "NS.time",
+                           "NS.data", "NSNull", "NSDate", "NSData", "NSSet", "$null"}) {
+    spelled.push_back(Value(text));
+  }
+  spelled.push_back(
+      Value::dict({{"$class", "NSArray"}, {"NS.objects", Value::array({"root", "$top"})}}));
+  spelled.push_back(Value(Date::fromReferenceDate(1)));
+  return Value(std::move(spelled));
+}
+
+// A delivery queue as the keychain holds it.
+Value queueOf(int size) {
+  Array records;
+  for (int i = 0; i < size; ++i) {
+    records.push_back(Value::dict({{"userId", "user"},
+                                   {"channelId", "channel"},
+                                   {"attribution", "queued-" + std::to_string(i)},
+                                   {"mailingId", 4711}}));
+  }
+  return Value(std::move(records));
+}
+
+// The property-list writer the archiver shares, with every kind a property list holds.
+Data binaryPropertyList() {
+  Value list = Value::dict({
+      {"scalars", Value::array({1, -2, 3.5, true, false, "u-1", "héllo ✓", "😀", 1099511627776LL,
+                                INT64_MIN, Date::fromReferenceDate(10.5), Data{0, 1, 2, 255}})},
+      {"set", Value(Set{Value("b"), Value("a"), Value(3)})},
+      {"references", Value::array({Value::dict({{"CF$UID", 3}}), Value::dict({{"CF$UID", 3}}),
+                                   Value::dict({{"CF$UID", 1ll << 40}})})},
+      {"empty", Value::array({Value::array({}), Value::dict({})})},
+      {"again", "u-1"},
+  });
+  auto bytes = PropertyList::serialize(list, PropertyList::Format::Binary);
+  EXPECT_TRUE(bytes);
+  return bytes.value_or(Data());
+}
+
+TEST(KeyedArchive, ValuesRoundTripWithTheirTypesAndOtherSpellingsRead) {
+  EXPECT_EQ(roundTrip(everyKind()), everyKind());
+  EXPECT_EQ(roundTrip(spelledLikeTheLayout()), spelledLikeTheLayout());
+  const Value more = Value::dict({
       {"integer", -42},
       {"big", 9007199254740993LL},
-      {"real", 2.5},
       {"yes", true},
-      {"date", Date(1625065452.25)},
       {"epoch", Date(0)},
-      {"data", Data{0, 1, 2, 255}},
       {"empty data", Data{}},
-      {"null", Value()},
       {"records", Value(Set{Value::dict({{"userId", "u1"}, {"mailingId", 7}}),
                             Value::dict({{"userId", "u2"}})})},
-      {"list", Value::array({Value::array({}), Value::dict({}), "x", "x", 1, "🙂 ünïcode"})},
   });
-  Value decoded = roundTrip(nested);
-  EXPECT_EQ(decoded, nested);
+  Value decoded = roundTrip(more);
+  EXPECT_EQ(decoded, more);
   // Equal numbers are equal whatever their kind, so check the kinds.
   EXPECT_TRUE(decoded["yes"].isBoolean());
   EXPECT_TRUE(decoded["integer"].isInteger());
-
   EXPECT_EQ(roundTrip("just a string"), Value("just a string"));
   EXPECT_TRUE(roundTrip(Value()).isNull());
-}
 
-TEST(KeyedArchive, WritesThePlatformLayout) {
-  auto bytes = KeyedArchiver::archivedDataWithRootObject(
-      Value::dict({{"when", Date::fromReferenceDate(10.5)}}));
-  ASSERT_TRUE(bytes);
-  EXPECT_EQ(std::string(bytes->begin(), bytes->begin() + 8), "bplist00");
-  auto archive = PropertyList::parse(*bytes);
-  ASSERT_TRUE(archive);
-  EXPECT_EQ((*archive)["$archiver"], Value("NSKeyedArchiver"));
-  EXPECT_EQ((*archive)["$version"], Value(100000));
-  const Array& objects = *(*archive)["$objects"].asArray();
-  auto at = [&](const Value& reference) { return objects.at(reference["CF$UID"].integerValue()); };
-  EXPECT_EQ(objects[0], Value("$null"));
-  Value root = at((*archive)["$top"]["root"]);
-  EXPECT_EQ(at(root["$class"]), classEntry("NSDictionary"));
-  EXPECT_EQ(at((*root["NS.keys"].asArray())[0]), Value("when"));
-  Value date = at((*root["NS.objects"].asArray())[0]);
-  EXPECT_EQ(at(date["$class"]), classEntry("NSDate"));
-  EXPECT_EQ(date["NS.time"], Value(10.5));
-}
-
-TEST(KeyedArchive, ReadsThePlatformsOtherSpellings) {
+  // The mutable classes and NSString objects the platform also writes.
   Data mutableForms = archiveWith(
       {"$null",
        Value::dict({{"$class", uidRef(2)},
@@ -102,36 +153,6 @@ TEST(KeyedArchive, ReadsThePlatformsOtherSpellings) {
        classEntry("NSMutableString"), Data{7, 8}});
   EXPECT_EQ(KeyedUnarchiver::unarchiveObjectWithData(mutableForms),
             Value::array({"text", Data{7, 8}, Value()}));
-}
-
-TEST(KeyedArchive, MalformedArchivesRaiseTheUnarchiveException) {
-  struct Case {
-    const char* what;
-    Data data;
-  };
-  auto xml = PropertyList::serialize(Value::array({1}), PropertyList::Format::XML).value();
-  Case cases[] = {
-      {"a property list that is no archive", xml},
-      {"another archiver", archiveWith({"$null", "x"}, uidRef(1), "NSArchiver")},
-      {"no $null first", archiveWith({"x", "y"})},
-      {"root that is no reference", archiveWith({"$null", "x"}, Value("x"))},
-      {"unknown class",
-       archiveWith({"$null", Value::dict({{"$class", uidRef(2)}}), classEntry("NSURL")})},
-      {"object without a class", archiveWith({"$null", Value::dict({{"NS.objects", 1}})})},
-      {"inline array", archiveWith({"$null", Value::array({1})})},
-      {"array with non-list objects",
-       archiveWith({"$null", Value::dict({{"$class", uidRef(2)}, {"NS.objects", "x"}}),
-                    classEntry("NSArray")})},
-      {"dictionary with fewer objects than keys",
-       archiveWith({"$null",
-                    Value::dict({{"$class", uidRef(2)},
-                                 {"NS.keys", Value::array({uidRef(3)})},
-                                 {"NS.objects", Value::array({})}}),
-                    classEntry("NSDictionary"), "k"})},
-  };
-  for (const Case& c : cases) {
-    EXPECT_NE(unarchiveFailure(c.data), "") << c.what;
-  }
 }
 
 // An archive of arrays `levels` deep, each holding the next one `width` times.
@@ -146,29 +167,76 @@ Data nestedArrays(int levels, std::size_t width) {
   return archiveWith(objects, uidRef(2));
 }
 
-// Deep chains and widely shared objects (2^60 once expanded) are refused rather than
-// exhausting the stack or memory; both checks are linear in the input.
-TEST(KeyedArchive, DeepAndExplodingArchivesAreRefused) {
-  EXPECT_NE(unarchiveFailure(nestedArrays(1000, 1)).find("nested deeper"), std::string::npos);
-  EXPECT_NE(unarchiveFailure(nestedArrays(60, 2)).find("expands"), std::string::npos);
-}
+TEST(KeyedArchive, MalformedArchivesRaiseTheUnarchiveExceptionAndUnarchivableValuesAreRefused) {
+  auto xml = PropertyList::serialize(Value::array({1}), PropertyList::Format::XML).value();
+  const std::pair<Data, const char*> cases[] = {
+      {xml, "not a dictionary"},
+      {archiveWith({"$null", "x"}, uidRef(1), "NSArchiver"),
+       "archiver NSArchiver is not NSKeyedArchiver"},
+      {archiveWith({"x", "y"}), "does not start with $null"},
+      {archiveWith({"$null", "x"}, Value("x")), "malformed object reference"},
+      {archiveWith({"$null", Value::dict({{"$class", uidRef(2)}}), classEntry("NSURL")}),
+       "cannot decode object of class (NSURL)"},
+      {archiveWith({"$null", Value::dict({{"NS.objects", 1}})}), "an object has no $class"},
+      {archiveWith({"$null", Value::array({1})}), "an entry of type NSArray is not an object"},
+      {archiveWith({"$null", Value::dict({{"$class", uidRef(2)}, {"NS.objects", "x"}}),
+                    classEntry("NSArray")}),
+       "no NS.objects array"},
+      {archiveWith({"$null",
+                    Value::dict({{"$class", uidRef(2)},
+                                 {"NS.keys", Value::array({uidRef(3)})},
+                                 {"NS.objects", Value::array({})}}),
+                    classEntry("NSDictionary"), "k"}),
+       "more keys than objects"},
+      // Deep chains and 2^60-fold sharing are refused before exhausting stack or memory.
+      {nestedArrays(1000, 1), "nested deeper"},
+      {nestedArrays(60, 2), "expands"},
+  };
+  for (const auto& [data, reason] : cases) {
+    EXPECT_NE(unarchiveFailure(data).find(reason), std::string::npos) << reason;
+  }
 
-TEST(KeyedArchive, ValuesAnArchiveCannotHoldAreRefusedOnWriting) {
+  // Values an archive cannot hold are refused on writing.
   Value nestedTooDeep = "bottom";
   for (int i = 0; i <= KeyedUnarchiver::kMaxDepth; ++i) {
     nestedTooDeep = Value::array({nestedTooDeep});
   }
-  const std::pair<Value, const char*> cases[] = {
+  const std::pair<Value, const char*> unarchivable[] = {
       {nestedTooDeep, "nested deeper"},
       {Value(std::string("caf\xe9")), "not UTF-8"},
-      {Value(std::string("a\0b", 3)), ""},
+      {Value(std::string("a\0b", 3)), "NUL character"},
       {Value::array({Value(ObjectPtr(Error::make("domain", 1)))}), "NSError"},
   };
-  for (const auto& [value, reason] : cases) {
+  for (const auto& [value, reason] : unarchivable) {
     ErrorPtr error;
     EXPECT_FALSE(KeyedArchiver::archivedDataWithRootObject(value, &error)) << reason;
     ASSERT_TRUE(error) << reason;
     EXPECT_NE(error->localizedDescription().find(reason), std::string::npos);
+  }
+}
+
+TEST(KeyedArchiveBytes, ArchivesAndPropertyListsKeepTheirExactBytes) {
+  struct Pinned {
+    const char* what;
+    Data bytes;
+    std::size_t size;
+    std::uint64_t fingerprint;
+  };
+  const Pinned pinned[] = {
+      {"null", archived(Value()), 135, 17457562272131417298ull},
+      {"a string", archived(Value("just a string")), 151, 9817088864834619591ull},
+      {"every kind", archived(everyKind()), 1019, 637220751648238403ull},
+      {"layout spellings", archived(spelledLikeTheLayout()), 542, 12581952129605258684ull},
+      // Past 255 and 65,535 objects the references widen to two and four bytes.
+      {"40 records", archived(queueOf(40)), 3368, 11397193555202874115ull},
+      {"300 records", archived(queueOf(300)), 23464, 17979313370670044146ull},
+      {"9000 records", archived(queueOf(9000)), 1178216, 9058269519957846037ull},
+      {"property list", binaryPropertyList(), 248, 7229202113467843024ull},
+  };
+  for (const Pinned& p : pinned) {
+    SCOPED_TRACE(p.what);
+    EXPECT_EQ(p.bytes.size(), p.size);
+    EXPECT_EQ(fingerprint(p.bytes), p.fingerprint);
   }
 }
 

@@ -25,7 +25,7 @@ TEST(URLTest, RefusesWhatThePlatformRefuses) {
   }
 }
 
-TEST(URLTest, ReadsComponentsAndKeepsTheText) {
+TEST(URLTest, ReadsComponentsKeepsTheTextAndMakesFileURLs) {
   URL url = parsed("HTTPS://user@Example.com:8443/a%20b/c/?q=1#frag");
   EXPECT_EQ(url.absoluteString(), "HTTPS://user@Example.com:8443/a%20b/c/?q=1#frag");
   EXPECT_EQ(url.scheme(), "https");
@@ -45,62 +45,54 @@ TEST(URLTest, ReadsComponentsAndKeepsTheText) {
   EXPECT_EQ(relative.host(), "");
   EXPECT_EQ(relative.path(), "example.com/a");
   EXPECT_EQ(parsed("mailto:a@b.c").scheme(), "mailto");
-}
 
-TEST(URLTest, LastPathComponent) {
-  EXPECT_EQ(parsed("https://h").lastPathComponent(), "");
-  EXPECT_EQ(parsed("https://h/").lastPathComponent(), "/");
-  EXPECT_EQ(parsed("https://h/a/b/").lastPathComponent(), "b");
-  EXPECT_EQ(parsed("https://h/media/cat%20photo.jpg?size=2#top").lastPathComponent(),
-            "cat photo.jpg");
-  // An encoded slash stays encoded: a file name must not become a path.
-  EXPECT_EQ(parsed("https://h/..%2F..%2Fetc").lastPathComponent(), "..%2F..%2Fetc");
-}
-
-TEST(URLTest, AppendsAndDeletesComponentsKeepingQueryAndFragment) {
-  URL base = parsed("https://api.example.com");
-  URL delivery = base.appendingPathComponent("3.0")
-                     .appendingPathComponent("apps")
-                     .appendingPathComponent("key/with?odd #chars")
-                     .appendingPathComponent("delivery");
-  EXPECT_EQ(delivery.absoluteString(),
-            "https://api.example.com/3.0/apps/key/with%3Fodd%20%23chars/delivery");
-  EXPECT_EQ(parsed("https://h/a/?q#f").appendingPathComponent("/b").absoluteString(),
-            "https://h/a/b?q#f");
-  EXPECT_TRUE(URL::parse(delivery.absoluteString()));
-
-  EXPECT_EQ(parsed("https://h/a/b?q#f").deletingLastPathComponent().absoluteString(),
-            "https://h/a/?q#f");
-  EXPECT_EQ(parsed("https://h/a/").deletingLastPathComponent().absoluteString(), "https://h/");
-  EXPECT_EQ(parsed("https://h/").deletingLastPathComponent().absoluteString(), "https://h/../");
-  EXPECT_EQ(parsed("name").deletingLastPathComponent().absoluteString(), "./");
-}
-
-TEST(URLTest, DeletesThePathToItsRootInOneStep) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"https://h/a/b/c?q#f", "https://h/?q#f"},
-      {"https://h/a/", "https://h/"},
-      {"https://h/..", "https://h/"},
-      {"https://h/", "https://h/"},
-      {"https://h//", "https://h//"},
-      {"https://h", "https://h"},
-      {"https://h?q", "https://h?q"},
-      {"file:/tmp/x", "file:/"},
-      {"mailto:a@b.c", "mailto:./"},
-      {"a/b/c", "./"},
-  };
-  for (const auto& [given, root] : cases) {
-    EXPECT_EQ(parsed(given).deletingPathToRoot().absoluteString(), root) << given;
-  }
-}
-
-TEST(URLTest, FileURLsAndEquality) {
   URL file = URL::fileURL("/tmp/My File.png");
   EXPECT_EQ(file.absoluteString(), "file:///tmp/My%20File.png");
   EXPECT_TRUE(file.isFileURL());
   EXPECT_EQ(file.path(), "/tmp/My File.png");
   EXPECT_TRUE(file.isEqual(*URL::parse("file:///tmp/My%20File.png")));
   EXPECT_FALSE(file.isEqual(URL::fileURL("/tmp/other")));
+}
+
+TEST(URLTest, PathComponentsReadDeletedAndAppendedKeepingQueryAndFragment) {
+  struct Case {
+    const char* given;
+    const char* last;
+    const char* deletingLast;
+    const char* root;
+  };
+  const Case cases[] = {
+      {"https://h", "", "https://h/../", "https://h"},
+      {"https://h/", "/", "https://h/../", "https://h/"},
+      {"https://h//", "/", "https://h/../", "https://h//"},
+      {"https://h/a/b/", "b", "https://h/a/", "https://h/"},
+      {"https://h/a/b/c?q#f", "c", "https://h/a/b/?q#f", "https://h/?q#f"},
+      {"https://h/..", "..", "https://h/../../", "https://h/"},
+      {"https://h?q", "", "https://h/../?q", "https://h?q"},
+      {"https://h/media/cat%20photo.jpg?size=2#top", "cat photo.jpg", "https://h/media/?size=2#top",
+       "https://h/?size=2#top"},
+      // An encoded slash stays encoded: a file name must not become a path.
+      {"https://h/..%2F..%2Fetc", "..%2F..%2Fetc", "https://h/", "https://h/"},
+      {"file:/tmp/x", "x", "file:/tmp/", "file:/"},
+      {"mailto:a@b.c", "a@b.c", "mailto:./", "mailto:./"},
+      {"name", "name", "./", "./"},
+      {"a/b/c", "c", "a/b/", "./"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.given);
+    EXPECT_EQ(parsed(c.given).lastPathComponent(), c.last);
+    EXPECT_EQ(parsed(c.given).deletingLastPathComponent().absoluteString(), c.deletingLast);
+    EXPECT_EQ(parsed(c.given).deletingPathToRoot().absoluteString(), c.root);
+  }
+
+  URL delivery = parsed("https://api.example.com")
+                     .appendingPathComponent("key/with?odd #chars")
+                     .appendingPathComponent("delivery");
+  EXPECT_EQ(delivery.absoluteString(),
+            "https://api.example.com/key/with%3Fodd%20%23chars/delivery");
+  EXPECT_EQ(parsed("https://h/a/?q#f").appendingPathComponent("/b").absoluteString(),
+            "https://h/a/b?q#f");
+  EXPECT_TRUE(URL::parse(delivery.absoluteString()));
 }
 
 }  // namespace

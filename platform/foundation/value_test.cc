@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdint>
 #include <limits>
+#include <tuple>
+
+#include "platform/foundation/error.h"
 
 namespace pnx {
 namespace {
@@ -14,27 +16,13 @@ constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr std::int64_t kInt64Max = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t kInt64Min = std::numeric_limits<std::int64_t>::min();
 
-// An object with value equality, as errors and URLs have.
-class Tag final : public Object {
- public:
-  explicit Tag(int id) : id_(id) {}
-  std::string className() const override { return "Tag"; }
-  std::string description() const override { return "<Tag " + std::to_string(id_) + ">"; }
-  bool isEqual(const Object& other) const override {
-    auto tag = dynamic_cast<const Tag*>(&other);
-    return tag && tag->id_ == id_;
-  }
-  std::size_t hash() const override { return static_cast<std::size_t>(id_ % 2); }
-
- private:
-  int id_;
-};
-
-Value tag(int id) {
-  return Value(ObjectPtr(std::make_shared<Tag>(id)));
+// An object with value equality. Its hash leaves out the userInfo, so errors that differ only
+// in their description hash alike.
+Value error(int code, const char* description = "x") {
+  return Value(ObjectPtr(Error::withDescription("D", code, description)));
 }
 
-TEST(ValueTest, EqualNumbersOfAnyKindAreOneValue) {
+TEST(ValueTest, EqualNumbersOfAnyKindAreOneValueAndNumericReadingsSaturate) {
   const std::pair<Value, Value> equal[] = {
       {true, 1},
       {false, 0.0},
@@ -54,75 +42,7 @@ TEST(ValueTest, EqualNumbersOfAnyKindAreOneValue) {
   Dictionary dict{{Value(1), Value("one")}, {Value(Set{Value(2)}), Value("set")}};
   EXPECT_EQ(Value(dict).get(Value(true)), Value("one"));
   EXPECT_EQ(Value(dict).get(Value(Set{Value(2.0)})), Value("set"));
-}
 
-TEST(ValueTest, OrderIsTotalAndAgreesWithHash) {
-  // Families in order, each by value. Numbers compare exactly: 2^53 + 1 is above its
-  // nearest double, 2^63 as a double above INT64_MAX; NaN sorts after every number.
-  // Strings compare bytewise.
-  const std::vector<Value> ascending = {
-      Value(),
-      Value(-kInf),
-      Value(-2),
-      Value(-1.5),
-      Value(-1),
-      Value(false),
-      Value(0.5),
-      Value(true),
-      Value(1.5),
-      Value(9007199254740992.0),
-      Value(std::int64_t{9007199254740993}),
-      Value(kInt64Max),
-      Value(9223372036854775808.0),
-      Value(kInf),
-      Value(kNaN),
-      Value(""),
-      Value("Z"),
-      Value("a"),
-      Value("\xc3\xa9"),
-      Value(Date(-1)),
-      Value(Date(0)),
-      Value(Data{}),
-      Value(Data{0}),
-      Value(Data{1}),
-      Value::array({}),
-      Value::array({1}),
-      Value::array({1, 0}),
-      Value::array({1.0, "x"}),
-      Value::array({2}),
-      Value::dict({}),
-      Value::dict({{"a", 1}}),
-      Value::dict({{"a", 2}}),
-      Value::dict({{"b", 0}}),
-      Value(Set{}),
-      Value(Set{Value(1)}),
-      tag(0),
-  };
-  for (std::size_t i = 0; i + 1 < ascending.size(); ++i) {
-    EXPECT_LT(ascending[i], ascending[i + 1]) << i;
-  }
-  // tag(1) and tag(3) hash alike but differ.
-  std::vector<Value> values = ascending;
-  values.insert(values.end(), {tag(1), tag(2), tag(3), Value(1), Value(0.0)});
-  for (const Value& a : values) {
-    for (const Value& b : values) {
-      EXPECT_EQ(a.compare(b), -b.compare(a)) << a.description() << " vs " << b.description();
-      if (a == b) {
-        EXPECT_EQ(a.hash(), b.hash()) << a.description();
-      }
-      for (const Value& c : values) {
-        if (a < b && b < c) {
-          EXPECT_LT(a, c);
-        }
-      }
-    }
-  }
-  EXPECT_EQ(tag(1), tag(1));
-  EXPECT_EQ(Value(Set{tag(1), tag(1), tag(3)}).size(), 2u);
-  EXPECT_EQ(Value::array({tag(4)}).description(), "(\n    <Tag 4>\n)");
-}
-
-TEST(ValueTest, ConstructionAndNumericReadings) {
   EXPECT_TRUE(Value(std::numeric_limits<std::uint64_t>::max()).isReal());
   EXPECT_TRUE(Value(static_cast<unsigned long long>(kInt64Max)).isInteger());
   EXPECT_TRUE(Value(static_cast<const char*>(nullptr)).isNull());
@@ -137,33 +57,83 @@ TEST(ValueTest, ConstructionAndNumericReadings) {
   EXPECT_FALSE(Value("yes").boolValue());
   EXPECT_TRUE(Value(0.5).boolValue());
 
-  Value dict = Value::dict({{"a", 1}, {"a", 2}});
-  EXPECT_EQ(dict["a"], Value(2));
-  EXPECT_TRUE(dict["missing"].isNull());
+  Value repeated = Value::dict({{"a", 1}, {"a", 2}});
+  EXPECT_EQ(repeated["a"], Value(2));
+  EXPECT_TRUE(repeated["missing"].isNull());
   EXPECT_TRUE(Value(3)["a"].isNull());
   EXPECT_EQ(Value("h\xc3\xa9").size(), 3u);
 }
 
-TEST(ValueTest, DescriptionOfScalars) {
-  EXPECT_EQ(Value().description(), "(null)");
-  EXPECT_EQ(Value(true).description(), "1");
-  EXPECT_EQ(Value(-42).description(), "-42");
-  EXPECT_EQ(Value(5.0).description(), "5");
-  EXPECT_EQ(Value(0.1).description(), "0.1");
-  EXPECT_EQ(Value(1e300).description(), "1e+300");
-  EXPECT_EQ(Value(-kNaN).description(), "nan");
-  EXPECT_EQ(Value(-kInf).description(), "-inf");
-  EXPECT_EQ(Value("two words").description(), "two words");
-  EXPECT_EQ(Value(Data{0x00, 0xab, 0xff}).description(), "{length = 3, bytes = 0x00abff}");
-  Data big(100);
-  for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<std::uint8_t>(i);
-  EXPECT_EQ(Value(big).description(),
-            "{length = 100, bytes = 0x000102030405060708090a0b0c0d0e0f ... 5c5d5e5f60616263}");
-  EXPECT_EQ(Value(Data(24, 0x11)).description(),
-            "{length = 24, bytes = 0x" + std::string(48, '1') + "}");
+TEST(ValueTest, OrderIsTotalAndAgreesWithHash) {
+  // Families in order, each by value. Numbers compare exactly (2^53 + 1 above its double,
+  // 2^63 above INT64_MAX, NaN after every number); strings bytewise.
+  const std::vector<Value> families[] = {
+      {Value()},
+      {Value(-kInf), Value(-2), Value(-1.5), Value(-1), Value(false), Value(0.5), Value(true),
+       Value(1.5), Value(9007199254740992.0), Value(std::int64_t{9007199254740993}),
+       Value(kInt64Max), Value(9223372036854775808.0), Value(kInf), Value(kNaN)},
+      {Value(""), Value("Z"), Value("a"), Value("\xc3\xa9")},
+      {Value(Date(-1)), Value(Date(0))},
+      {Value(Data{}), Value(Data{0}), Value(Data{1})},
+      {Value::array({}), Value::array({1}), Value::array({1, 0}), Value::array({1.0, "x"}),
+       Value::array({2})},
+      {Value::dict({}), Value::dict({{"a", 1}}), Value::dict({{"a", 2}}), Value::dict({{"b", 0}})},
+      {Value(Set{}), Value(Set{Value(1)})},
+      {error(2)},
+  };
+  std::vector<Value> ascending;
+  for (const auto& family : families)
+    ascending.insert(ascending.end(), family.begin(), family.end());
+  for (std::size_t i = 0; i + 1 < ascending.size(); ++i) {
+    EXPECT_LT(ascending[i], ascending[i + 1]) << ascending[i].description();
+  }
+  std::vector<Value> values = ascending;
+  values.insert(values.end(), {error(1), error(1, "y"), error(3), Value(1), Value(0.0)});
+  for (const Value& a : values) {
+    for (const Value& b : values) {
+      EXPECT_EQ(a.compare(b), -b.compare(a)) << a.description() << " vs " << b.description();
+      if (a == b) {
+        EXPECT_EQ(a.hash(), b.hash()) << a.description();
+      }
+      for (const Value& c : values) {
+        if (a < b && b < c) {
+          EXPECT_LT(a, c);
+        }
+      }
+    }
+  }
+  EXPECT_EQ(Value(Set{error(1), error(1), error(1, "y")}).size(), 2u);
+  // Objects are described as they describe themselves, unquoted.
+  EXPECT_EQ(Value::array({error(4)}).description(), "(\n    " + error(4).description() + "\n)");
 }
 
-TEST(ValueTest, DescriptionOfNestedContainers) {
+TEST(ValueTest, DescriptionsAndClassNames) {
+  Data counting(100);
+  for (std::size_t i = 0; i < counting.size(); ++i) counting[i] = static_cast<std::uint8_t>(i);
+  const std::tuple<Value, std::string, const char*> cases[] = {
+      {Value(), "(null)", "NSNull"},
+      {Value(false), "0", "NSNumber"},
+      {Value(-42), "-42", "NSNumber"},
+      {Value(5.0), "5", "NSNumber"},
+      {Value(0.1), "0.1", "NSNumber"},
+      {Value(1e300), "1e+300", "NSNumber"},
+      {Value(-kNaN), "nan", "NSNumber"},
+      {Value(-kInf), "-inf", "NSNumber"},
+      {Value("two words"), "two words", "NSString"},
+      {Value(Data{0x00, 0xab, 0xff}), "{length = 3, bytes = 0x00abff}", "NSData"},
+      {Value(counting),
+       "{length = 100, bytes = 0x000102030405060708090a0b0c0d0e0f ... 5c5d5e5f60616263}", "NSData"},
+      {Value(Data(24, 0x11)), "{length = 24, bytes = 0x" + std::string(48, '1') + "}", "NSData"},
+      {Value::array({}), "(\n)", "NSArray"},
+      {Value(Set{}), "{(\n)}", "NSSet"},
+      {Value::dict({{"k-1.$_:/", "v"}}), "{\n    k-1.$_:/ = v;\n}", "NSDictionary"},
+      {Value(Date(0)), "1970-01-01 00:00:00 +0000", "NSDate"},
+  };
+  for (const auto& [value, description, className] : cases) {
+    EXPECT_EQ(value.description(), description);
+    EXPECT_EQ(value.className(), className) << description;
+  }
+
   Value v = Value::dict({
       {"b", Value::array({1, Value(), "x y", Value::array({}), Value::dict({{"k", "a/b:c"}})})},
       {"a", Value(Set{Value("q\"\\\n\t"), Value("")})},
@@ -188,19 +158,6 @@ TEST(ValueTest, DescriptionOfNestedContainers) {
             "    empty = {\n"
             "    };\n"
             "}");
-  EXPECT_EQ(Value::array({}).description(), "(\n)");
-  EXPECT_EQ(Value(Set{}).description(), "{(\n)}");
-  EXPECT_EQ(Value::dict({{"k-1.$_:/", "v"}}).description(), "{\n    k-1.$_:/ = v;\n}");
-}
-
-// NSDate, NSData and NSSet are checked through the JSON writer's messages.
-TEST(ValueTest, ClassNames) {
-  EXPECT_EQ(Value().className(), "NSNull");
-  EXPECT_EQ(Value(false).className(), "NSNumber");
-  EXPECT_EQ(Value(2.5).className(), "NSNumber");
-  EXPECT_EQ(Value("").className(), "NSString");
-  EXPECT_EQ(Value::array({}).className(), "NSArray");
-  EXPECT_EQ(Value::dict({}).className(), "NSDictionary");
 }
 
 }  // namespace
