@@ -36,12 +36,9 @@ std::string sizedFile(const testing::TempDir& dir, const std::string& name, std:
   return path;
 }
 
-TEST(NotificationAttachment, AcceptsEverySampleWithTheTypeOfItsExtensionInAnyCase) {
+TEST(NotificationAttachment, AcceptsEverySampleWithTheTypeOfItsExtensionAndComparesByValue) {
   testing::TempDir dir;
-  auto copied = [&](const char* sample, const char* name) {
-    std::filesystem::copy_file(kMedia + sample, dir.file(name));
-    return dir.file(name);
-  };
+  std::filesystem::copy_file(kMedia + "sample.jpg", dir.file("PHOTO.JPEG"));
   const std::pair<std::string, const char*> samples[] = {
       {kMedia + "sample.png", "public.png"},
       {kMedia + "sample.jpg", "public.jpeg"},
@@ -53,7 +50,7 @@ TEST(NotificationAttachment, AcceptsEverySampleWithTheTypeOfItsExtensionInAnyCas
       {kMedia + "sample.mp4", "public.mpeg-4"},
       {kMedia + "sample.mpg", "public.mpeg"},
       {kMedia + "sample.avi", "public.avi"},
-      {copied("sample.jpg", "PHOTO.JPEG"), "public.jpeg"},
+      {dir.file("PHOTO.JPEG"), "public.jpeg"},
       {sizedFile(dir, "edge.mp3", "ID3", 5 * 1024 * 1024), "public.mp3"},  // at its limit
   };
   for (const auto& [path, type] : samples) {
@@ -62,6 +59,16 @@ TEST(NotificationAttachment, AcceptsEverySampleWithTheTypeOfItsExtensionInAnyCas
     ASSERT_TRUE(attachment) << path << ": " << error->localizedDescription();
     EXPECT_EQ(attachment->type(), type) << path;
   }
+
+  // An empty identifier gets a fresh UUID; attachments compare by value.
+  const URL png = URL::fileURL(kMedia + "sample.png");
+  auto first = NotificationAttachment::attachmentWithIdentifier("", png, Value());
+  ASSERT_TRUE(first);
+  EXPECT_TRUE(UUID::parse(first->identifier()));
+  auto again = NotificationAttachment::attachmentWithIdentifier(first->identifier(), png, Value());
+  EXPECT_TRUE(first->isEqual(*again));
+  EXPECT_EQ(first->hash(), again->hash());
+  EXPECT_FALSE(first->isEqual(*first->withURL(URL::fileURL("/elsewhere/sample.png"))));
 }
 
 TEST(NotificationAttachment, RefusesEachFaultWithItsCodeAndTheFileInTheDescription) {
@@ -116,18 +123,6 @@ TEST(NotificationAttachment, RefusesEachFaultWithItsCodeAndTheFileInTheDescripti
     ASSERT_TRUE(error->url()) << c.what;
     EXPECT_EQ(error->url()->absoluteString(), fileURLOr(c.path).absoluteString()) << c.what;
   }
-}
-
-TEST(NotificationAttachment, GivesAnEmptyIdentifierAFreshUUIDAndComparesByValue) {
-  auto first = NotificationAttachment::attachmentWithIdentifier(
-      "", URL::fileURL(kMedia + "sample.png"), Value());
-  ASSERT_TRUE(first);
-  EXPECT_TRUE(UUID::parse(first->identifier()));
-  auto again = NotificationAttachment::attachmentWithIdentifier(
-      first->identifier(), URL::fileURL(kMedia + "sample.png"), Value());
-  EXPECT_TRUE(first->isEqual(*again));
-  EXPECT_EQ(first->hash(), again->hash());
-  EXPECT_FALSE(first->isEqual(*first->withURL(URL::fileURL("/elsewhere/sample.png"))));
 }
 
 }  // namespace
