@@ -9,7 +9,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <latch>
+#include <functional>
 #include <limits>
 #include <thread>
 
@@ -27,19 +27,15 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Serves /media/NAME: the sample PNG under any name; requests for names starting with "slow"
-// wait until release().
+// Serves /media/NAME: the sample PNG under any name; for names starting with "slow" it runs
+// onSlow first, holding the download while that runs.
 class MediaServer {
  public:
   MediaServer() {
     std::ifstream in(PNX_SOURCE_DIR "/examples/media/sample.png", std::ios::binary);
     png_.assign(std::istreambuf_iterator<char>(in), {});
     server_.Get("/media/(.*)", [this](const httplib::Request& in, httplib::Response& out) {
-      const std::string name = in.matches[1];
-      if (name.starts_with("slow")) {
-        slowArrived_.count_down();
-        released_.wait();
-      }
+      if (std::string(in.matches[1]).starts_with("slow")) onSlow();
       out.set_content(png_, "image/png");
     });
     // One request per connection: a kept-alive connection would hold stop() for seconds.
@@ -49,24 +45,19 @@ class MediaServer {
     while (!server_.is_running()) std::this_thread::sleep_for(1ms);
   }
   ~MediaServer() {
-    release();
     server_.stop();
     thread_.join();
   }
   std::string url(const std::string& name) const {
     return "http://127.0.0.1:" + std::to_string(port_) + "/media/" + name;
   }
-  void waitForSlowRequest() { slowArrived_.wait(); }
-  void release() {
-    if (!released_.try_wait()) released_.count_down();
-  }
+  std::function<void()> onSlow;
 
  private:
   std::string png_;
   httplib::Server server_;
   int port_ = 0;
   std::thread thread_;
-  std::latch slowArrived_{1}, released_{1};
 };
 
 Value json(std::string_view text) {
@@ -243,17 +234,14 @@ TEST_F(NotificationServiceTest, TheExpiryHandsBackWhatThereIs) {
 
   log_.clear();
   MediaServer server;
-  std::thread driver([&] {
-    server.waitForSlowRequest();
-    Clock::advance(31);  // past the budget while the server holds the download
+  server.onSlow = [this] {
+    Clock::advance(31);  // past the budget while the download is held
     while (!consoleHas("Service time expired!")) std::this_thread::sleep_for(1ms);
-    server.release();
-  });
+  };
   ExtensionRunOptions options;
   options.grace = 10s;  // ends as soon as nothing is in flight
   outcome = ExtensionHost::deliver(mediaRequest(server.url("slow.png")),
                                    PNXNotificationService::make(), options);
-  driver.join();
   EXPECT_TRUE(outcome.expired);
   ASSERT_EQ(outcome.handBacks.size(), 3u);  // expiry, finish, completion
   EXPECT_TRUE(outcome.handBacks[0]->attachments().empty());
