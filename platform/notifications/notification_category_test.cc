@@ -46,7 +46,9 @@ TEST(NotificationCategory, EqualCategoriesCollapseInASetAndAnyDifferenceKeepsBot
 }
 
 TEST(NotificationCategory, RefusesAStoredShapeItCannotReadNamingWhatIsWrong) {
-  const std::pair<const char*, const char*> cases[] = {
+  const std::string withAction = R"({"identifier": "c", "options": 0, "intentIdentifiers": [], )"
+                                 R"("actions": [{"identifier": "a", )";
+  const std::pair<std::string, const char*> cases[] = {
       {R"([])", "category is not a dictionary"},
       {R"({"options": 1, "intentIdentifiers": [], "actions": []})", "\"identifier\""},
       {R"({"identifier": "c", "options": -1, "intentIdentifiers": [], "actions": []})",
@@ -54,15 +56,10 @@ TEST(NotificationCategory, RefusesAStoredShapeItCannotReadNamingWhatIsWrong) {
       {R"({"identifier": "c", "options": 0, "actions": []})", "\"intentIdentifiers\""},
       {R"({"identifier": "c", "options": 0, "intentIdentifiers": [7], "actions": []})",
        "intent identifier"},
-      {R"({"identifier": "c", "options": 0, "intentIdentifiers": [],
-           "actions": [{"identifier": "a", "options": 0}]})",
-       "action has no string \"title\""},
-      {R"({"identifier": "c", "options": 0, "intentIdentifiers": [],
-           "actions": [{"identifier": "a", "title": "A", "options": 0, "textInput": 1}]})",
-       "\"textInput\""},
-      {R"({"identifier": "c", "options": 0, "intentIdentifiers": [],
-           "actions": [{"identifier": "a", "title": "A", "options": 0,
-                        "textInput": {"buttonTitle": "B", "placeholder": 2}}]})",
+      {withAction + R"("options": 0}]})", "action has no string \"title\""},
+      {withAction + R"("title": "A", "options": 0, "textInput": 1}]})", "\"textInput\""},
+      {withAction + R"("title": "A", "options": 0, "textInput": {"buttonTitle": "B",
+                                                                  "placeholder": 2}}]})",
        "\"placeholder\""},
   };
   for (const auto& [json, described] : cases) {
