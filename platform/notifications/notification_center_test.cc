@@ -39,30 +39,56 @@ std::pair<NotificationCategorySet, std::thread::id> fetch(NotificationCenter& ce
   return delivered.get_future().get();
 }
 
+// Keeps the system log's lines, each after its subsystem.
+struct CapturingSink : LogSink {
+  void systemLog(LogType, std::string_view subsystem, std::string_view,
+                 std::string_view text) override {
+    std::lock_guard lock(mutex);
+    lines.push_back(std::string(subsystem) + ": " + std::string(text));
+  }
+  void console(std::string_view) override {}
+  std::mutex mutex;
+  std::vector<std::string> lines;
+};
+
 class NotificationCenterTest : public ::testing::Test {
  protected:
   testing::ScopedDevice device_{"com.example.chat"};
   std::shared_ptr<NotificationCenter> center_ = NotificationCenter::currentNotificationCenter();
 };
 
-TEST_F(NotificationCenterTest, DeliversTheSetLastRegisteredOnItsOwnQueueAndReplacesItWhole) {
-  EXPECT_EQ(center_->applicationIdentifier(), "com.example.chat");
+TEST_F(NotificationCenterTest,
+       DeliversTheSetLastRegisteredOnItsOwnQueueAndKeepsItWhenANewOneFails) {
   EXPECT_EQ(center_.get(), NotificationCenter::forApplication("com.example.chat").get());
-
   auto [empty, thread] = fetch(*center_);
   EXPECT_TRUE(empty.empty());
   EXPECT_NE(thread, std::this_thread::get_id());
 
+  auto sink = std::make_shared<CapturingSink>();
+  SystemLog::setSink(sink);
   center_->setNotificationCategories({category("a"), category("b")});
   center_->setNotificationCategories({category("b"), category("c")});
   // A get queued after the sets sees the last one, with no waiting in between.
   auto [registered, ignored] = fetch(*center_);
   EXPECT_TRUE(equalCategorySets(registered, {category("b"), category("c")}));
-
+  // Text that is not UTF-8 cannot be stored: the stored set stays, the system log says why.
+  center_->setNotificationCategories({category("b"), category("bad\xff")});
+  center_->waitUntilIdle();
+  SystemLog::setSink(nullptr);
+  EXPECT_TRUE(
+      equalCategorySets(center_->registeredCategories().value(), {category("b"), category("c")}));
   const std::string directory = device_.deviceDirectory() + "/notifications";
   EXPECT_EQ(center_->databasePath(), directory + "/com.example.chat.db");
   EXPECT_EQ(testing::modeOf(directory), 0700u);
   EXPECT_EQ(testing::modeOf(center_->databasePath()), 0600u);
+  std::lock_guard lock(sink->mutex);
+  ASSERT_EQ(sink->lines.size(), 1u);
+  EXPECT_NE(
+      sink->lines[0].find(
+          "pnx.notifications: Cannot store the notification categories of com.example.chat: "),
+      std::string::npos)
+      << sink->lines[0];
+  EXPECT_NE(sink->lines[0].find("not UTF-8"), std::string::npos) << sink->lines[0];
 }
 
 TEST_F(NotificationCenterTest, SeesWhatAnotherConnectionWroteAndKeepsWhatItCanRead) {
@@ -113,38 +139,6 @@ TEST_F(NotificationCenterTest, CountsCallsInFlightUntilTheirHandlersReturn) {
                                 start + std::chrono::seconds(60)));
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
   EXPECT_TRUE(equalCategorySets(center_->registeredCategories().value(), {category("chat")}));
-}
-
-// Keeps the system log's lines, each after its subsystem.
-struct CapturingSink : LogSink {
-  void systemLog(LogType, std::string_view subsystem, std::string_view,
-                 std::string_view text) override {
-    std::lock_guard lock(mutex);
-    lines.push_back(std::string(subsystem) + ": " + std::string(text));
-  }
-  void console(std::string_view) override {}
-  std::mutex mutex;
-  std::vector<std::string> lines;
-};
-
-TEST_F(NotificationCenterTest, KeepsTheStoredSetWhenANewOneCannotBeStoredAndLogsWhy) {
-  auto sink = std::make_shared<CapturingSink>();
-  SystemLog::setSink(sink);
-  center_->setNotificationCategories({category("kept")});
-  // Text that is not UTF-8 cannot be written as JSON.
-  center_->setNotificationCategories({category("kept"), category("bad\xff")});
-  center_->waitUntilIdle();
-  SystemLog::setSink(nullptr);
-
-  EXPECT_TRUE(equalCategorySets(center_->registeredCategories().value(), {category("kept")}));
-  std::lock_guard lock(sink->mutex);
-  ASSERT_EQ(sink->lines.size(), 1u);
-  EXPECT_NE(
-      sink->lines[0].find(
-          "pnx.notifications: Cannot store the notification categories of com.example.chat: "),
-      std::string::npos)
-      << sink->lines[0];
-  EXPECT_NE(sink->lines[0].find("not UTF-8"), std::string::npos) << sink->lines[0];
 }
 
 TEST_F(NotificationCenterTest, GivesAnExtensionTheCenterOfItsApp) {
