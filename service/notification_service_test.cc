@@ -70,6 +70,11 @@ NotificationRequestPtr requestFor(const Value& payload) {
   return ExtensionHost::requestFromPayload("REQ-1", payload);
 }
 
+// The service run by the host on a request, as the system runs it.
+ExtensionOutcome serve(const NotificationRequestPtr& request, ExtensionRunOptions options = {}) {
+  return ExtensionHost::deliver(request, PNXNotificationService::make(), options);
+}
+
 NotificationRequestPtr mediaRequest(const std::string& url) {
   return requestFor(
       Value::dict({{"aps", Value::dict({{"mutable-content", 1}})}, {"media-attachment", url}}));
@@ -122,8 +127,7 @@ TEST_F(NotificationServiceTest, WithNothingToDoHandsBackAtOnceAndWithoutMutableC
     const Value payload =
         json(std::string(R"({"aps": )") + aps +
              R"(, "category-actions": [], "media-attachment": "http://127.0.0.1:9/x.png"})");
-    ExtensionOutcome outcome =
-        ExtensionHost::deliver(requestFor(payload), PNXNotificationService::make());
+    ExtensionOutcome outcome = serve(requestFor(payload));
     EXPECT_FALSE(outcome.extensionRan) << aps;
     EXPECT_TRUE(outcome.handBacks.empty());
     EXPECT_EQ(outcome.displayed->userInfo(), payload);
@@ -143,8 +147,7 @@ TEST_F(NotificationServiceTest, RegistersThePayloadsCategoryInPlaceOfOneOfTheSam
       {"name": "Reply", "value": {"textEntryTitle": "Send"}}
     ]})");
 
-  ExtensionOutcome outcome =
-      ExtensionHost::deliver(requestFor(payload), PNXNotificationService::make());
+  ExtensionOutcome outcome = serve(requestFor(payload));
   ASSERT_EQ(outcome.handBacks.size(), 1u);
   EXPECT_FALSE(outcome.expired);
   EXPECT_EQ(outcome.handBacks[0]->categoryIdentifier(), "promo");
@@ -161,9 +164,8 @@ TEST_F(NotificationServiceTest, RegistersThePayloadsCategoryInPlaceOfOneOfTheSam
   EXPECT_EQ(promo.actions()[1]->asTextInput()->textInputButtonTitle(), "Send");
 
   // Empty actions still register a category; a watch payload's is the watch category.
-  ExtensionHost::deliver(requestFor(json(R"({"aps": {"mutable-content": 1},
-      "category-name": "ignored", "data": {"watch": ""}, "category-actions": []})")),
-                         PNXNotificationService::make());
+  serve(requestFor(json(R"({"aps": {"mutable-content": 1},
+      "category-name": "ignored", "data": {"watch": ""}, "category-actions": []})")));
   sorted = registered();
   ASSERT_EQ(sorted.size(), 3u);
   EXPECT_EQ(sorted[1]->identifier(), "pnx-watch-category");
@@ -173,8 +175,7 @@ TEST_F(NotificationServiceTest, RegistersThePayloadsCategoryInPlaceOfOneOfTheSam
 
 TEST_F(NotificationServiceTest, ADownloadIsAttachedAndMovedWhenShownOrGoesBackWithoutMedia) {
   MediaServer server;
-  ExtensionOutcome outcome = ExtensionHost::deliver(mediaRequest(server.url("cat.png?size=2")),
-                                                    PNXNotificationService::make());
+  ExtensionOutcome outcome = serve(mediaRequest(server.url("cat.png?size=2")));
   ASSERT_EQ(outcome.handBacks.size(), 2u);  // the finish, then the completion
   ASSERT_EQ(outcome.handBacks[1]->attachments().size(), 1u);
   const auto& attached = *outcome.handBacks[1]->attachments()[0];
@@ -195,7 +196,7 @@ TEST_F(NotificationServiceTest, ADownloadIsAttachedAndMovedWhenShownOrGoesBackWi
         Case{"file URL", "file:///etc/hostname", false, "didCompleteWithError: "}}) {
     SCOPED_TRACE(c.name);
     log_.clear();
-    outcome = ExtensionHost::deliver(mediaRequest(c.url), PNXNotificationService::make());
+    outcome = serve(mediaRequest(c.url));
     ASSERT_EQ(outcome.handBacks.size(), c.fetched ? 2u : 1u);
     for (const auto& content : outcome.handBacks) {
       EXPECT_TRUE(content->attachments().empty());
@@ -219,11 +220,10 @@ TEST_F(NotificationServiceTest, TheExpiryHandsBackWhatThereIs) {
     while (PNXNotificationService::outstandingWork() != 0) std::this_thread::sleep_for(1ms);
     Clock::advance(31);
   });
-  ExtensionOutcome outcome = ExtensionHost::deliver(
-      requestFor(json(R"({"aps": {"mutable-content": 1}, "category-name": "c",
+  ExtensionOutcome outcome =
+      serve(requestFor(json(R"({"aps": {"mutable-content": 1}, "category-name": "c",
                           "category-actions": [{"name": "fine"}, "not a dictionary"],
-                          "media-attachment": "http://127.0.0.1:9/never.png"})")),
-      PNXNotificationService::make());
+                          "media-attachment": "http://127.0.0.1:9/never.png"})")));
   clockMover.join();
   EXPECT_TRUE(outcome.expired);
   ASSERT_EQ(outcome.handBacks.size(), 1u);
@@ -240,8 +240,7 @@ TEST_F(NotificationServiceTest, TheExpiryHandsBackWhatThereIs) {
   };
   ExtensionRunOptions options;
   options.grace = 10s;  // ends as soon as nothing is in flight
-  outcome = ExtensionHost::deliver(mediaRequest(server.url("slow.png")),
-                                   PNXNotificationService::make(), options);
+  outcome = serve(mediaRequest(server.url("slow.png")), options);
   EXPECT_TRUE(outcome.expired);
   ASSERT_EQ(outcome.handBacks.size(), 3u);  // expiry, finish, completion
   EXPECT_TRUE(outcome.handBacks[0]->attachments().empty());
