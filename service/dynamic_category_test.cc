@@ -15,7 +15,7 @@ Value json(std::string_view text) {
   return value.value_or(Value());
 }
 
-TEST(DynamicCategory, RequestedByAnArrayOfActionsUnderANameAUuidOrTheWatchsIdentifier) {
+TEST(DynamicCategory, RequestedByAnArrayOfActionsUnderANameAUuidOrTheWatchsIdentifierInAps) {
   EXPECT_TRUE(DynamicCategory::isRequested(json(R"({"category-actions": []})")));
   for (const char* payload :
        {R"({"category-actions": {}})", R"({"category-actions": null})", R"({"aps": {}})"}) {
@@ -39,9 +39,8 @@ TEST(DynamicCategory, RequestedByAnArrayOfActionsUnderANameAUuidOrTheWatchsIdent
   EXPECT_TRUE(UUID::parse(first));
   EXPECT_EQ(first, UUID::parse(first)->string());  // canonical upper-case form
   EXPECT_NE(first, second);
-}
 
-TEST(DynamicCategory, CategoryWrittenIntoApsOnlyWhenItIsADictionary) {
+  // The category is written into "aps" only when that is a dictionary.
   EXPECT_EQ(DynamicCategory::userInfoWithCategory(
                 json(R"({"aps": {"alert": "hi", "category": "old"}, "x": 1})"), "new"),
             json(R"({"aps": {"alert": "hi", "category": "new"}, "x": 1})"));
@@ -50,7 +49,7 @@ TEST(DynamicCategory, CategoryWrittenIntoApsOnlyWhenItIsADictionary) {
   }
 }
 
-TEST(DynamicCategory, ActionOptions) {
+TEST(DynamicCategory, ActionsAndTheirOptions) {
   // The four foreground types take exactly foreground, whatever the flags say.
   for (const char* type : {"rich", "dial", "url", "openApp"}) {
     Value action = Value::dict({{"type", type}, {"destructive", true}, {"authentication", true}});
@@ -66,9 +65,8 @@ TEST(DynamicCategory, ActionOptions) {
   for (const auto& [action, options] : flags) {
     EXPECT_EQ(DynamicCategory::actionOptions(json(action)), options) << action;
   }
-}
 
-TEST(DynamicCategory, AnActionCarriesItsWholeDictionaryAndTakesTextInputFromAValueWithATitle) {
+  // An action carries its whole dictionary and takes text input from a value with a title.
   Value description = json(R"({"name": "Open", "type": "url", "value": "https://x.example/a",
                                "extra": {"n": [1, 2]}})");
   ErrorPtr error;

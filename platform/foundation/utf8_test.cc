@@ -5,7 +5,7 @@
 namespace pnx {
 namespace {
 
-TEST(UTF8Test, AcceptsOnlyWellFormedSequences) {
+TEST(UTF8Test, AcceptsOnlyWellFormedSequencesCountsUTF16UnitsAndCodesOneCodePoint) {
   EXPECT_TRUE(isValidUTF8(""));
   EXPECT_TRUE(isValidUTF8("plain ascii"));
   EXPECT_TRUE(isValidUTF8("é 世 😀 \xf4\x8f\xbf\xbf"));  // up to U+10FFFF
@@ -17,9 +17,7 @@ TEST(UTF8Test, AcceptsOnlyWellFormedSequences) {
   EXPECT_FALSE(isValidUTF8("\xed\xa0\x80"));            // a surrogate
   EXPECT_FALSE(isValidUTF8("\xf4\x90\x80\x80"));        // beyond U+10FFFF
   EXPECT_FALSE(isValidUTF8("\xff"));
-}
 
-TEST(UTF8Test, CountsUTF16CodeUnitsAndDecodesAndEncodesOneCodePoint) {
   EXPECT_EQ(utf16Length("ap12345678"), 10u);
   EXPECT_EQ(utf16Length("aé世😀"), 5u);
   EXPECT_EQ(utf16FromUTF8("a😀"), u"a\U0001F600");

@@ -36,7 +36,7 @@ std::string sizedFile(const testing::TempDir& dir, const std::string& name, std:
   return path;
 }
 
-TEST(NotificationAttachment, AcceptsEverySampleWithTheTypeOfItsExtensionAndComparesByValue) {
+TEST(NotificationAttachment, JudgesEveryFileByItsExtensionAndContentAndComparesByValue) {
   testing::TempDir dir;
   std::filesystem::copy_file(kMedia + "sample.jpg", dir.file("PHOTO.JPEG"));
   const std::pair<std::string, const char*> samples[] = {
@@ -61,18 +61,17 @@ TEST(NotificationAttachment, AcceptsEverySampleWithTheTypeOfItsExtensionAndCompa
   }
 
   // An empty identifier gets a fresh UUID; attachments compare by value.
-  const URL png = URL::fileURL(kMedia + "sample.png");
-  auto first = NotificationAttachment::attachmentWithIdentifier("", png, Value());
+  const URL sample = URL::fileURL(kMedia + "sample.png");
+  auto first = NotificationAttachment::attachmentWithIdentifier("", sample, Value());
   ASSERT_TRUE(first);
   EXPECT_TRUE(UUID::parse(first->identifier()));
-  auto again = NotificationAttachment::attachmentWithIdentifier(first->identifier(), png, Value());
+  auto again =
+      NotificationAttachment::attachmentWithIdentifier(first->identifier(), sample, Value());
   EXPECT_TRUE(first->isEqual(*again));
   EXPECT_EQ(first->hash(), again->hash());
   EXPECT_FALSE(first->isEqual(*first->withURL(URL::fileURL("/elsewhere/sample.png"))));
-}
 
-TEST(NotificationAttachment, RefusesEachFaultWithItsCodeAndTheFileInTheDescription) {
-  testing::TempDir dir;
+  // Each refusal comes with its code and names the file in its description.
   std::filesystem::create_directory(dir.file("folder.png"));
   const std::string png = "\x89PNG\r\n\x1a\n";
   struct Case {
