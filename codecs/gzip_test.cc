@@ -64,8 +64,7 @@ TEST(GzipTest, PassesThroughWhatNeedsNoWorkAndMapsFractionalLevelsOntoZlibLevels
 }
 
 // Streams are kept per thread and reset between calls: whatever a thread did before, a call
-// gives the bytes a fresh stream would. A truncated stream inflates to a padded buffer, not
-// an error.
+// gives the bytes a fresh stream would.
 TEST(GzipTest, EachCallStartsAfreshWhateverCameBeforeAndTruncatedStreamsArePadded) {
   const pnx::Data small = jsonPayload(20);
   const pnx::Data large = jsonPayload(3000);

@@ -40,7 +40,6 @@ TEST(DynamicCategory, RequestedByAnArrayOfActionsUnderANameAUuidOrTheWatchsIdent
   EXPECT_EQ(first, UUID::parse(first)->string());  // canonical upper-case form
   EXPECT_NE(first, second);
 
-  // The category is written into "aps" only when that is a dictionary.
   EXPECT_EQ(DynamicCategory::userInfoWithCategory(
                 json(R"({"aps": {"alert": "hi", "category": "old"}, "x": 1})"), "new"),
             json(R"({"aps": {"alert": "hi", "category": "new"}, "x": 1})"));
@@ -66,7 +65,6 @@ TEST(DynamicCategory, ActionsAndTheirOptions) {
     EXPECT_EQ(DynamicCategory::actionOptions(json(action)), options) << action;
   }
 
-  // An action carries its whole dictionary and takes text input from a value with a title.
   Value description = json(R"({"name": "Open", "type": "url", "value": "https://x.example/a",
                                "extra": {"n": [1, 2]}})");
   ErrorPtr error;
@@ -92,7 +90,6 @@ TEST(DynamicCategory, ActionsAndTheirOptions) {
     EXPECT_EQ(read->textInputPlaceholder, placeholder) << value;
   }
 
-  // One that cannot be written as JSON is refused with a reason.
   for (const Value& refused : {Value("open"), Value(5), Value::dict({{"when", Date()}})}) {
     error.reset();
     EXPECT_FALSE(DynamicCategory::action(refused, &error)) << refused;

@@ -102,8 +102,6 @@ class NotificationServiceTest : public ::testing::Test {
   LogCapture log_;
 };
 
-// Nothing for the service to do hands back at once on the calling thread; without mutable
-// content the extension never runs. Neither touches the center.
 TEST_F(NotificationServiceTest, WithNothingToDoHandsBackAtOnceAndWithoutMutableContentNeverRuns) {
   for (const char* payload : {R"({"aps": {}, "category-actions": {"not": "an array"},
                                   "media-attachment": ["not", "a", "string"]})",

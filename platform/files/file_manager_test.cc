@@ -73,8 +73,7 @@ TEST_F(FileManagerTest, MovesAndCopiesNeverOverwrite) {
   EXPECT_EQ(dir.read("moved.db"), "old");
 }
 
-// Every way of reaching a missing item says so with code 4 and the path; property lists read
-// through the file manager keep its errors and their own.
+// Property lists read through the file manager keep its errors, and their own.
 TEST_F(FileManagerTest, MissingItemsReportNoSuchFileWithTheirPath) {
   const std::string missing = dir.file("PNX.log");
   ErrorPtr error;
@@ -161,9 +160,8 @@ TEST_F(FileManagerTest, CreatesItemsWithTheirFinalPermissionsAndAttributes) {
   EXPECT_EQ(error->code(), 4);
 }
 
-// Appending creates privately; open-or-create gives a new file exact permissions and leaves
-// an existing one as it is. Links (dangling too) are refused and left as they are, and
-// appending refuses directories and FIFOs as well.
+// Open-or-create leaves an existing file's mode as it is. Links (dangling too) are refused
+// and left as they are; appending refuses directories and FIFOs too.
 TEST_F(FileManagerTest, OpeningCanCreateAndRefusesLinks) {
   ScopedUmask mask(077);
   ErrorPtr error;

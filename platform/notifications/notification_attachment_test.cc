@@ -1,6 +1,3 @@
-// How attachments judge their files: every sample type accepted with its type identifier,
-// and each kind of refusal with its code and a description that names the file.
-
 #include "platform/notifications/notification_attachment.h"
 
 #include <gtest/gtest.h>
@@ -60,7 +57,6 @@ TEST(NotificationAttachment, JudgesEveryFileByItsExtensionAndContentAndComparesB
     EXPECT_EQ(attachment->type(), type) << path;
   }
 
-  // An empty identifier gets a fresh UUID; attachments compare by value.
   const URL sample = URL::fileURL(kMedia + "sample.png");
   auto first = NotificationAttachment::attachmentWithIdentifier("", sample, Value());
   ASSERT_TRUE(first);
@@ -71,7 +67,6 @@ TEST(NotificationAttachment, JudgesEveryFileByItsExtensionAndContentAndComparesB
   EXPECT_EQ(first->hash(), again->hash());
   EXPECT_FALSE(first->isEqual(*first->withURL(URL::fileURL("/elsewhere/sample.png"))));
 
-  // Each refusal comes with its code and names the file in its description.
   std::filesystem::create_directory(dir.file("folder.png"));
   const std::string png = "\x89PNG\r\n\x1a\n";
   struct Case {

@@ -1,6 +1,3 @@
-// Categories and actions as values: what makes two of them equal in a set, the stored
-// shapes refused, and the description text.
-
 #include "platform/notifications/notification_category.h"
 
 #include <gtest/gtest.h>

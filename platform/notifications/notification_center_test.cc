@@ -1,7 +1,3 @@
-// The notification center: categories kept in the device's database and seen by every
-// connection to it, delivered on the center's own queue, replaced whole; the app id of an
-// extension; and the display step that moves attachment files into the store.
-
 #include "platform/notifications/notification_center.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,3 @@
-// Notification content: user info is always a dictionary, the JSON shape hosts print, and
-// one content read while another thread changes it.
-
 #include "platform/notifications/notification_content.h"
 
 #include <gtest/gtest.h>
