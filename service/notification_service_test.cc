@@ -91,11 +91,7 @@ class NotificationServiceTest : public ::testing::Test {
     }
     return false;
   }
-  std::vector<NotificationCategoryPtr> registered() {
-    auto categories = center_->registeredCategories();
-    EXPECT_TRUE(categories);
-    return categories ? sortedCategories(*categories) : std::vector<NotificationCategoryPtr>();
-  }
+  NotificationCategorySet registered() { return center_->registeredCategories().value(); }
 
   testing::ScopedDevice device_{"com.example.sampleapp.service"};
   std::shared_ptr<NotificationCenter> center_ = NotificationCenter::currentNotificationCenter();
@@ -151,24 +147,25 @@ TEST_F(NotificationServiceTest, RegistersThePayloadsCategoryInPlaceOfOneOfTheSam
   EXPECT_EQ(outcome.handBacks[0]->categoryIdentifier(), "promo");
   EXPECT_EQ(outcome.handBacks[0]->userInfo()["aps"]["category"], Value("promo"));
 
-  auto sorted = registered();
-  ASSERT_EQ(sorted.size(), 2u);
-  EXPECT_EQ(sorted[0]->identifier(), "other");
-  const auto& promo = *sorted[1];
-  EXPECT_EQ(promo.options(), NotificationCategoryOptionCustomDismissAction);
-  ASSERT_EQ(promo.actions().size(), 2u);
-  EXPECT_EQ(promo.actions()[0]->options(), NotificationActionOptionForeground);
-  ASSERT_TRUE(promo.actions()[1]->asTextInput());
-  EXPECT_EQ(promo.actions()[1]->asTextInput()->textInputButtonTitle(), "Send");
+  // Each action's identifier is its compact JSON.
+  NotificationCategorySet expected = {
+      NotificationCategory::make("other", {}, {}, 0),
+      NotificationCategory::make(
+          "promo",
+          {NotificationAction::make(R"({"destructive":true,"name":"Open","type":"url"})", "Open",
+                                    NotificationActionOptionForeground),
+           TextInputNotificationAction::make(
+               R"({"name":"Reply","value":{"textEntryTitle":"Send"}})", "Reply", 0, "Send",
+               std::nullopt)},
+          {}, NotificationCategoryOptionCustomDismissAction)};
+  EXPECT_TRUE(equalCategorySets(registered(), expected));
 
   // Empty actions still register a category; a watch payload's is the watch category.
   serve(requestFor(json(R"({"aps": {"mutable-content": 1},
       "category-name": "ignored", "data": {"watch": ""}, "category-actions": []})")));
-  sorted = registered();
-  ASSERT_EQ(sorted.size(), 3u);
-  EXPECT_EQ(sorted[1]->identifier(), "pnx-watch-category");
-  EXPECT_TRUE(sorted[1]->actions().empty());
-  EXPECT_EQ(sorted[1]->options(), NotificationCategoryOptionCustomDismissAction);
+  expected.insert(NotificationCategory::make("pnx-watch-category", {}, {},
+                                             NotificationCategoryOptionCustomDismissAction));
+  EXPECT_TRUE(equalCategorySets(registered(), expected));
 }
 
 TEST_F(NotificationServiceTest, ADownloadIsAttachedAndMovedWhenShownOrGoesBackWithoutMedia) {
