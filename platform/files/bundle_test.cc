@@ -41,6 +41,7 @@ TEST(BundleTest, ReadsABinaryInfoPlistThroughTheFileManagerAndAnyOtherAsEmpty) {
   Bundle unread(binary.path());
   FileManager::setCurrent(nullptr);
   EXPECT_EQ(unreadable->reads, 1);
+  EXPECT_EQ(Bundle(binary.path()).infoDictionary(), info);  // the default manager is back
 
   TempDir empty, broken, wrongType;
   broken.write("Info.plist", "<plist><dict><key>x");
