@@ -39,7 +39,7 @@ pnx::Data directGzip(const pnx::Data& input, int level, int windowBits = 31) {
   return output;
 }
 
-TEST(GzipTest, PassesThroughWhatNeedsNoWork) {
+TEST(GzipTest, PassesThroughWhatNeedsNoWorkAndMapsFractionalLevelsOntoZlibLevels) {
   EXPECT_EQ(gzippedData({}), pnx::Data());
   EXPECT_EQ(gunzippedData({}), pnx::Data());
   EXPECT_FALSE(isGzippedData({0x1F}));
@@ -49,9 +49,7 @@ TEST(GzipTest, PassesThroughWhatNeedsNoWork) {
   // A valid zlib stream is still not gzip: it comes back as it is.
   const pnx::Data zlibStream = directGzip(bytesOf("hello hello hello"), 6, 15);
   EXPECT_EQ(gunzippedData(zlibStream), zlibStream);
-}
 
-TEST(GzipTest, MapsFractionalLevelsOntoZlibLevels) {
   const pnx::Data input = jsonPayload(400);
   const std::pair<float, int> levels[] = {
       {-0.5f, Z_DEFAULT_COMPRESSION}, {0.0f, 0}, {0.1f, 1}, {0.5f, 5}, {1.0f, 9}};
@@ -65,30 +63,25 @@ TEST(GzipTest, MapsFractionalLevelsOntoZlibLevels) {
   }
 }
 
-TEST(GzipTest, TruncatedOrCorruptStreamsYieldAPaddedBufferNotAnError) {
-  const pnx::Data input = jsonPayload(2000);
-  pnx::Data truncated = *gzippedData(input);
-  truncated.resize(truncated.size() / 2);
-  auto result = gunzippedData(truncated);
-  ASSERT_TRUE(result);
-  // The length stays at the last growth step (a multiple of half the input), and what was
-  // inflated is a true prefix of the original followed by zero padding.
-  EXPECT_EQ(result->size() % (truncated.size() / 2), 0u);
-  std::size_t produced = result->size();
-  while (produced > 0 && (*result)[produced - 1] == 0) --produced;
-  ASSERT_GT(produced, 0u);
-  ASSERT_LT(produced, input.size());
-  EXPECT_TRUE(std::equal(result->begin(), result->begin() + produced, input.begin()));
-}
-
 // Streams are kept per thread and reset between calls: whatever a thread did before, a call
 // gives the bytes a fresh stream would.
-TEST(GzipTest, EachCallStartsAfreshWhateverCameBefore) {
+TEST(GzipTest, EachCallStartsAfreshWhateverCameBeforeAndTruncatedStreamsArePadded) {
   const pnx::Data small = jsonPayload(20);
   const pnx::Data large = jsonPayload(3000);
   const pnx::Data expectedSmall = directGzip(small, Z_DEFAULT_COMPRESSION);
   pnx::Data truncated = *gzippedData(large);
   truncated.resize(truncated.size() / 3);
+
+  auto padded = gunzippedData(truncated);
+  ASSERT_TRUE(padded);
+  // The length stays at the last growth step (a multiple of half the input), and what was
+  // inflated is a true prefix of the original followed by zero padding.
+  EXPECT_EQ(padded->size() % (truncated.size() / 2), 0u);
+  std::size_t produced = padded->size();
+  while (produced > 0 && (*padded)[produced - 1] == 0) --produced;
+  ASSERT_GT(produced, 0u);
+  ASSERT_LT(produced, large.size());
+  EXPECT_TRUE(std::equal(padded->begin(), padded->begin() + produced, large.begin()));
 
   auto mixedCalls = [&] {
     std::vector<pnx::Data> results;

@@ -10,20 +10,18 @@ namespace pnx {
 namespace {
 
 Value json(std::string_view text) {
-  ErrorPtr error;
-  auto value = JSON::parse(text, &error);
-  EXPECT_TRUE(value) << (error ? error->localizedDescription() : "");
+  auto value = JSON::parse(text);
+  EXPECT_TRUE(value) << text;
   return value.value_or(Value());
 }
 
-TEST(DynamicCategory, RequestedOnlyByAnArrayOfActions) {
+TEST(DynamicCategory, RequestedByAnArrayOfActionsUnderANameAUuidOrTheWatchsIdentifierInAps) {
   EXPECT_TRUE(DynamicCategory::isRequested(json(R"({"category-actions": []})")));
-  EXPECT_FALSE(DynamicCategory::isRequested(json(R"({"category-actions": {}})")));
-  EXPECT_FALSE(DynamicCategory::isRequested(json(R"({"category-actions": null})")));
-  EXPECT_FALSE(DynamicCategory::isRequested(json(R"({"aps": {}})")));
-}
+  for (const char* payload :
+       {R"({"category-actions": {}})", R"({"category-actions": null})", R"({"aps": {}})"}) {
+    EXPECT_FALSE(DynamicCategory::isRequested(json(payload))) << payload;
+  }
 
-TEST(DynamicCategory, IdentifierFromNameUuidOrWatch) {
   EXPECT_EQ(DynamicCategory::identifier(json(R"({"category-name": "promo"})"), "w"), "promo");
   // Any value under "watch" counts, false and empty ones too; a "data" that is not a
   // dictionary never does.
@@ -41,37 +39,32 @@ TEST(DynamicCategory, IdentifierFromNameUuidOrWatch) {
   EXPECT_TRUE(UUID::parse(first));
   EXPECT_EQ(first, UUID::parse(first)->string());  // canonical upper-case form
   EXPECT_NE(first, second);
+
+  EXPECT_EQ(DynamicCategory::userInfoWithCategory(
+                json(R"({"aps": {"alert": "hi", "category": "old"}, "x": 1})"), "new"),
+            json(R"({"aps": {"alert": "hi", "category": "new"}, "x": 1})"));
+  for (const char* unchanged : {R"({"x": 1})", R"({"aps": "text"})"}) {
+    EXPECT_EQ(DynamicCategory::userInfoWithCategory(json(unchanged), "new"), json(unchanged));
+  }
 }
 
-TEST(DynamicCategory, CategoryWrittenIntoApsOnlyWhenItIsADictionary) {
-  Value withAps = DynamicCategory::userInfoWithCategory(
-      json(R"({"aps": {"alert": "hi", "category": "old"}, "x": 1})"), "new");
-  EXPECT_EQ(withAps, json(R"({"aps": {"alert": "hi", "category": "new"}, "x": 1})"));
-  EXPECT_EQ(DynamicCategory::userInfoWithCategory(json(R"({"x": 1})"), "new"), json(R"({"x": 1})"));
-  EXPECT_EQ(DynamicCategory::userInfoWithCategory(json(R"({"aps": "text"})"), "new"),
-            json(R"({"aps": "text"})"));
-}
-
-TEST(DynamicCategory, ActionOptions) {
+TEST(DynamicCategory, ActionsAndTheirOptions) {
   // The four foreground types take exactly foreground, whatever the flags say.
   for (const char* type : {"rich", "dial", "url", "openApp"}) {
     Value action = Value::dict({{"type", type}, {"destructive", true}, {"authentication", true}});
     EXPECT_EQ(DynamicCategory::actionOptions(action), kActionOptionForeground) << type;
   }
-  EXPECT_EQ(DynamicCategory::actionOptions(json(R"({"type": "URL", "destructive": true})")),
-            kActionOptionDestructive);  // case matters
-  EXPECT_EQ(DynamicCategory::actionOptions(
-                json(R"({"destructive": true, "authentication": true, "foreground": false})")),
-            3);
-  // Flags are read as the platform's boolean reading does (tested with it); what it cannot
-  // read counts as no.
-  EXPECT_EQ(DynamicCategory::actionOptions(
-                json(R"({"destructive": 0, "authentication": {}, "foreground": 2})")),
-            kActionOptionForeground);
-  EXPECT_EQ(DynamicCategory::actionOptions(json("{}")), 0);
-}
+  // Type names are case-sensitive. Flags are read as the platform's boolean reading does
+  // (tested with it); what it cannot read counts as no.
+  const std::pair<const char*, std::int64_t> flags[] = {
+      {R"({"type": "URL", "destructive": true})", kActionOptionDestructive},
+      {R"({"destructive": true, "authentication": true, "foreground": false})", 3},
+      {R"({"destructive": 0, "authentication": {}, "foreground": 2})", kActionOptionForeground},
+      {"{}", 0}};
+  for (const auto& [action, options] : flags) {
+    EXPECT_EQ(DynamicCategory::actionOptions(json(action)), options) << action;
+  }
 
-TEST(DynamicCategory, ActionIdentifierCarriesTheWholeDictionary) {
   Value description = json(R"({"name": "Open", "type": "url", "value": "https://x.example/a",
                                "extra": {"n": [1, 2]}})");
   ErrorPtr error;
@@ -82,51 +75,33 @@ TEST(DynamicCategory, ActionIdentifierCarriesTheWholeDictionary) {
   EXPECT_EQ(action->identifier.find('\n'), std::string::npos);  // compact
   EXPECT_EQ(JSON::parse(action->identifier), description);
   EXPECT_FALSE(action->textInputButtonTitle);
-}
 
-TEST(DynamicCategory, TextInputNeedsATitleInAValueDictionary) {
-  auto both = DynamicCategory::action(
-      json(
-          R"({"name": "Reply", "value": {"textEntryTitle": "Send", "textEntryPlaceholder": "Say"}})"),
-      nullptr);
-  ASSERT_TRUE(both);
-  EXPECT_EQ(both->textInputButtonTitle, "Send");
-  EXPECT_EQ(both->textInputPlaceholder, "Say");
-
-  auto titleOnly = DynamicCategory::action(
-      json(R"({"name": "R", "value": {"textEntryTitle": "Send"}})"), nullptr);
-  ASSERT_TRUE(titleOnly);
-  EXPECT_EQ(titleOnly->textInputButtonTitle, "Send");
-  EXPECT_FALSE(titleOnly->textInputPlaceholder);
-
-  for (const char* value : {R"({"textEntryPlaceholder": "Say"})", R"("Send")", "3"}) {
-    auto plain = DynamicCategory::action(
+  const std::tuple<const char*, std::optional<std::string>, std::optional<std::string>> values[] = {
+      {R"({"textEntryTitle": "Send", "textEntryPlaceholder": "Say"})", "Send", "Say"},
+      {R"({"textEntryTitle": "Send"})", "Send", std::nullopt},
+      {R"({"textEntryPlaceholder": "Say"})", std::nullopt, std::nullopt},
+      {R"("Send")", std::nullopt, std::nullopt},
+      {"3", std::nullopt, std::nullopt}};
+  for (const auto& [value, title, placeholder] : values) {
+    auto read = DynamicCategory::action(
         json(std::string(R"({"name": "R", "value": )") + value + "}"), nullptr);
-    ASSERT_TRUE(plain);
-    EXPECT_FALSE(plain->textInputButtonTitle) << value;
+    ASSERT_TRUE(read) << value;
+    EXPECT_EQ(read->textInputButtonTitle, title) << value;
+    EXPECT_EQ(read->textInputPlaceholder, placeholder) << value;
   }
-}
 
-TEST(DynamicCategory, AnActionThatIsNotADictionaryCannotBeEncoded) {
-  for (const Value& action : {Value("open"), Value(5), Value::dict({{"when", Date()}})}) {
-    ErrorPtr error;
-    EXPECT_FALSE(DynamicCategory::action(action, &error)) << action;
+  for (const Value& refused : {Value("open"), Value(5), Value::dict({{"when", Date()}})}) {
+    error.reset();
+    EXPECT_FALSE(DynamicCategory::action(refused, &error)) << refused;
     ASSERT_TRUE(error);
     EXPECT_FALSE(error->localizedDescription().empty());
   }
 }
 
-TEST(DownloadFileName, LastPathComponentWithoutQueryOrFragment) {
-  auto name = [](std::string_view text) {
-    ErrorPtr error;
-    auto result = downloadFileName(*URL::parse(text), &error);
-    return result ? *result : "error: " + error->localizedDescription();
-  };
-  EXPECT_EQ(name("https://cdn.example/media/cat.png?size=2#top"), "cat.png");
-  EXPECT_EQ(name("https://cdn.example/media/noext"), "noext");
-}
-
-TEST(DownloadFileName, NamesThatWouldLeaveTheDirectoryAreRefused) {
+TEST(DownloadFileName, LastPathComponentWithoutQueryOrFragmentAndNothingThatLeavesTheDirectory) {
+  EXPECT_EQ(downloadFileName(*URL::parse("https://cdn.example/media/cat.png?size=2#top"), nullptr),
+            "cat.png");
+  EXPECT_EQ(downloadFileName(*URL::parse("https://cdn.example/media/noext"), nullptr), "noext");
   for (const char* text :
        {"https://cdn.example", "https://cdn.example/", "https://cdn.example/a/%2E%2E",
         "https://cdn.example/a/..%2Fetc", "https://cdn.example/a/x%2fy.png",

@@ -11,35 +11,6 @@ namespace {
 
 using testing::TempDir;
 
-TEST(BundleTest, ReadsInfoPlistInEitherFormat) {
-  TempDir xml;
-  xml.write("Info.plist", testing::ScopedDevice::infoPlist("com.example.xml"));
-  EXPECT_EQ(Bundle(xml.path()).bundleIdentifier(), "com.example.xml");
-
-  TempDir binary;
-  Value info = Value::dict({{"CFBundleIdentifier", "com.example.binary"},
-                            {"keychain-access-groups", Value::array({"TEAM.PNX"})}});
-  auto bytes = PropertyList::serialize(info, PropertyList::Format::Binary);
-  ASSERT_TRUE(bytes);
-  binary.write("Info.plist", std::string(bytes->begin(), bytes->end()));
-  Bundle bundle(binary.path() + "/");
-  EXPECT_EQ(bundle.bundlePath(), binary.path());
-  EXPECT_EQ(bundle.infoDictionary(), info);
-  EXPECT_EQ(bundle.objectForInfoDictionaryKey("keychain-access-groups").size(), 1u);
-}
-
-TEST(BundleTest, MissingOrBrokenInfoPlistGivesAnEmptyDictionary) {
-  TempDir empty, broken, wrongType;
-  broken.write("Info.plist", "<plist><dict><key>x");
-  wrongType.write("Info.plist", "<plist version=\"1.0\"><array/></plist>");
-  for (const TempDir* dir : {&empty, &broken, &wrongType}) {
-    Bundle bundle(dir->path());
-    EXPECT_TRUE(bundle.infoDictionary().isDictionary());
-    EXPECT_EQ(bundle.infoDictionary().size(), 0u);
-    EXPECT_FALSE(bundle.bundleIdentifier());
-  }
-}
-
 // Reads fail with the file manager's error; everything else forwards.
 class UnreadableFiles : public FileManagerWrapper {
  public:
@@ -52,16 +23,35 @@ class UnreadableFiles : public FileManagerWrapper {
   int reads = 0;
 };
 
-TEST(BundleTest, ReadsInfoPlistThroughTheFileManager) {
-  TempDir dir;
-  dir.write("Info.plist", testing::ScopedDevice::infoPlist("com.example.unreadable"));
+// The XML form is read by every test that names a main bundle (ScopedDevice).
+TEST(BundleTest, ReadsABinaryInfoPlistThroughTheFileManagerAndAnyOtherAsEmpty) {
+  TempDir binary;
+  Value info = Value::dict({{"CFBundleIdentifier", "com.example.binary"},
+                            {"keychain-access-groups", Value::array({"TEAM.PNX"})}});
+  auto bytes = PropertyList::serialize(info, PropertyList::Format::Binary);
+  ASSERT_TRUE(bytes);
+  binary.write("Info.plist", std::string(bytes->begin(), bytes->end()));
+  Bundle bundle(binary.path() + "/");
+  EXPECT_EQ(bundle.bundlePath(), binary.path());
+  EXPECT_EQ(bundle.infoDictionary(), info);
+  EXPECT_EQ(bundle.objectForInfoDictionaryKey("keychain-access-groups").size(), 1u);
+
   auto unreadable = std::make_shared<UnreadableFiles>(FileManager::posix());
   FileManager::setCurrent(unreadable);
-  Bundle bundle(dir.path());
+  Bundle unread(binary.path());
   FileManager::setCurrent(nullptr);
   EXPECT_EQ(unreadable->reads, 1);
-  EXPECT_EQ(bundle.infoDictionary().size(), 0u);
-  EXPECT_EQ(Bundle(dir.path()).bundleIdentifier(), "com.example.unreadable");
+  EXPECT_EQ(Bundle(binary.path()).infoDictionary(), info);  // the default manager is back
+
+  TempDir empty, broken, wrongType;
+  broken.write("Info.plist", "<plist><dict><key>x");
+  wrongType.write("Info.plist", "<plist version=\"1.0\"><array/></plist>");
+  for (const Bundle& emptyInfo :
+       {unread, Bundle(empty.path()), Bundle(broken.path()), Bundle(wrongType.path())}) {
+    EXPECT_TRUE(emptyInfo.infoDictionary().isDictionary());
+    EXPECT_EQ(emptyInfo.infoDictionary().size(), 0u);
+    EXPECT_FALSE(emptyInfo.bundleIdentifier());
+  }
 }
 
 TEST(BundleTest, FindsResourcesInsideTheBundleOnly) {

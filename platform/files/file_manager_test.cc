@@ -6,8 +6,10 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <functional>
 
 #include "platform/files/fixtures_test.h"
 
@@ -71,97 +73,29 @@ TEST_F(FileManagerTest, MovesAndCopiesNeverOverwrite) {
   EXPECT_EQ(dir.read("moved.db"), "old");
 }
 
+// Property lists read through the file manager keep its errors, and their own.
 TEST_F(FileManagerTest, MissingItemsReportNoSuchFileWithTheirPath) {
-  std::string missing = dir.file("PNX.log");
+  const std::string missing = dir.file("PNX.log");
   ErrorPtr error;
   EXPECT_FALSE(files.contentsOfFile(missing, &error));
   ASSERT_TRUE(error);
-  EXPECT_EQ(error->code(), 4);
-  EXPECT_EQ(*error->userInfo()[NSFilePathErrorKey].asString(), missing);
   EXPECT_EQ(error->localizedDescription(),
             "The file \u201cPNX.log\u201d couldn\u2019t be opened because there is no such file.");
   EXPECT_EQ(error->underlyingError()->domain(), NSPOSIXErrorDomain);
 
-  ErrorPtr handleError, removeError;
-  EXPECT_FALSE(files.fileHandleForUpdating(missing, &handleError));
-  EXPECT_FALSE(files.removeItem(missing, &removeError));
-  ASSERT_TRUE(handleError && removeError);
-  EXPECT_EQ(handleError->code(), 4);
-  EXPECT_EQ(removeError->code(), 4);
-}
-
-TEST_F(FileManagerTest, CreatesDirectoriesWithIntermediatesAndAttributes) {
-  std::string deep = dir.file("one/two/three");
-  FileAttributes attributes = permissions(0700);
-  attributes.protection = NSFileProtectionNone;
-  ErrorPtr error;
-  ASSERT_TRUE(files.createDirectory(deep, true, attributes, &error));
-  auto info = files.attributesOfItem(deep, &error);
-  ASSERT_TRUE(info);
-  EXPECT_TRUE(info->isDirectory);
-  if (setxattr(dir.path().c_str(), "user.probe", "1", 1, 0) == 0) {  // file system keeps it
-    EXPECT_EQ(info->protection, std::string(NSFileProtectionNone));
-  }
-
-  // An existing directory is an error only without intermediates; so is a missing parent.
-  EXPECT_TRUE(files.createDirectory(deep, true, {}, &error));
-  EXPECT_FALSE(files.createDirectory(deep, false, {}, &error));
-  EXPECT_EQ(error->code(), 516);
-  EXPECT_FALSE(files.createDirectory(dir.file("x/y"), false, {}, &error));
-  EXPECT_EQ(error->code(), 4);
-  EXPECT_FALSE(files.fileExists(dir.file("x")));
-
-  dir.write("file", "");
-  EXPECT_FALSE(files.createDirectory(dir.file("file"), true, {}, &error));
-  EXPECT_EQ(error->code(), 516);
-}
-
-TEST_F(FileManagerTest, AppendingCreatesPrivatelyAndRefusesLinks) {
-  const std::string path = dir.file("live.log");
-  ErrorPtr error;
-  auto first = files.fileHandleForAppending(path, permissions(0600), &error);
-  ASSERT_TRUE(first) << error->description();
-  EXPECT_EQ(modeOf(path), 0600u);
-  EXPECT_FALSE(files.fileHandleForAppending(dir.file("missing"), std::nullopt, nullptr));
-
-  // Links (dangling too), directories and FIFOs are refused and left as they are.
-  std::filesystem::create_symlink(path, dir.file("link"));
-  std::filesystem::create_symlink(dir.file("nowhere"), dir.file("dangling"));
-  std::filesystem::create_directory(dir.file("folder"));
-  ASSERT_EQ(mkfifo(dir.file("fifo").c_str(), 0600), 0);
-  for (const char* name : {"link", "dangling", "folder", "fifo"}) {
+  const std::function<bool(ErrorPtr*)> reads[] = {
+      [&](ErrorPtr* e) { return !!files.contentsOfFile(missing, e); },
+      [&](ErrorPtr* e) { return !!files.fileHandleForUpdating(missing, e); },
+      [&](ErrorPtr* e) { return files.removeItem(missing, e); },
+      [&](ErrorPtr* e) { return !!propertyListWithContentsOfFile(missing, e); }};
+  for (const auto& read : reads) {
     error.reset();
-    EXPECT_FALSE(files.fileHandleForAppending(dir.file(name), permissions(0600), &error)) << name;
-    EXPECT_TRUE(error) << name;
+    EXPECT_FALSE(read(&error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), NSFileNoSuchFileError);
+    EXPECT_EQ(error->userInfo()[NSFilePathErrorKey], Value(missing));
   }
-  EXPECT_TRUE(std::filesystem::is_symlink(dir.file("dangling")));
-  EXPECT_FALSE(std::filesystem::exists(dir.file("nowhere")));
-}
-
-TEST_F(FileManagerTest, CreateFileReplacesWholeAndLeavesNoTemporaries) {
-  std::string path = dir.file("config.json");
-  ErrorPtr error;
-  ASSERT_TRUE(files.createFile(path, bytes("first"), permissions(0600), &error));
-  ASSERT_TRUE(files.createFile(path, bytes("second"), permissions(0600), &error));
-  EXPECT_EQ(*files.contentsOfFile(path, &error), bytes("second"));
-  EXPECT_EQ(*files.contentsOfDirectory(dir.path(), &error),
-            std::vector<std::string>{"config.json"});
-
-  EXPECT_FALSE(files.createFile(dir.file("none/x"), bytes("x"), {}, &error));
-  EXPECT_EQ(error->code(), 4);
-}
-
-TEST_F(FileManagerTest, ReadsPropertyListsWithTheFileManagersErrors) {
-  ErrorPtr error;
-  const std::string missing = dir.file("Missing.plist");
-  EXPECT_FALSE(propertyListWithContentsOfFile(missing, &error));
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->code(), NSFileNoSuchFileError);
-  EXPECT_EQ(error->userInfo()[NSFilePathErrorKey], Value(missing));
-
-  error = nullptr;
   EXPECT_FALSE(propertyListWithContentsOfFile(dir.write("Broken.plist", "<plist><dict>"), &error));
-  ASSERT_NE(error, nullptr);
   EXPECT_EQ(error->code(), 3840);
 }
 
@@ -177,13 +111,13 @@ class ScopedUmask {
 
 // Items are born with their final modes: no chmod (an inotify attribute event) follows,
 // and the modes are exact whatever the umask, on every new level.
-TEST_F(FileManagerTest, ItemsAreCreatedWithTheirFinalPermissions) {
+TEST_F(FileManagerTest, CreatesItemsWithTheirFinalPermissionsAndAttributes) {
   ScopedUmask mask(022);
   int events = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   ASSERT_GE(inotify_add_watch(events, dir.path().c_str(), IN_ATTRIB), 0);
   ErrorPtr error;
   ASSERT_TRUE(files.createDirectory(dir.file("private/logs"), true, permissions(0700), &error));
-  ASSERT_TRUE(files.createFile(dir.file("secret"), bytes("data"), permissions(0600), &error));
+  ASSERT_TRUE(files.createFile(dir.file("secret"), bytes("first"), permissions(0600), &error));
   alignas(inotify_event) char buffer[4096];
   EXPECT_LT(read(events, buffer, sizeof buffer), 0) << "a mode was changed after creation";
   close(events);
@@ -191,35 +125,75 @@ TEST_F(FileManagerTest, ItemsAreCreatedWithTheirFinalPermissions) {
   EXPECT_EQ(modeOf(dir.file("private/logs")), 0700u);
   EXPECT_EQ(modeOf(dir.file("secret")), 0600u);
 
+  // A new file replaces the old whole and leaves no temporary beside it.
+  ASSERT_TRUE(files.createFile(dir.file("secret"), bytes("second"), permissions(0600), &error));
+  EXPECT_EQ(*files.contentsOfFile(dir.file("secret"), &error), bytes("second"));
+  auto names = *files.contentsOfDirectory(dir.path(), &error);
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"private", "secret"}));
+
   ScopedUmask strict(077);
-  ASSERT_TRUE(files.createDirectory(dir.file("a/b"), true, permissions(0750), &error));
+  FileAttributes attributes = permissions(0750);
+  attributes.protection = NSFileProtectionNone;
+  ASSERT_TRUE(files.createDirectory(dir.file("a/b"), true, attributes, &error));
   EXPECT_EQ(modeOf(dir.file("a")), 0750u);
   EXPECT_EQ(modeOf(dir.file("a/b")), 0750u);
+  auto info = files.attributesOfItem(dir.file("a/b"), &error);
+  ASSERT_TRUE(info);
+  EXPECT_TRUE(info->isDirectory);
+  if (setxattr(dir.path().c_str(), "user.probe", "1", 1, 0) == 0) {  // file system keeps it
+    EXPECT_EQ(info->protection, std::string(NSFileProtectionNone));
+  }
   ASSERT_TRUE(files.createFile(dir.file("shared"), bytes("x"), permissions(0644), &error));
   EXPECT_EQ(modeOf(dir.file("shared")), 0644u);
+
+  // An existing directory is an error only without intermediates; so is a missing parent.
+  EXPECT_TRUE(files.createDirectory(dir.file("a/b"), true, {}, &error));
+  EXPECT_FALSE(files.createDirectory(dir.file("a/b"), false, {}, &error));
+  EXPECT_EQ(error->code(), 516);
+  EXPECT_FALSE(files.createDirectory(dir.file("x/y"), false, {}, &error));
+  EXPECT_EQ(error->code(), 4);
+  EXPECT_FALSE(files.fileExists(dir.file("x")));
+  EXPECT_FALSE(files.createDirectory(dir.file("shared"), true, {}, &error));
+  EXPECT_EQ(error->code(), 516);
+  EXPECT_FALSE(files.createFile(dir.file("none/x"), bytes("x"), {}, &error));
+  EXPECT_EQ(error->code(), 4);
 }
 
-// Open-or-create gives a new file exact permissions and leaves an existing one as it is;
-// without following links, a link to a file or to nothing is refused.
-TEST_F(FileManagerTest, OpeningCanCreateAndRefuseSymbolicLinks) {
+// Open-or-create leaves an existing file's mode as it is. Links (dangling too) are refused
+// and left as they are; appending refuses directories and FIFOs too.
+TEST_F(FileManagerTest, OpeningCanCreateAndRefusesLinks) {
   ScopedUmask mask(077);
-  FileOpenOptions options{.create = true, .followSymbolicLinks = false, .permissions = 0640};
   ErrorPtr error;
+  ASSERT_TRUE(files.fileHandleForAppending(dir.file("live.log"), permissions(0640), &error))
+      << error->description();
+  EXPECT_EQ(modeOf(dir.file("live.log")), 0640u);
+  EXPECT_FALSE(files.fileHandleForAppending(dir.file("missing"), std::nullopt, nullptr));
+  std::filesystem::create_symlink(dir.file("live.log"), dir.file("link"));
+  std::filesystem::create_symlink(dir.file("nowhere"), dir.file("dangling"));
+  std::filesystem::create_directory(dir.file("folder"));
+  ASSERT_EQ(mkfifo(dir.file("fifo").c_str(), 0600), 0);
+  for (const char* name : {"link", "dangling", "folder", "fifo"}) {
+    error.reset();
+    EXPECT_FALSE(files.fileHandleForAppending(dir.file(name), permissions(0600), &error)) << name;
+    EXPECT_TRUE(error) << name;
+  }
+  EXPECT_TRUE(std::filesystem::is_symlink(dir.file("dangling")));
+  EXPECT_FALSE(std::filesystem::exists(dir.file("nowhere")));
+
+  FileOpenOptions options{.create = true, .followSymbolicLinks = false, .permissions = 0640};
   ASSERT_TRUE(files.fileHandleForUpdating(dir.file("new.db"), options, &error));
   EXPECT_EQ(modeOf(dir.file("new.db")), 0640u);
   chmod(dir.file("new.db").c_str(), 0600);
   ASSERT_TRUE(files.fileHandleForUpdating(dir.file("new.db"), options, &error));
   EXPECT_EQ(modeOf(dir.file("new.db")), 0600u);
-
-  for (const char* target : {"new.db", "nowhere.db"}) {
-    std::string link = dir.file(std::string("link-to-") + target);
-    ASSERT_EQ(symlink(dir.file(target).c_str(), link.c_str()), 0);
-    EXPECT_FALSE(files.fileHandleForUpdating(link, options, &error)) << target;
+  for (const char* link : {"link", "dangling"}) {
+    EXPECT_FALSE(files.fileHandleForUpdating(dir.file(link), options, &error)) << link;
     EXPECT_NE(error->localizedDescription().find("because it is a symbolic link"),
               std::string::npos)
         << error->localizedDescription();
   }
-  EXPECT_FALSE(std::filesystem::exists(dir.file("nowhere.db")));
+  EXPECT_FALSE(std::filesystem::exists(dir.file("nowhere")));
 }
 
 }  // namespace

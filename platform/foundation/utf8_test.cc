@@ -5,7 +5,7 @@
 namespace pnx {
 namespace {
 
-TEST(UTF8Test, AcceptsOnlyWellFormedSequences) {
+TEST(UTF8Test, AcceptsOnlyWellFormedSequencesCountsUTF16UnitsAndCodesOneCodePoint) {
   EXPECT_TRUE(isValidUTF8(""));
   EXPECT_TRUE(isValidUTF8("plain ascii"));
   EXPECT_TRUE(isValidUTF8("é 世 😀 \xf4\x8f\xbf\xbf"));  // up to U+10FFFF
@@ -17,17 +17,13 @@ TEST(UTF8Test, AcceptsOnlyWellFormedSequences) {
   EXPECT_FALSE(isValidUTF8("\xed\xa0\x80"));            // a surrogate
   EXPECT_FALSE(isValidUTF8("\xf4\x90\x80\x80"));        // beyond U+10FFFF
   EXPECT_FALSE(isValidUTF8("\xff"));
-}
 
-TEST(UTF8Test, CountsUTF16CodeUnits) {
   EXPECT_EQ(utf16Length("ap12345678"), 10u);
   EXPECT_EQ(utf16Length("aé世😀"), 5u);
   EXPECT_EQ(utf16FromUTF8("a😀"), u"a\U0001F600");
   // Stray bytes count one unit each, standing for their own value.
   EXPECT_EQ(utf16FromUTF8("a\xff\xc3"), u"a\u00ff\u00c3");
-}
 
-TEST(UTF8Test, DecodesAndEncodesOneCodePoint) {
   const std::string_view text = "a\xc3\xa9\xf0\x9f\x98\x80\xc3";
   char32_t codePoint = 0;
   EXPECT_EQ(utf8SequenceLength(text, 1, &codePoint), 2u);

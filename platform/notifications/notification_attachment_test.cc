@@ -1,6 +1,3 @@
-// How attachments judge their files: every sample type accepted with its type identifier,
-// and each kind of refusal with its code and a description that names the file.
-
 #include "platform/notifications/notification_attachment.h"
 
 #include <gtest/gtest.h>
@@ -36,12 +33,9 @@ std::string sizedFile(const testing::TempDir& dir, const std::string& name, std:
   return path;
 }
 
-TEST(NotificationAttachment, AcceptsEverySampleWithTheTypeOfItsExtensionInAnyCase) {
+TEST(NotificationAttachment, JudgesEveryFileByItsExtensionAndContentAndComparesByValue) {
   testing::TempDir dir;
-  auto copied = [&](const char* sample, const char* name) {
-    std::filesystem::copy_file(kMedia + sample, dir.file(name));
-    return dir.file(name);
-  };
+  std::filesystem::copy_file(kMedia + "sample.jpg", dir.file("PHOTO.JPEG"));
   const std::pair<std::string, const char*> samples[] = {
       {kMedia + "sample.png", "public.png"},
       {kMedia + "sample.jpg", "public.jpeg"},
@@ -53,7 +47,7 @@ TEST(NotificationAttachment, AcceptsEverySampleWithTheTypeOfItsExtensionInAnyCas
       {kMedia + "sample.mp4", "public.mpeg-4"},
       {kMedia + "sample.mpg", "public.mpeg"},
       {kMedia + "sample.avi", "public.avi"},
-      {copied("sample.jpg", "PHOTO.JPEG"), "public.jpeg"},
+      {dir.file("PHOTO.JPEG"), "public.jpeg"},
       {sizedFile(dir, "edge.mp3", "ID3", 5 * 1024 * 1024), "public.mp3"},  // at its limit
   };
   for (const auto& [path, type] : samples) {
@@ -62,10 +56,17 @@ TEST(NotificationAttachment, AcceptsEverySampleWithTheTypeOfItsExtensionInAnyCas
     ASSERT_TRUE(attachment) << path << ": " << error->localizedDescription();
     EXPECT_EQ(attachment->type(), type) << path;
   }
-}
 
-TEST(NotificationAttachment, RefusesEachFaultWithItsCodeAndTheFileInTheDescription) {
-  testing::TempDir dir;
+  const URL sample = URL::fileURL(kMedia + "sample.png");
+  auto first = NotificationAttachment::attachmentWithIdentifier("", sample, Value());
+  ASSERT_TRUE(first);
+  EXPECT_TRUE(UUID::parse(first->identifier()));
+  auto again =
+      NotificationAttachment::attachmentWithIdentifier(first->identifier(), sample, Value());
+  EXPECT_TRUE(first->isEqual(*again));
+  EXPECT_EQ(first->hash(), again->hash());
+  EXPECT_FALSE(first->isEqual(*first->withURL(URL::fileURL("/elsewhere/sample.png"))));
+
   std::filesystem::create_directory(dir.file("folder.png"));
   const std::string png = "\x89PNG\r\n\x1a\n";
   struct Case {
@@ -116,18 +117,6 @@ TEST(NotificationAttachment, RefusesEachFaultWithItsCodeAndTheFileInTheDescripti
     ASSERT_TRUE(error->url()) << c.what;
     EXPECT_EQ(error->url()->absoluteString(), fileURLOr(c.path).absoluteString()) << c.what;
   }
-}
-
-TEST(NotificationAttachment, GivesAnEmptyIdentifierAFreshUUIDAndComparesByValue) {
-  auto first = NotificationAttachment::attachmentWithIdentifier(
-      "", URL::fileURL(kMedia + "sample.png"), Value());
-  ASSERT_TRUE(first);
-  EXPECT_TRUE(UUID::parse(first->identifier()));
-  auto again = NotificationAttachment::attachmentWithIdentifier(
-      first->identifier(), URL::fileURL(kMedia + "sample.png"), Value());
-  EXPECT_TRUE(first->isEqual(*again));
-  EXPECT_EQ(first->hash(), again->hash());
-  EXPECT_FALSE(first->isEqual(*first->withURL(URL::fileURL("/elsewhere/sample.png"))));
 }
 
 }  // namespace

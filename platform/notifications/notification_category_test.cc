@@ -1,6 +1,3 @@
-// Categories and actions as values: what makes two of them equal in a set, the stored
-// shapes refused, and the description text.
-
 #include "platform/notifications/notification_category.h"
 
 #include <gtest/gtest.h>
@@ -25,6 +22,7 @@ TEST(NotificationCategory, EqualCategoriesCollapseInASetAndAnyDifferenceKeepsBot
   set.insert(chat({open(), reply("Message")}));
   set.insert(chat({open(), reply("Message")}));
   EXPECT_EQ(set.size(), 1u);
+  EXPECT_TRUE(equalCategorySets(set, {chat({open(), reply("Message")})}));
 
   // Each of these differs from the first in one field.
   set.insert(chat({reply("Message"), open()}));     // action order
@@ -35,6 +33,8 @@ TEST(NotificationCategory, EqualCategoriesCollapseInASetAndAnyDifferenceKeepsBot
   set.insert(NotificationCategory::make("chat", {open(), reply("Message")}, {"INSendMessageIntent"},
                                         NotificationCategoryOptionCustomDismissAction));
   EXPECT_EQ(set.size(), 7u);
+  EXPECT_FALSE(equalCategorySets({chat({})}, {chat({}, NotificationCategoryOptionNone)}));
+  EXPECT_FALSE(equalCategorySets({chat({})}, {}));
 
   // A plain action never equals a text-input one, whichever side asks.
   auto plain = NotificationAction::make("reply", "Reply", 0);
@@ -43,7 +43,9 @@ TEST(NotificationCategory, EqualCategoriesCollapseInASetAndAnyDifferenceKeepsBot
 }
 
 TEST(NotificationCategory, RefusesAStoredShapeItCannotReadNamingWhatIsWrong) {
-  const std::pair<const char*, const char*> cases[] = {
+  const std::string withAction = R"({"identifier": "c", "options": 0, "intentIdentifiers": [], )"
+                                 R"("actions": [{"identifier": "a", )";
+  const std::pair<std::string, const char*> cases[] = {
       {R"([])", "category is not a dictionary"},
       {R"({"options": 1, "intentIdentifiers": [], "actions": []})", "\"identifier\""},
       {R"({"identifier": "c", "options": -1, "intentIdentifiers": [], "actions": []})",
@@ -51,15 +53,10 @@ TEST(NotificationCategory, RefusesAStoredShapeItCannotReadNamingWhatIsWrong) {
       {R"({"identifier": "c", "options": 0, "actions": []})", "\"intentIdentifiers\""},
       {R"({"identifier": "c", "options": 0, "intentIdentifiers": [7], "actions": []})",
        "intent identifier"},
-      {R"({"identifier": "c", "options": 0, "intentIdentifiers": [],
-           "actions": [{"identifier": "a", "options": 0}]})",
-       "action has no string \"title\""},
-      {R"({"identifier": "c", "options": 0, "intentIdentifiers": [],
-           "actions": [{"identifier": "a", "title": "A", "options": 0, "textInput": 1}]})",
-       "\"textInput\""},
-      {R"({"identifier": "c", "options": 0, "intentIdentifiers": [],
-           "actions": [{"identifier": "a", "title": "A", "options": 0,
-                        "textInput": {"buttonTitle": "B", "placeholder": 2}}]})",
+      {withAction + R"("options": 0}]})", "action has no string \"title\""},
+      {withAction + R"("title": "A", "options": 0, "textInput": 1}]})", "\"textInput\""},
+      {withAction + R"("title": "A", "options": 0, "textInput": {"buttonTitle": "B",
+                                                                  "placeholder": 2}}]})",
        "\"placeholder\""},
   };
   for (const auto& [json, described] : cases) {
@@ -72,12 +69,11 @@ TEST(NotificationCategory, RefusesAStoredShapeItCannotReadNamingWhatIsWrong) {
 }
 
 TEST(NotificationCategory, DescribesItselfInThePlatformsStyle) {
-  auto category = NotificationCategory::make(
-      "chat",
+  auto category = chat(
       {NotificationAction::make(
            "ok", "O\"K", NotificationActionOptionForeground | NotificationActionOptionDestructive),
        TextInputNotificationAction::make("reply", "Reply", 0, "Send", std::nullopt)},
-      {}, NotificationCategoryOptionCustomDismissAction | 64);
+      NotificationCategoryOptionCustomDismissAction | 64);
   EXPECT_EQ(category->description(),
             "<UNNotificationCategory: identifier: \"chat\", actions: ("
             "<UNNotificationAction: identifier: \"ok\", title: \"O\\\"K\", options: "
@@ -87,13 +83,6 @@ TEST(NotificationCategory, DescribesItselfInThePlatformsStyle) {
             "intentIdentifiers: (), options: [customDismissAction, 64]>");
   // In a Value, as "%@" would print it.
   EXPECT_EQ(Value(ObjectPtr(category)).description(), category->description());
-}
-
-TEST(NotificationCategory, ComparesSetsByValue) {
-  auto a = [] { return NotificationCategory::make("a", {}, {}, 1); };
-  EXPECT_TRUE(equalCategorySets({a()}, {a()}));
-  EXPECT_FALSE(equalCategorySets({a()}, {NotificationCategory::make("a", {}, {}, 0)}));
-  EXPECT_FALSE(equalCategorySets({a()}, {}));
 }
 
 }  // namespace

@@ -1,11 +1,6 @@
-// The notification center: categories kept in the device's database and seen by every
-// connection to it, delivered on the center's own queue, replaced whole; the app id of an
-// extension; and the display step that moves attachment files into the store.
-
 #include "platform/notifications/notification_center.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <future>
@@ -40,11 +35,17 @@ std::pair<NotificationCategorySet, std::thread::id> fetch(NotificationCenter& ce
   return delivered.get_future().get();
 }
 
-mode_t permissions(const std::string& path) {
-  struct stat status {};
-  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
-  return status.st_mode & 0777;
-}
+// Keeps the system log's lines, each after its subsystem.
+struct CapturingSink : LogSink {
+  void systemLog(LogType, std::string_view subsystem, std::string_view,
+                 std::string_view text) override {
+    std::lock_guard lock(mutex);
+    lines.push_back(std::string(subsystem) + ": " + std::string(text));
+  }
+  void console(std::string_view) override {}
+  std::mutex mutex;
+  std::vector<std::string> lines;
+};
 
 class NotificationCenterTest : public ::testing::Test {
  protected:
@@ -52,27 +53,41 @@ class NotificationCenterTest : public ::testing::Test {
   std::shared_ptr<NotificationCenter> center_ = NotificationCenter::currentNotificationCenter();
 };
 
-TEST_F(NotificationCenterTest, DeliversTheSetLastRegisteredOnItsOwnQueueAndReplacesItWhole) {
-  EXPECT_EQ(center_->applicationIdentifier(), "com.example.chat");
+TEST_F(NotificationCenterTest,
+       DeliversTheSetLastRegisteredOnItsOwnQueueAndKeepsItWhenANewOneFails) {
   EXPECT_EQ(center_.get(), NotificationCenter::forApplication("com.example.chat").get());
-
   auto [empty, thread] = fetch(*center_);
   EXPECT_TRUE(empty.empty());
   EXPECT_NE(thread, std::this_thread::get_id());
 
+  auto sink = std::make_shared<CapturingSink>();
+  SystemLog::setSink(sink);
   center_->setNotificationCategories({category("a"), category("b")});
   center_->setNotificationCategories({category("b"), category("c")});
   // A get queued after the sets sees the last one, with no waiting in between.
   auto [registered, ignored] = fetch(*center_);
   EXPECT_TRUE(equalCategorySets(registered, {category("b"), category("c")}));
-
+  // Text that is not UTF-8 cannot be stored: the stored set stays, the system log says why.
+  center_->setNotificationCategories({category("b"), category("bad\xff")});
+  center_->waitUntilIdle();
+  SystemLog::setSink(nullptr);
+  EXPECT_TRUE(
+      equalCategorySets(center_->registeredCategories().value(), {category("b"), category("c")}));
   const std::string directory = device_.deviceDirectory() + "/notifications";
   EXPECT_EQ(center_->databasePath(), directory + "/com.example.chat.db");
-  EXPECT_EQ(permissions(directory), 0700u);
-  EXPECT_EQ(permissions(center_->databasePath()), 0600u);
+  EXPECT_EQ(testing::modeOf(directory), 0700u);
+  EXPECT_EQ(testing::modeOf(center_->databasePath()), 0600u);
+  std::lock_guard lock(sink->mutex);
+  ASSERT_EQ(sink->lines.size(), 1u);
+  EXPECT_NE(
+      sink->lines[0].find(
+          "pnx.notifications: Cannot store the notification categories of com.example.chat: "),
+      std::string::npos)
+      << sink->lines[0];
+  EXPECT_NE(sink->lines[0].find("not UTF-8"), std::string::npos) << sink->lines[0];
 }
 
-TEST_F(NotificationCenterTest, SeesWhatAnotherConnectionWroteAndWritesWhatItCanRead) {
+TEST_F(NotificationCenterTest, SeesWhatAnotherConnectionWroteAndKeepsWhatItCanRead) {
   center_->setNotificationCategories({category("mine")});
   center_->waitUntilIdle();
 
@@ -86,13 +101,20 @@ TEST_F(NotificationCenterTest, SeesWhatAnotherConnectionWroteAndWritesWhatItCanR
   EXPECT_TRUE(equalCategorySets(fetch(*center_).first, {category("theirs")}));
   EXPECT_TRUE(equalCategorySets(center_->registeredCategories().value(), {category("theirs")}));
 
-  // A row no one can read: the synchronous read says so, a get leaves the row out.
-  ASSERT_TRUE(other->execute("INSERT INTO categories VALUES (1, 'bad', '{\"identifier\": 1}')"));
+  // Rows no one can read: the synchronous read says so, a get leaves them out (it once lost
+  // the whole set), so a service's merge (get, add its own, set the whole) keeps the rest.
+  ASSERT_TRUE(other->execute(
+      "INSERT INTO categories VALUES (1, 'bad', '{\"identifier\": 1}'), (9, 'worse', 'not JSON')"));
   ErrorPtr error;
   EXPECT_FALSE(center_->registeredCategories(&error));
   ASSERT_TRUE(error);
   EXPECT_NE(error->localizedDescription().find("\"identifier\""), std::string::npos);
-  EXPECT_TRUE(equalCategorySets(fetch(*center_).first, {category("theirs")}));
+  NotificationCategorySet merged = fetch(*center_).first;
+  EXPECT_TRUE(equalCategorySets(merged, {category("theirs")}));
+  merged.insert(category("c"));
+  center_->setNotificationCategories(merged);
+  EXPECT_TRUE(equalCategorySets(center_->registeredCategories().value(),
+                                {category("theirs"), category("c")}));
 }
 
 TEST_F(NotificationCenterTest, CountsCallsInFlightUntilTheirHandlersReturn) {
@@ -115,56 +137,16 @@ TEST_F(NotificationCenterTest, CountsCallsInFlightUntilTheirHandlersReturn) {
   EXPECT_TRUE(equalCategorySets(center_->registeredCategories().value(), {category("chat")}));
 }
 
-// Keeps the system log's lines for the test to read.
-class CapturingSink : public LogSink {
- public:
-  void systemLog(LogType, std::string_view subsystem, std::string_view,
-                 std::string_view text) override {
-    std::lock_guard lock(mutex_);
-    lines_.push_back(std::string(subsystem) + ": " + std::string(text));
-  }
-  void console(std::string_view) override {}
-  std::vector<std::string> lines() {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
-
-TEST_F(NotificationCenterTest, KeepsTheStoredSetWhenANewOneCannotBeStoredAndLogsWhy) {
-  auto sink = std::make_shared<CapturingSink>();
-  SystemLog::setSink(sink);
-  center_->setNotificationCategories({category("kept")});
-  // Text that is not UTF-8 cannot be written as JSON.
-  center_->setNotificationCategories({category("kept"), category("bad\xff")});
-  center_->waitUntilIdle();
-  SystemLog::setSink(nullptr);
-
-  EXPECT_TRUE(equalCategorySets(center_->registeredCategories().value(), {category("kept")}));
-  ASSERT_EQ(sink->lines().size(), 1u);
-  EXPECT_NE(
-      sink->lines()[0].find(
-          "pnx.notifications: Cannot store the notification categories of com.example.chat: "),
-      std::string::npos)
-      << sink->lines()[0];
-  EXPECT_NE(sink->lines()[0].find("not UTF-8"), std::string::npos) << sink->lines()[0];
-}
-
 TEST_F(NotificationCenterTest, GivesAnExtensionTheCenterOfItsApp) {
-  auto infoPlist = [](const std::string& entries) {
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
-           "<key>CFBundleIdentifier</key><string>com.example.chat.service</string>" +
-           entries + "</dict>\n</plist>\n";
-  };
   const std::pair<std::string, std::string> cases[] = {
       {"", "com.example.chat.service"},
       {"<key>NSExtension</key><dict/>", "com.example.chat"},
       {"<key>CFBundlePackageType</key><string>XPC!</string>", "com.example.chat"}};
   for (const auto& [entries, identifier] : cases) {
-    device_.writeBundleFile("Info.plist", infoPlist(entries));
+    device_.writeBundleFile("Info.plist",
+                            "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key>"
+                            "<string>com.example.chat.service</string>" +
+                                entries + "</dict></plist>");
     EXPECT_EQ(NotificationCenter::currentNotificationCenter()->applicationIdentifier(), identifier)
         << entries;
   }
@@ -173,16 +155,13 @@ TEST_F(NotificationCenterTest, GivesAnExtensionTheCenterOfItsApp) {
   EXPECT_EQ(notificationApplicationIdentifier(nullptr), "unknown.bundle");
 }
 
-// Content titled "Hello" with the file at path attached.
-MutableNotificationContentPtr withAttachment(const std::string& path) {
-  auto content = MutableNotificationContent::make();
-  content->setTitle("Hello");
-  content->setAttachments(
-      {NotificationAttachment::attachmentWithIdentifier("ID", URL::fileURL(path), Value())});
-  return content;
-}
-
 TEST_F(NotificationCenterTest, DisplayMovesAttachmentsIntoTheStoreUnderFreeNames) {
+  auto withAttachment = [](const std::string& path) {
+    auto content = MutableNotificationContent::make();
+    content->setAttachments(
+        {NotificationAttachment::attachmentWithIdentifier("ID", URL::fileURL(path), Value())});
+    return content;
+  };
   const std::string temporary = Container::temporaryDirectory();
   auto inTemporary = [&](const char* sample, const char* name) {
     std::filesystem::copy_file(kMedia + sample, temporary + "/" + name);
@@ -198,7 +177,7 @@ TEST_F(NotificationCenterTest, DisplayMovesAttachmentsIntoTheStoreUnderFreeNames
   EXPECT_EQ(second->attachments()[0]->url().path(), store + "/image 2.png");
   EXPECT_FALSE(std::filesystem::exists(temporary + "/image.png"));
   EXPECT_TRUE(std::filesystem::exists(store + "/image 2.png"));
-  EXPECT_EQ(permissions(store), 0700u);
+  EXPECT_EQ(testing::modeOf(store), 0700u);
 
   // A file kept elsewhere is copied, not taken away.
   auto shown = center_->displayNotification(*withAttachment(kMedia + "sample.gif"));
@@ -214,24 +193,6 @@ TEST_F(NotificationCenterTest, DisplayMovesAttachmentsIntoTheStoreUnderFreeNames
   EXPECT_EQ(error->domain(), UNErrorDomain);
   EXPECT_EQ(error->code(), UNErrorCodeAttachmentMoveIntoDataStoreFailed);
   EXPECT_NE(error->localizedDescription().find(temporary + "/sound.wav"), std::string::npos);
-}
-
-TEST(NotificationCenter, AMergeIntoAStoreWithAnUnreadableRowKeepsEveryReadableCategory) {
-  testing::ScopedDevice device("com.example.chat");
-  auto center = NotificationCenter::currentNotificationCenter();
-  center->setNotificationCategories({category("a"), category("b")});
-  center->waitUntilIdle();
-  auto other = SQLiteDatabase::open(center->databasePath());
-  ASSERT_TRUE(other);
-  ASSERT_TRUE(other->execute("INSERT INTO categories VALUES (9, 'bad', 'not JSON')"));
-  other.reset();
-
-  // What a service does: get, add its own, set the whole.
-  NotificationCategorySet merged = fetch(*center).first;
-  merged.insert(category("c"));
-  center->setNotificationCategories(merged);
-  EXPECT_TRUE(equalCategorySets(center->registeredCategories().value(),
-                                {category("a"), category("b"), category("c")}));
 }
 
 }  // namespace

@@ -1,6 +1,4 @@
-// pnx categories, run as a separate process: an empty device lists nothing (and is left
-// untouched), and what this process's notification center registered is listed in order.
-
+// pnx categories runs as a separate process.
 #include <gtest/gtest.h>
 
 #include <filesystem>
