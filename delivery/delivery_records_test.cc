@@ -24,21 +24,6 @@ TEST(DeliveryRecord, TakesIdentitiesAndThePnxDictionaryOnlyWhenPresent) {
   EXPECT_EQ(deliveryRecord(Value(), Value(), Value()), Value(Dictionary()));
 }
 
-TEST(DeliveryQueue, EqualRecordsCollapseAndOnlyArraysAreQueues) {
-  Value a = Value::dict({{"userId", "u"}, {"mailingId", 5}});
-  Value sameAsA = Value::dict({{"mailingId", 5.0}, {"userId", "u"}});
-  Value b = Value::dict({{"userId", "u"}, {"mailingId", 6}});
-  auto queue = queueFromStoredValue(Value::array({a, b, sameAsA}));
-  ASSERT_TRUE(queue);
-  EXPECT_EQ(queue->size(), 2u);
-  EXPECT_EQ(storedValueFromQueue(*queue).size(), 2u);
-  EXPECT_FALSE(queueFromStoredValue(Value()));
-  EXPECT_FALSE(queueFromStoredValue(Value("not a queue")));
-  Set changed{a};
-  applyQueueChange(changed, {b}, {sameAsA});
-  EXPECT_EQ(changed, Set{b});
-}
-
 TEST(RetryGate, OnlyTooManyRequestsSetsABackOffDateAndTheGateOpensStrictlyAfterIt) {
   Date now(1'000'000);
   EXPECT_TRUE(retryGateOpen(Value(), now));
@@ -47,18 +32,17 @@ TEST(RetryGate, OnlyTooManyRequestsSetsABackOffDateAndTheGateOpensStrictlyAfterI
   EXPECT_FALSE(retryGateOpen(Value(now), now));
   EXPECT_FALSE(retryGateOpen(Value(now.addingTimeInterval(120)), now));
 
-  auto httpError = [](Value userInfo) { return Error::make("pnx.campaign.mobile", 105, userInfo); };
-  EXPECT_EQ(retryAfterDateForError(httpError(Value::dict({{"statusCode", 429}})), now),
-            now.addingTimeInterval(10));
-  EXPECT_EQ(retryAfterDateForError(
-                httpError(Value::dict({{"statusCode", 429}, {"retryAfter", 120}})), now),
-            now.addingTimeInterval(120));
-  // An HTTP-date Retry-After reads as 0 seconds: held back only until the next call.
-  EXPECT_EQ(
-      retryAfterDateForError(httpError(Value::dict({{"statusCode", 429}, {"retryAfter", 0}})), now),
-      now);
-  EXPECT_FALSE(retryAfterDateForError(
-      httpError(Value::dict({{"statusCode", 500}, {"retryAfter", 5}})), now));
+  const std::pair<Value, std::optional<Date>> httpErrors[] = {
+      {Value::dict({{"statusCode", 429}}), now.addingTimeInterval(10)},
+      {Value::dict({{"statusCode", 429}, {"retryAfter", 120}}), now.addingTimeInterval(120)},
+      // An HTTP-date Retry-After reads as 0 seconds: held back only until the next call.
+      {Value::dict({{"statusCode", 429}, {"retryAfter", 0}}), now},
+      {Value::dict({{"statusCode", 500}, {"retryAfter", 5}}), std::nullopt},
+  };
+  for (const auto& [userInfo, until] : httpErrors) {
+    EXPECT_EQ(retryAfterDateForError(Error::make("pnx.campaign.mobile", 105, userInfo), now),
+              until);
+  }
   EXPECT_FALSE(retryAfterDateForError(Error::make(NSURLErrorDomain, -1004), now));
   EXPECT_FALSE(retryAfterDateForError(nullptr, now));
 }
@@ -75,13 +59,21 @@ TEST(DeliveryBody, IsTheGzipOfTheCompactJson) {
   EXPECT_EQ(error->code(), NSPropertyListWriteInvalidError);
 }
 
-// The change in place gives what the set algebra gives, and tells exactly when the queue
-// differs from before (equal records in another spelling change nothing).
-TEST(DeliveryQueue, ChangesInPlaceAsTheSetAlgebraDoes) {
+// The queue's stored form collapses equal records, and only an array is a queue. The change
+// in place gives what the set algebra gives, and tells exactly when the queue differs from
+// before (equal records in another spelling change nothing).
+TEST(DeliveryQueue, EqualRecordsCollapseAndChangesInPlaceFollowTheSetAlgebra) {
   const Value a = Value::dict({{"userId", "a"}, {"mailingId", 5}});
-  const Value aAsReal = Value::dict({{"userId", "a"}, {"mailingId", 5.0}});
+  const Value aAsReal = Value::dict({{"mailingId", 5.0}, {"userId", "a"}});
   const Value b = Value::dict({{"userId", "b"}});
   const Value c = Value::dict({{"userId", "c"}});
+  auto stored = queueFromStoredValue(Value::array({a, b, aAsReal}));
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(stored->size(), 2u);
+  EXPECT_EQ(storedValueFromQueue(*stored).size(), 2u);
+  EXPECT_FALSE(queueFromStoredValue(Value()));
+  EXPECT_FALSE(queueFromStoredValue(Value("not a queue")));
+
   struct Case {
     Set queue, add, remove;
     bool changes;
@@ -89,7 +81,8 @@ TEST(DeliveryQueue, ChangesInPlaceAsTheSetAlgebraDoes) {
   for (const Case& change :
        {Case{{a, b}, {}, {}, false}, Case{{a, b}, {aAsReal}, {}, false}, Case{{a}, {b}, {}, true},
         Case{{a, b}, {}, {b}, true}, Case{{a}, {}, {c}, false}, Case{{a}, {c}, {c}, false},
-        Case{{a, c}, {c}, {c}, true}, Case{{}, {a, b}, {a}, true}}) {
+        Case{{a, c}, {c}, {c}, true}, Case{{}, {a, b}, {a}, true},
+        Case{{a}, {b}, {aAsReal}, true}}) {
     Set queue = change.queue;
     EXPECT_EQ(applyQueueChange(queue, change.add, change.remove), change.changes);
     Set expected;  // (queue ∪ add) \ remove, element by element

@@ -6,32 +6,22 @@
 
 namespace {
 
-class TaskRows : public ::testing::Test {
- protected:
-  TaskRows() : database_(pnx::SQLiteDatabase::open(":memory:")) {
-    EXPECT_TRUE(
-        database_->execute("CREATE TABLE tasks (id INTEGER PRIMARY KEY, name TEXT, userInfo TEXT,"
-                           " createdDate INTEGER, availableDate INTEGER, retryCount INTEGER,"
-                           " maxRetries INTEGER, retryWithBackoff INTEGER)"));
-  }
+// The task read back from a row of an in-memory table holding the given values.
+std::shared_ptr<PNXTask> taskFromRow(const std::vector<pnx::Value>& values) {
+  auto database = pnx::SQLiteDatabase::open(":memory:");
+  EXPECT_TRUE(database->execute(
+      "CREATE TABLE tasks (id INTEGER PRIMARY KEY, name TEXT, userInfo TEXT, createdDate INTEGER,"
+      " availableDate INTEGER, retryCount INTEGER, maxRetries INTEGER, retryWithBackoff INTEGER)"));
+  EXPECT_TRUE(database->execute(
+      "INSERT INTO tasks (name, userInfo, createdDate, availableDate, retryCount, maxRetries,"
+      " retryWithBackoff) VALUES (?, ?, ?, ?, ?, ?, ?)",
+      values));
+  auto rows = database->query("SELECT * FROM tasks");
+  EXPECT_TRUE(rows && rows->next());
+  return PNXTask::taskWithResultSet(*rows);
+}
 
-  // The task read back from a row holding the given values.
-  std::shared_ptr<PNXTask> taskFromRow(const std::vector<pnx::Value>& values) {
-    EXPECT_TRUE(database_->execute(
-        "INSERT INTO tasks (name, userInfo, createdDate, availableDate, retryCount, maxRetries,"
-        " retryWithBackoff) VALUES (?, ?, ?, ?, ?, ?, ?)",
-        values));
-    auto rows =
-        database_->query("SELECT * FROM tasks WHERE id = ?",
-                         {pnx::Value(static_cast<long long>(database_->lastInsertRowId()))});
-    EXPECT_TRUE(rows && rows->next());
-    return PNXTask::taskWithResultSet(*rows);
-  }
-
-  std::unique_ptr<pnx::SQLiteDatabase> database_;
-};
-
-TEST_F(TaskRows, ARowFillsEveryProperty) {
+TEST(PNXTask, ARowFillsEveryPropertyAndDamagedPayloadsBecomeEmpty) {
   auto task = taskFromRow({"sync", R"({"page": 2, "tags": ["a"]})", 1600000000, 0, 3, -1, 1});
   // The description carries the id, name, retry count and available date.
   EXPECT_EQ(task->description(),
@@ -42,17 +32,15 @@ TEST_F(TaskRows, ARowFillsEveryProperty) {
   EXPECT_EQ(task->maxRetries(), PNXTaskAlwaysRetry);
   EXPECT_TRUE(task->retryWithBackoff());
   EXPECT_TRUE(task->canBeRetried());  // a negative budget never runs out
-}
 
-TEST_F(TaskRows, DamagedPayloadsBecomeEmpty) {
   for (pnx::Value payload : {pnx::Value("{not json"), pnx::Value("[1, 2]"), pnx::Value(42)}) {
-    auto task = taskFromRow({"n", payload, 0, 0, 0, 0, 0});
-    EXPECT_EQ(task->userInfo(), pnx::Value(pnx::Dictionary())) << payload.description();
+    EXPECT_EQ(taskFromRow({"n", payload, 0, 0, 0, 0, 0})->userInfo(), pnx::Value(pnx::Dictionary()))
+        << payload.description();
   }
   // A null name is none (null numbers read as zero: Value's integerValue).
-  auto task = taskFromRow(
-      {pnx::Value(), "{}", pnx::Value(), pnx::Value(), pnx::Value(), pnx::Value(), pnx::Value()});
-  EXPECT_FALSE(task->name());
+  EXPECT_FALSE(taskFromRow({pnx::Value(), "{}", pnx::Value(), pnx::Value(), pnx::Value(),
+                            pnx::Value(), pnx::Value()})
+                   ->name());
 }
 
 TEST(PNXTask, FactoriesFillDefaultsAndTheRetryBudgetDecidesCanBeRetried) {
@@ -71,9 +59,9 @@ TEST(PNXTask, FactoriesFillDefaultsAndTheRetryBudgetDecidesCanBeRetried) {
   PNXTask::setRetryWithBackoffDefault(true);
   EXPECT_FALSE(plain->retryWithBackoff());  // only later tasks change
   EXPECT_TRUE(PNXTask::taskWithName("upload", pnx::Value::dict({{"k", 1}}))->retryWithBackoff());
-  auto explicitTask = PNXTask::taskWithName("upload", pnx::Value(), std::nullopt, 2, false);
-  EXPECT_FALSE(explicitTask->retryWithBackoff());
-  EXPECT_EQ(explicitTask->maxRetries(), 2);
+  // Given explicitly, the choice overrides the default.
+  EXPECT_FALSE(
+      PNXTask::taskWithName("upload", pnx::Value(), std::nullopt, 2, false)->retryWithBackoff());
   PNXTask::setRetryWithBackoffDefault(false);
   pnx::Clock::useSystemClock();
 }
