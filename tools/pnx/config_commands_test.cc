@@ -11,30 +11,33 @@
 
 namespace {
 
-// A bundle directory with an Info.plist, plus whatever each test adds.
-class BundleUnderTest : public pnx::testing::TempDir {
- public:
-  BundleUnderTest() {
-    write("Info.plist", pnx::testing::ScopedDevice::infoPlist("com.example.commands"));
+// pnx run on a bundle directory with an Info.plist, plus whatever each test adds.
+class PnxConfigCommands : public ::testing::Test {
+ protected:
+  PnxConfigCommands() {
+    bundle_.write("Info.plist", pnx::testing::ScopedDevice::infoPlist("com.example.commands"));
   }
   // A signed profile of the environment, made by the examples' script.
   void addProfile(const std::string& environment, int days = 365) {
     const std::string command = "sh " PNX_SOURCE_DIR "/examples/make-profiles.sh --days " +
-                                std::to_string(days) + " '" + file("p") + "' " + environment;
+                                std::to_string(days) + " '" + bundle_.file("p") + "' " +
+                                environment;
     ASSERT_EQ(std::system(command.c_str()), 0);
-    std::filesystem::copy_file(file("p/" + environment + ".mobileprovision"),
-                               file("embedded.mobileprovision"),
+    std::filesystem::copy_file(bundle_.file("p/" + environment + ".mobileprovision"),
+                               bundle_.file("embedded.mobileprovision"),
                                std::filesystem::copy_options::overwrite_existing);
   }
+
+  pnx::testing::TempDir bundle_;
+  PnxRunner pnx_{bundle_.path()};
 };
 
 pnx::Value json(std::string_view text) {
   return pnx::JSON::parse(text).value();
 }
 
-TEST(PnxConfigCommand, PrintsEveryPropertyWithItsDefaultWhenThereIsNoFile) {
-  BundleUnderTest bundle;
-  EXPECT_EQ(expectPnxJSON(PnxRunner(bundle.path()).run({"config"})), json(R"({
+TEST_F(PnxConfigCommands, PrintsEveryPropertyWithItsDefaultOrAsTheFileSetsIt) {
+  EXPECT_EQ(expectPnxJSON(pnx_.run({"config"})), json(R"({
       "sessionTimeout": 20, "baseUrl": "https://push.quorvex.example/", "appKey": null,
       "autoInitializeFlag": true, "autoInitializeLocationFlag": false, "appDelegateClass": null,
       "locationSyncRadius": 100000, "locationSyncTimeout": 600, "geofenceEnabled": false,
@@ -45,11 +48,8 @@ TEST(PnxConfigCommand, PrintsEveryPropertyWithItsDefaultWhenThereIsNoFile) {
       "autoReinitialize": true, "allowJailbrokenDevices": true, "apiKey": null, "orgId": null,
       "maximumSearchRadius": 0, "defaultSearchRadius": 0, "maximumSearchCount": 0,
       "maximumGeofenceCount": 0, "teamId": null, "deliveryReporting": false})"));
-}
 
-TEST(PnxConfigCommand, PrintsEveryKeyAsTheFileSetsIt) {
-  BundleUnderTest bundle;
-  bundle.write("PnxConfig.json", R"({
+  bundle_.write("PnxConfig.json", R"({
       "teamId": "T1", "deliveryReporting": "yes", "orgId": "org", "apiKey": "api",
       "autoReinitialize": "no", "invalidateExistingUser": 1, "databaseEncryption": true,
       "databaseKeyRotationDays": 7, "privateDatabaseStorage": false,
@@ -63,8 +63,7 @@ TEST(PnxConfigCommand, PrintsEveryKeyAsTheFileSetsIt) {
       "appKey": {"dev": "apDEV45678", "prod": "apPROD5678"},
       "baseUrl": "https://api.example.com:8443/rest/v1/", "autoInitialize": "no",
       "appDelegateClass": "Unknown", "sessionTimeout": "45"})");
-  PnxRunner pnx(bundle.path());
-  EXPECT_EQ(expectPnxJSON(pnx.run({"config"})), json(R"({
+  EXPECT_EQ(expectPnxJSON(pnx_.run({"config"})), json(R"({
       "sessionTimeout": 45, "baseUrl": "https://api.example.com:8443/", "appKey": "apPROD5678",
       "autoInitializeFlag": false, "autoInitializeLocationFlag": false, "appDelegateClass": null,
       "locationSyncRadius": 500, "locationSyncTimeout": 300, "geofenceEnabled": true,
@@ -78,46 +77,38 @@ TEST(PnxConfigCommand, PrintsEveryKeyAsTheFileSetsIt) {
       "maximumGeofenceCount": 20, "teamId": "T1", "deliveryReporting": true})"));
 }
 
-TEST(PnxConfigCommand, ReportsAnUnreadableFileAsOneLine) {
-  BundleUnderTest bundle;
-  PnxRunner pnx(bundle.path());
+TEST_F(PnxConfigCommands, ReportsAnUnreadableFileAsOneLine) {
   // Cut short: not JSON. The keychain commands, which load the configuration for the team's
   // group, fail the same way.
-  bundle.write("PnxConfig.json", "{\"teamId\": \"T1\",");
+  bundle_.write("PnxConfig.json", "{\"teamId\": \"T1\",");
   for (const std::vector<std::string>& command :
        {std::vector<std::string>{"config"}, {"keychain", "get", "userId"}, {"identity"}}) {
-    PnxRun run = pnx.run(command);
-    EXPECT_EQ(run.exitCode, 1) << command[0];
-    EXPECT_EQ(run.out, "");
-    EXPECT_EQ(run.err, "pnx: Invalid Config File: Config file could not be parsed as JSON\n")
-        << command[0];
+    SCOPED_TRACE(command[0]);
+    expectPnxFailure(pnx_.run(command), 1,
+                     "pnx: Invalid Config File: Config file could not be parsed as JSON\n");
   }
 
   // A configuration that is no object is quoted by its start only.
   std::string array = "[\"\\u001b[2J\"";
   while (array.size() < (4u << 20)) array += ",123456789";
-  bundle.write("PnxConfig.json", array + "]");
-  PnxRun run = pnx.run({"config"});
+  bundle_.write("PnxConfig.json", array + "]");
+  PnxRun run = pnx_.run({"config"});
   expectPnxFailure(run, 1, "pnx: Invalid Config value: Config of [\"\\u001b[2J\",123");
   EXPECT_LT(run.err.size(), 200u) << run.err;
   EXPECT_TRUE(run.err.ends_with(" more bytes) is invalid.\n")) << run.err;
 }
 
-TEST(PnxConfigCommand, WritesTheRunsLogFileWhenTheConfigurationAsksForIt) {
-  BundleUnderTest bundle;
-  bundle.write("PnxConfig.json", R"({"logfile": true, "loglevel": "info"})");
-  PnxRunner pnx(bundle.path());
-  expectPnxJSON(pnx.run({"config"}));
-  const std::string log = pnx_test_detail::readWholeFile(
-      pnx.device() + "/containers/com.example.commands/Documents/PNX.log");
+TEST_F(PnxConfigCommands, WritesTheRunsLogFileWhenTheConfigurationAsksForIt) {
+  bundle_.write("PnxConfig.json", R"({"logfile": true, "loglevel": "info"})");
+  expectPnxJSON(pnx_.run({"config"}));
+  const std::string log =
+      readWholeFile(pnx_.device() + "/containers/com.example.commands/Documents/PNX.log");
   EXPECT_NE(log.find("Application Configuration Loaded"), std::string::npos) << log;
   EXPECT_NE(log.find("APNS Certificate is Not Expired"), std::string::npos) << log;
 }
 
-TEST(PnxProfileCommand, PrintsWhatTheProfileSays) {
-  BundleUnderTest bundle;
-  PnxRunner pnx(bundle.path());
-  PnxRun none = pnx.run({"--log", "profile"});
+TEST_F(PnxConfigCommands, ProfilePrintsWhatTheProfileSays) {
+  PnxRun none = pnx_.run({"--log", "profile"});
   EXPECT_EQ(expectPnxJSON(none), json(R"({"binaryEnvironment": null,
       "certificateExpiration": null, "certificateExpired": false, "provisionedDevices": null})"));
   // The log shows why no profile was read.
@@ -125,8 +116,8 @@ TEST(PnxProfileCommand, PrintsWhatTheProfileSays) {
             std::string::npos)
       << none.err;
 
-  bundle.addProfile("ad-hoc", -2);
-  pnx::Value profile = expectPnxJSON(pnx.run({"profile"}));
+  addProfile("ad-hoc", -2);
+  pnx::Value profile = expectPnxJSON(pnx_.run({"profile"}));
   EXPECT_EQ(profile["binaryEnvironment"], pnx::Value("ad-hoc"));
   EXPECT_EQ(profile["certificateExpired"], pnx::Value(true));
   EXPECT_EQ(profile["provisionedDevices"].size(), 2u);

@@ -4,14 +4,12 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <algorithm>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <regex>
 #include <thread>
-
-#include <httplib.h>
 
 #include "tools/pnx/run_pnx_test.h"
 
@@ -21,19 +19,16 @@ using pnx::Value;
 
 // A device, and a copy of the sample bundle whose baseUrl points at a `pnx serve` of its
 // own that serves examples/media; the device's identity is u1 on channel c1.
-class ServedDevice : public ::testing::Test {
+class PnxDeliveryCommands : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_GT(serve_.port(), 0) << "pnx serve did not start: " << serve_.err();
-    std::filesystem::copy(pnxSampleBundle(), dir_.file("bundle"));
-    pointAt(serve_.url());
+    std::filesystem::copy(kPnxSampleBundle, dir_.file("bundle"));
+    const std::string config = dir_.read("bundle/PnxConfig.json");
+    dir_.write("bundle/PnxConfig.json", std::regex_replace(config, kLocalUrl, serve_.url()));
     json({"identity", "--user-id", "u1", "--channel-id", "c1"});
   }
 
-  void pointAt(const std::string& baseUrl) {
-    const std::string config = dir_.read("bundle/PnxConfig.json");
-    dir_.write("bundle/PnxConfig.json", std::regex_replace(config, kLocalUrl, baseUrl));
-  }
   std::vector<std::string> withDevice(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(),
                      {"--device", dir_.file("device"), "--bundle", dir_.file("bundle")});
@@ -43,16 +38,12 @@ class ServedDevice : public ::testing::Test {
     return runPnx(withDevice(std::move(arguments)), input);
   }
   Value json(std::vector<std::string> arguments, const std::string& input = {}) {
-    PnxRun run = pnx(std::move(arguments), input);
-    lastErr_ = run.err;
-    return expectPnxJSON(run);
+    return expectPnxJSON(pnx(std::move(arguments), input));
   }
-  // `pnx deliver` of an example payload whose media URL points at the server.
-  Value deliver(const std::string& name, std::vector<std::string> arguments = {}) {
-    const std::string payload =
-        pnx_test_detail::readWholeFile(PNX_SOURCE_DIR "/examples/payloads/" + name);
-    arguments.insert(arguments.begin(), {"deliver", "-"});
-    return json(arguments, std::regex_replace(payload, kLocalUrl, serve_.url()));
+  // An example payload, its media URL pointing at the server.
+  std::string payload(const std::string& name) {
+    const std::string text = readWholeFile(PNX_SOURCE_DIR "/examples/payloads/" + name);
+    return std::regex_replace(text, kLocalUrl, serve_.url());
   }
   void setFaults(const std::string& faults) {
     auto answer = serve_.client().Post("/_pnx/faults", faults, "application/json");
@@ -62,18 +53,24 @@ class ServedDevice : public ::testing::Test {
     return Value::dict(
         {{"attribution", attribution}, {"channelId", "c1"}, {"mailingId", 1}, {"userId", "u1"}});
   }
+  static Value queue(Value pushQueue, Value inFlight = Value(pnx::Array())) {
+    return Value::dict({{"pushQueue", pushQueue}, {"retryAfter", Value()}, {"inFlight", inFlight}});
+  }
 
   const std::regex kLocalUrl{"http://127\\.0\\.0\\.1:[0-9]+"};
   pnx::testing::TempDir dir_;
   PnxServe serve_{{"--media", PNX_SOURCE_DIR "/examples/media"}};
-  std::string lastErr_;
 };
 
-class DeliverCommand : public ServedDevice {};
-class DeliveryCommands : public ServedDevice {};
+TEST_F(PnxDeliveryCommands, DeliverTakesAPushTheWholeRoadAndRefusesBadInputInOneLine) {
+  // An action that cannot be encoded stops the extension until its time budget ends (what
+  // it leaves is the service's tests' to check).
+  EXPECT_EQ(json({"deliver", "-", "--time-budget", "0.3"},
+                 payload("bad-action-not-encodable.json"))["expired"],
+            Value(true));
 
-TEST_F(DeliverCommand, TheWholeRoadWithActionsMediaAndReporting) {
-  Value result = deliver("image.json", {"--id", "IMG-1"});
+  PnxRun run = pnx({"deliver", "-", "--id", "IMG-1"}, payload("image.json"));
+  Value result = expectPnxJSON(run);
   EXPECT_EQ(result["extension"], Value(true));
   EXPECT_EQ(result["expired"], Value(false));
   ASSERT_EQ(result["handBacks"].size(), 2u);
@@ -84,14 +81,13 @@ TEST_F(DeliverCommand, TheWholeRoadWithActionsMediaAndReporting) {
   EXPECT_EQ(first["userInfo"]["aps"]["category"], Value("new-arrivals"));
   ASSERT_EQ(first["attachments"].size(), 1u);
   EXPECT_EQ(first["attachments"].asArray()->at(0)["type"], Value("public.png"));
-
   const std::string path = *result["displayed"]["attachments"].asArray()->at(0)["url"].asString();
   EXPECT_NE(path.find("/notifications/com.example.sampleapp/attachments/sample.png"),
             std::string::npos)
       << path;
   EXPECT_TRUE(std::filesystem::exists(path.substr(std::string("file://").size())));
-  EXPECT_NE(lastErr_.find("New arrivals"), std::string::npos) << lastErr_;
-  EXPECT_NE(lastErr_.find("[ Ask a question … ]"), std::string::npos) << lastErr_;
+  EXPECT_NE(run.err.find("New arrivals"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("[ Ask a question … ]"), std::string::npos) << run.err;
 
   // Another process sees the category and an empty delivery queue: the report went out.
   Value categories = json({"categories"})["categories"];
@@ -101,18 +97,7 @@ TEST_F(DeliverCommand, TheWholeRoadWithActionsMediaAndReporting) {
   auto reports = serve_.client().Get("/_pnx/reports");
   ASSERT_TRUE(reports);
   EXPECT_NE(reports->body.find("arrivals"), std::string::npos) << reports->body;
-}
 
-TEST_F(DeliverCommand, TheTimeBudgetEndsAnExtensionThatNeverHandsBack) {
-  // An action that cannot be encoded stops the extension until it expires.
-  Value expired = deliver("bad-action-not-encodable.json", {"--time-budget", "0.3"});
-  EXPECT_EQ(expired["extension"], Value(true));
-  EXPECT_EQ(expired["expired"], Value(true));
-  EXPECT_EQ(expired["handBacks"].size(), 1u);
-  EXPECT_EQ(json({"categories"})["categories"], Value(pnx::Array()));
-}
-
-TEST_F(DeliverCommand, BadInputFailsInOneLine) {
   for (const char* input : {"[1, 2]", "{\"aps\": ", "\"text\""}) {
     expectPnxFailure(pnx({"deliver", "-"}, input), 1);
   }
@@ -121,67 +106,49 @@ TEST_F(DeliverCommand, BadInputFailsInOneLine) {
   expectPnxFailure(pnx({"deliver", dir_.file("bundle")}), 1, "is a directory");
   // The configuration's exception ends the run in one line, not an abort.
   dir_.write("bundle/PnxConfig.json", "{not JSON");
-  expectPnxFailure(pnx({"deliver", "-"}, pnx_test_detail::readWholeFile(
-                                             PNX_SOURCE_DIR "/examples/payloads/plain.json")),
-                   1, "Invalid Config File");
+  expectPnxFailure(pnx({"deliver", "-"}, payload("plain.json")), 1, "Invalid Config File");
 }
 
-TEST_F(DeliveryCommands, QueueShowsWhatFailedAndResendClearsIt) {
+TEST_F(PnxDeliveryCommands, QueueShowsWhatFailedOrIsInFlightAndResendSendsIt) {
   setFaults(R"(["status=500,times=1"])");
   ASSERT_EQ(pnx({"_report", "--prefix", "p", "--count", "1"}).exitCode, 0);
-  EXPECT_EQ(json({"queue"}), Value::dict({{"pushQueue", Value::array({record("p-0")})},
-                                          {"retryAfter", Value()},
-                                          {"inFlight", Value(pnx::Array())}}));
-  EXPECT_EQ(json({"resend"}),
-            Value::dict({{"sent", 1}, {"error", Value()}, {"retryAfter", Value()}}));
-  EXPECT_EQ(json({"queue"})["pushQueue"], Value(pnx::Array()));
-  EXPECT_EQ(pnx::JSON::parse(serve_.client().Get("/_pnx/reports")->body)->size(), 1u);
-  // Nothing left: resending sends nothing and succeeds.
-  EXPECT_EQ(json({"resend"})["sent"], Value(0));
-}
+  EXPECT_EQ(json({"queue"}), queue(Value::array({record("p-0")})));
 
-TEST_F(DeliveryCommands, ABackOffHoldsResends) {
-  setFaults(R"(["status=429,retry-after=120"])");
-  ASSERT_EQ(pnx({"_report", "--prefix", "p", "--count", "1"}).exitCode, 0);
-  Value queue = json({"queue"});
-  ASSERT_TRUE(queue["retryAfter"].isString());
-  EXPECT_TRUE(std::regex_match(
-      *queue["retryAfter"].asString(),
-      std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}[+-]\\d\\d:\\d\\d")));
-  EXPECT_EQ(json({"resend"}),
-            Value::dict({{"sent", 0}, {"error", Value()}, {"retryAfter", queue["retryAfter"]}}));
+  // A failing resend exits 1 with the error in its JSON and one line that names it.
+  setFaults(R"(["status=503"])");
+  PnxRun refused = pnx({"resend"});
+  EXPECT_EQ(refused.exitCode, 1);
+  EXPECT_EQ(pnx::JSON::parse(refused.out).value()["error"]["code"], pnx::Value(105));
+  EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
+  EXPECT_NE(refused.err.find("HTTP connection to PNX server failed"), std::string::npos);
 
-  EXPECT_EQ(json({"queue"})["pushQueue"], Value::array({record("p-0")}));
-}
-
-TEST_F(DeliveryCommands, AProcessKilledDuringItsRequestLeavesItsRecordsForTheNext) {
+  // A process killed during its request leaves its records in flight for the next one.
   setFaults(R"(["delay=30,times=1"])");
   PnxProcess reporter(withDevice({"_report", "--prefix", "k", "--count", "1"}));
   // The send records its records in flight, then empties the queue: wait for both.
-  Value queue;
-  for (int i = 0; i < 500 && (queue["inFlight"].size() == 0 || queue["pushQueue"].size() != 0);
+  Value shown;
+  for (int i = 0; i < 500 && (shown["inFlight"].size() == 0 || shown["pushQueue"].size() != 0);
        ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    queue = json({"queue"});
+    shown = json({"queue"});
   }
-  ASSERT_EQ(queue["inFlight"], Value::array({record("k-0")}));
-  ASSERT_EQ(queue["pushQueue"], Value(pnx::Array()));
+  ASSERT_EQ(shown, queue(Value(pnx::Array()), Value::array({record("k-0"), record("p-0")})));
   reporter.stop(SIGKILL);
+  EXPECT_EQ(json({"resend"}),
+            Value::dict({{"sent", 2}, {"error", Value()}, {"retryAfter", Value()}}));
+  EXPECT_EQ(json({"queue"}), queue(Value(pnx::Array())));
+  EXPECT_EQ(pnx::JSON::parse(serve_.client().Get("/_pnx/reports")->body)->size(), 1u);
+  // Nothing left: resending sends nothing and succeeds.
+  EXPECT_EQ(json({"resend"})["sent"], Value(0));
 
-  EXPECT_EQ(json({"resend"})["sent"], Value(1));
-  EXPECT_EQ(json({"queue"}), Value::dict({{"pushQueue", Value(pnx::Array())},
-                                          {"retryAfter", Value()},
-                                          {"inFlight", Value(pnx::Array())}}));
-}
-
-TEST_F(DeliveryCommands, FailuresExitOneWithALineThatNamesThem) {
-  setFaults(R"(["status=503"])");
-  ASSERT_EQ(pnx({"_report", "--prefix", "f", "--count", "1"}).exitCode, 0);
-  PnxRun refused = pnx({"resend"});
-  EXPECT_EQ(refused.exitCode, 1);
-  EXPECT_EQ(refused.json().value()["error"]["code"], pnx::Value(105));
-  EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
-  EXPECT_NE(refused.err.find("HTTP connection to PNX server failed"), std::string::npos);
+  // A back-off holds resends, and both commands show its date.
+  setFaults(R"(["status=429,retry-after=120"])");
+  ASSERT_EQ(pnx({"_report", "--prefix", "b", "--count", "1"}).exitCode, 0);
+  Value held = json({"queue"});
+  ASSERT_TRUE(held["retryAfter"].isString());
+  EXPECT_EQ(json({"resend"}),
+            Value::dict({{"sent", 0}, {"error", Value()}, {"retryAfter", held["retryAfter"]}}));
+  EXPECT_EQ(json({"queue"})["pushQueue"], Value::array({record("b-0")}));
 
   // A keychain that cannot be read is no empty queue, and is named with its status.
   dir_.write("device/keychain.db", std::string(4096, 'x'));

@@ -11,32 +11,30 @@ namespace {
 
 constexpr const char* kSharedGroup = "A1B2C3D4E5.PNX";  // teamId of the sample bundle + ".PNX"
 
-struct StoredRow {
-  std::string group;
-  std::string accessible;
-  pnx::Value value;
-};
-
-// The items of service and account in the device's database, values unarchived.
-std::vector<StoredRow> storedRows(const PnxRunner& pnx, const std::string& service,
-                                  const std::string& account) {
+// The items of the PNX service and an account in the device's database, each as its group,
+// accessibility and value unarchived.
+std::vector<pnx::Value> storedRows(const PnxRunner& pnx, const std::string& account) {
   auto database = pnx::SQLiteDatabase::open(pnx.device() + "/keychain.db");
   EXPECT_TRUE(database);
-  if (!database) return {};
-  auto rows = database->query(
-      "SELECT access_group, accessible, data FROM items WHERE service = ? AND account = ?",
-      {pnx::Value(service), pnx::Value(account)});
-  std::vector<StoredRow> result;
+  auto rows = database ? database->query(
+                             "SELECT access_group, accessible, data FROM items"
+                             " WHERE service = 'PNX' AND account = ?",
+                             {pnx::Value(account)})
+                       : std::nullopt;
+  std::vector<pnx::Value> result;
   while (rows && rows->next()) {
-    result.push_back(
-        {*rows->valueForColumnIndex(0).asString(), *rows->valueForColumnIndex(1).asString(),
-         pnx::KeyedUnarchiver::unarchiveObjectWithData(*rows->valueForColumnIndex(2).asData())});
+    result.push_back(pnx::Value::array(
+        {rows->valueForColumnIndex(0), rows->valueForColumnIndex(1),
+         pnx::KeyedUnarchiver::unarchiveObjectWithData(*rows->valueForColumnIndex(2).asData())}));
   }
   return result;
 }
 
-TEST(PnxKeychainCommands, IdentityIsWrittenIntoTheSharedGroupAndReadBack) {
+TEST(PnxKeychainCommands, IdentityIsWrittenIntoTheSharedGroupOnlyAndReadBack) {
   PnxRunner pnx;
+  expectPnxFailure(pnx.run({"keychain", "set", "userId", "\"x\"", "--group", "ZZZZZ.PNX"}), 1,
+                   "errSecMissingEntitlement (-34018)");
+  EXPECT_TRUE(storedRows(pnx, "userId").empty());
   EXPECT_EQ(expectPnxJSON(pnx.run({"identity"})),
             pnx::Value::dict({{"userId", pnx::Value()}, {"channelId", pnx::Value()}}));
   EXPECT_EQ(expectPnxJSON(pnx.run({"identity", "--user-id", "user-7", "--channel-id", "chan-9"})),
@@ -44,11 +42,15 @@ TEST(PnxKeychainCommands, IdentityIsWrittenIntoTheSharedGroupAndReadBack) {
   EXPECT_EQ(expectPnxJSON(pnx.run({"identity", "--user-id", "user-8"})),
             pnx::Value::dict({{"userId", "user-8"}, {"channelId", "chan-9"}}));
 
-  auto rows = storedRows(pnx, "PNX", "userId");
-  ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(rows[0].group, kSharedGroup);
-  EXPECT_EQ(rows[0].accessible, "dku");
-  EXPECT_EQ(rows[0].value, pnx::Value("user-8"));
+  EXPECT_EQ(storedRows(pnx, "userId"),
+            std::vector{pnx::Value::array({kSharedGroup, "dku", "user-8"})});
+
+  // A bundle entitled to its own identifier only may not write the shared group.
+  pnx::testing::TempDir bundle;
+  bundle.write("Info.plist", pnx::testing::ScopedDevice::infoPlist("com.example.other"));
+  bundle.write("PnxConfig.json", R"({"teamId": "A1B2C3D4E5"})");
+  expectPnxFailure(PnxRunner(bundle.path()).run({"identity", "--user-id", "u"}), 1,
+                   "errSecMissingEntitlement");
 }
 
 TEST(PnxKeychainCommands, SetGetAndRemoveOneItem) {
@@ -57,9 +59,8 @@ TEST(PnxKeychainCommands, SetGetAndRemoveOneItem) {
   const pnx::Value expected = *pnx::JSON::parse(queue);
   EXPECT_EQ(expectPnxJSON(pnx.run({"keychain", "set", "pushQueue", queue})), expected);
   EXPECT_EQ(expectPnxJSON(pnx.run({"keychain", "get", "pushQueue"})), expected);
-  auto rows = storedRows(pnx, "PNX", "pushQueue");
-  ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(rows[0].value, expected);
+  EXPECT_EQ(storedRows(pnx, "pushQueue"),
+            std::vector{pnx::Value::array({kSharedGroup, "dku", expected})});
 
   // Another service is another item; "" selects the default group.
   expectPnxJSON(
@@ -68,21 +69,6 @@ TEST(PnxKeychainCommands, SetGetAndRemoveOneItem) {
   EXPECT_EQ(expectPnxJSON(pnx.run({"keychain", "rm", "pushQueue"})), expected);
   expectPnxFailure(pnx.run({"keychain", "get", "pushQueue"}), 1, "errSecItemNotFound (-25300)");
   expectPnxFailure(pnx.run({"keychain", "rm", "pushQueue"}), 1, "errSecItemNotFound (-25300)");
-}
-
-TEST(PnxKeychainCommands, RefusalsAreOneLineAndWriteNothing) {
-  PnxRunner pnx;
-  expectPnxFailure(pnx.run({"keychain", "set", "userId", "\"x\"", "--group", "ZZZZZ.PNX"}), 1,
-                   "errSecMissingEntitlement (-34018)");
-  expectPnxFailure(pnx.run({"keychain", "set", "userId", "{broken"}), 2, "not JSON");
-  EXPECT_TRUE(storedRows(pnx, "PNX", "userId").empty());
-
-  // A bundle entitled to its own identifier only may not write the shared group.
-  pnx::testing::TempDir bundle;
-  bundle.write("Info.plist", pnx::testing::ScopedDevice::infoPlist("com.example.other"));
-  bundle.write("PnxConfig.json", R"({"teamId": "A1B2C3D4E5"})");
-  PnxRunner unentitled(bundle.path());
-  expectPnxFailure(unentitled.run({"identity", "--user-id", "u"}), 1, "errSecMissingEntitlement");
 }
 
 }  // namespace

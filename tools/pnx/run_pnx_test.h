@@ -2,9 +2,6 @@
 // files on disk between runs. Output goes to files, so a chatty child never blocks on a full
 // pipe; $PNX_DEVICE and $PNX_BUNDLE are removed from its environment so that the
 // developer's own settings never leak into a test. Use from the test's thread.
-//
-//   PnxRun run = PnxRunner().run({"config"});   // a fresh device, the sample bundle
-//   PnxServe serve({"--fault", "status=500"});  // `pnx serve` in the background
 #pragma once
 
 #include <fcntl.h>
@@ -39,31 +36,12 @@ struct PnxRun {
   int exitCode = -1;  // the process's exit status, or 128 + signal when it was killed
   std::string out;    // everything written to stdout
   std::string err;    // everything written to stderr
-
-  // stdout parsed as JSON (fragments allowed), nullopt when it is not JSON.
-  std::optional<pnx::Value> json() const {
-    pnx::JSONReadOptions options;
-    options.allowFragments = true;
-    return pnx::JSON::parse(out, nullptr, options);
-  }
 };
-
-namespace pnx_test_detail {
 
 inline std::string readWholeFile(const std::string& path) {
   std::ifstream stream(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
 }
-
-// argv/envp for posix_spawn: pointers into `strings`, ended by nullptr.
-inline std::vector<char*> pointers(std::vector<std::string>& strings) {
-  std::vector<char*> result;
-  for (auto& text : strings) result.push_back(text.data());
-  result.push_back(nullptr);
-  return result;
-}
-
-}  // namespace pnx_test_detail
 
 // `pnx arguments...` in the background with `input` on its stdin and `environment` ("NAME=
 // value") added to its own; killed at the end of the test whatever happens.
@@ -89,7 +67,7 @@ class PnxProcess {
       const std::string path = io_.file(fd == 1 ? "stdout" : "stderr");
       posix_spawn_file_actions_addopen(&actions, fd, path.c_str(), O_WRONLY | O_CREAT, 0600);
     }
-    auto argv = pnx_test_detail::pointers(arguments), envp = pnx_test_detail::pointers(variables);
+    auto argv = pointers(arguments), envp = pointers(variables);
     const int error = posix_spawn(&pid_, PNX_BINARY, &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) throw std::runtime_error("cannot start " PNX_BINARY);
@@ -100,8 +78,8 @@ class PnxProcess {
     EXPECT_EQ(err().find("Sanitizer"), std::string::npos) << err();
   }
 
-  std::string out() const { return pnx_test_detail::readWholeFile(io_.file("stdout")); }
-  std::string err() const { return pnx_test_detail::readWholeFile(io_.file("stderr")); }
+  std::string out() const { return io_.read("stdout"); }
+  std::string err() const { return io_.read("stderr"); }
 
   // The next line on stdout as JSON; nullopt when none comes in time or it is not JSON.
   std::optional<pnx::Value> nextLine() {
@@ -134,6 +112,14 @@ class PnxProcess {
   }
 
  private:
+  // argv/envp for posix_spawn: pointers into `strings`, ended by nullptr.
+  static std::vector<char*> pointers(std::vector<std::string>& strings) {
+    std::vector<char*> result;
+    for (auto& text : strings) result.push_back(text.data());
+    result.push_back(nullptr);
+    return result;
+  }
+
   pnx::testing::TempDir io_;
   pid_t pid_ = -1;
   std::size_t consumed_ = 0;
@@ -150,10 +136,13 @@ inline PnxRun runPnx(std::vector<std::string> arguments, const std::string& inpu
   return run;
 }
 
-// What a run that must succeed printed: its stdout as JSON (null when it is not JSON).
+// What a run that must succeed printed: its stdout as JSON, fragments allowed (null when it
+// is not JSON).
 inline pnx::Value expectPnxJSON(const PnxRun& run) {
   EXPECT_EQ(run.exitCode, 0) << run.err;
-  auto value = run.json();
+  pnx::JSONReadOptions options;
+  options.allowFragments = true;
+  auto value = pnx::JSON::parse(run.out, nullptr, options);
   EXPECT_TRUE(value) << run.out << run.err;
   return value.value_or(pnx::Value());
 }
@@ -172,16 +161,13 @@ inline void expectPnxFailure(const PnxRun& run, int exitCode, std::string_view m
   }
 }
 
-// The sample bundle under examples/.
-inline std::string pnxSampleBundle() {
-  return PNX_SOURCE_DIR "/examples/SampleApp";
-}
+inline constexpr const char* kPnxSampleBundle = PNX_SOURCE_DIR "/examples/SampleApp";
 
 // Runs pnx against its own fresh device directory and a bundle (the sample bundle unless
 // another is named).
 class PnxRunner {
  public:
-  explicit PnxRunner(std::string bundle = pnxSampleBundle()) : bundle_(std::move(bundle)) {}
+  explicit PnxRunner(std::string bundle = kPnxSampleBundle) : bundle_(std::move(bundle)) {}
 
   const std::string& device() const { return device_.path(); }
 
