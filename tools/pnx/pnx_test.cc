@@ -1,13 +1,20 @@
-// The pnx program's contract with its users: the version, usage errors as one line with
-// exit code 2, and JSON output that never fails to serialise.
-
-#include <cmath>
-#include <limits>
-#include <sstream>
+// The pnx program run as separate processes, as people use it: the version, usage errors as
+// one line with exit code 2, JSON output that never fails to serialise; pnx config and
+// profile on bundles built in the test; pnx identity and keychain against one device, and
+// the items they leave in its keychain database.
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <limits>
+#include <sstream>
+
+#include "platform/files/fixtures_test.h"
 #include "platform/foundation/error.h"
+#include "platform/foundation/keyed_archive.h"
+#include "platform/security/sqlite.h"
 #include "tools/pnx/command.h"
 #include "tools/pnx/run_pnx_test.h"
 
@@ -15,9 +22,9 @@ namespace pnx {
 namespace {
 
 TEST(PnxProgram, VersionAndHelpExitZeroForTheProgramAndEveryCommand) {
-  PnxRunner pnx;
+  PnxRunner app;
   // The library's version, whatever the globals.
-  for (const PnxRun& run : {runPnx({"--version"}), pnx.run({"--version"})}) {
+  for (const PnxRun& run : {runPnx({"--version"}), app.run({"--version"})}) {
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(run.out, "3.8.0\n");
     EXPECT_EQ(run.err, "");
@@ -33,15 +40,15 @@ TEST(PnxProgram, VersionAndHelpExitZeroForTheProgramAndEveryCommand) {
     if (line[2] == ' ') continue;  // a description's next line
     const std::string command = line.substr(2, line.find(' ', 2) - 2);
     SCOPED_TRACE(command);
-    PnxRun commandHelp = pnx.run({command, "--help"});
+    PnxRun commandHelp = app.run({command, "--help"});
     EXPECT_EQ(commandHelp.exitCode, 0) << commandHelp.err;
     EXPECT_NE(commandHelp.out.find("pnx " + command), std::string::npos);
-    expectPnxFailure(pnx.run({command, "--no-such-option"}), 2, "--no-such-option");
+    expectPnxFailure(app.run({command, "--no-such-option"}), 2, "--no-such-option");
   }
 }
 
 TEST(PnxProgram, UsageErrorsAndAMissingBundleFailInOneLine) {
-  PnxRunner pnx;
+  PnxRunner app;
   const std::pair<std::vector<std::string>, const char*> cases[] = {
       {{"nonsense"}, "unknown command 'nonsense'"},
       {{"--bogus"}, "unknown option '--bogus'"},
@@ -54,7 +61,7 @@ TEST(PnxProgram, UsageErrorsAndAMissingBundleFailInOneLine) {
        "the value for \\x1b[31mred\\x1b[0m is not JSON"},
   };
   for (const auto& [arguments, mentions] : cases) {
-    const PnxRun run = pnx.run(arguments);
+    const PnxRun run = app.run(arguments);
     expectPnxFailure(run, 2, mentions);
     EXPECT_LT(run.err.size(), 200u) << run.err;
     EXPECT_EQ(run.err.find('\x1b'), std::string::npos) << run.err;
@@ -62,37 +69,212 @@ TEST(PnxProgram, UsageErrorsAndAMissingBundleFailInOneLine) {
   expectPnxFailure(runPnx({"--device"}), 2, "--device");
 
   // A bundle directory that is not there, named by option or by environment, is a failure.
-  const std::string missing = pnx.device() + "/no-such-bundle";
-  expectPnxFailure(runPnx({"--device", pnx.device(), "--bundle", missing, "config"}), 1, missing);
-  expectPnxFailure(runPnx({"--device", pnx.device(), "config"}, "", {"PNX_BUNDLE=" + missing}), 1,
+  const std::string missing = app.device() + "/no-such-bundle";
+  expectPnxFailure(runPnx({"--device", app.device(), "--bundle", missing, "config"}), 1, missing);
+  expectPnxFailure(runPnx({"--device", app.device(), "config"}, "", {"PNX_BUNDLE=" + missing}), 1,
                    missing);
 }
 
 TEST(PnxJSONText, WritesCompactJSONAndTurnsWhatJSONCannotHoldIntoText) {
-  const pnx::Date date(1625065452.25);
-  const std::pair<pnx::Value, std::string> cases[] = {
+  const Date date(1625065452.25);
+  const std::pair<Value, std::string> cases[] = {
       // Compact, keys in order; what JSON itself holds is the serialiser's (tested with it).
-      {pnx::Value::dict({{"b", pnx::Value::array({1, "x"})}, {"a", nullptr}}),
-       R"({"a":null,"b":[1,"x"]})"},
+      {Value::dict({{"b", Value::array({1, "x"})}, {"a", nullptr}}), R"({"a":null,"b":[1,"x"]})"},
       {date, "\"" + date.iso8601() + "\""},
       // Data as standard base64 (OpenSSL's), padded.
-      {pnx::Data{0xff, 0x00, 0xfe, 0x7f}, R"("/wD+fw==")"},
+      {Data{0xff, 0x00, 0xfe, 0x7f}, R"("/wD+fw==")"},
       {std::numeric_limits<double>::quiet_NaN(), "null"},
-      {pnx::Value::array({-std::numeric_limits<double>::infinity()}), "[null]"},
+      {Value::array({-std::numeric_limits<double>::infinity()}), "[null]"},
       // Inside containers too, keys that are no strings and sets included.
-      {pnx::Value::array({pnx::Dictionary{{5, "five"}, {"set", pnx::Set{pnx::Data{'f'}, 2}}}}),
+      {Value::array({Dictionary{{5, "five"}, {"set", Set{Data{'f'}, 2}}}}),
        R"([{"5":"five","set":[2,"Zg=="]}])"},
   };
   for (const auto& [value, text] : cases) EXPECT_EQ(pnxJSONText(value), text);
-  auto error = pnx::Error::withDescription("test.domain", 7, "went wrong");
-  EXPECT_EQ(pnxJSONText(pnx::Value(error)), pnxJSONText(error->description()));
+  auto error = Error::withDescription("test.domain", 7, "went wrong");
+  EXPECT_EQ(pnxJSONText(Value(error)), pnxJSONText(error->description()));
 
   // Large data is encoded in pieces; only the end is padded.
-  pnx::Data large((3u << 20) + 4, 0xfb);
+  Data large((3u << 20) + 4, 0xfb);
   const std::string text = pnxJSONText(large);
   EXPECT_EQ(text.size(), 2 + 4 * ((large.size() + 2) / 3));
   EXPECT_EQ(text.find('='), text.size() - 3);
   EXPECT_EQ(text.substr(text.size() - 10), "7+/v7+w==\"");
+}
+
+// pnx run on a bundle directory with an Info.plist, plus whatever each test adds.
+class PnxConfigCommands : public ::testing::Test {
+ protected:
+  PnxConfigCommands() {
+    bundle_.write("Info.plist", testing::ScopedDevice::infoPlist("com.example.commands"));
+  }
+  // A signed profile of the environment, made by the examples' script.
+  void addProfile(const std::string& environment, int days = 365) {
+    const std::string command = "sh " PNX_SOURCE_DIR "/examples/make-profiles.sh --days " +
+                                std::to_string(days) + " '" + bundle_.file("p") + "' " +
+                                environment;
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    std::filesystem::copy_file(bundle_.file("p/" + environment + ".mobileprovision"),
+                               bundle_.file("embedded.mobileprovision"),
+                               std::filesystem::copy_options::overwrite_existing);
+  }
+
+  testing::TempDir bundle_;
+  PnxRunner pnx_{bundle_.path()};
+};
+
+Value json(std::string_view text) {
+  return JSON::parse(text).value();
+}
+
+TEST_F(PnxConfigCommands, PrintsEveryPropertyWithItsDefaultOrAsTheFileSetsIt) {
+  EXPECT_EQ(expectPnxJSON(pnx_.run({"config"})), json(R"({
+      "sessionTimeout": 20, "baseUrl": "https://push.quorvex.example/", "appKey": null,
+      "autoInitializeFlag": true, "autoInitializeLocationFlag": false, "appDelegateClass": null,
+      "locationSyncRadius": 100000, "locationSyncTimeout": 600, "geofenceEnabled": false,
+      "beaconEnabled": false, "beaconUUID": null, "geofenceAccuracy": 0,
+      "handoffUserActivityName": "pnx.application", "handoffInterfaceController": "handoff",
+      "watchCategory": "pnx-watch-category", "invalidateExistingUser": false,
+      "privateDatabaseStorage": true, "databaseEncryption": false, "databaseKeyRotationDays": 30,
+      "autoReinitialize": true, "allowJailbrokenDevices": true, "apiKey": null, "orgId": null,
+      "maximumSearchRadius": 0, "defaultSearchRadius": 0, "maximumSearchCount": 0,
+      "maximumGeofenceCount": 0, "teamId": null, "deliveryReporting": false})"));
+
+  bundle_.write("PnxConfig.json", R"({
+      "teamId": "T1", "deliveryReporting": "yes", "orgId": "org", "apiKey": "api",
+      "autoReinitialize": "no", "invalidateExistingUser": 1, "databaseEncryption": true,
+      "databaseKeyRotationDays": 7, "privateDatabaseStorage": false,
+      "allowJailbrokenDevices": "false",
+      "location": {"autoInitialize": false, "sync": {"syncRadius": "500", "syncInterval": 10},
+                   "ibeacon": {"UUID": "e621e1f8-c36c-495a-93fc-0c247a3e6e5f"},
+                   "geofence": {"accuracy": "best", "search": {"maximumRadius": 1,
+                       "defaultRadius": 2, "maximumCount": 3, "maximumQuantity": 99}}},
+      "watch": {"category": "cat", "handoff": {"userActivityName": "act",
+                                               "interfaceController": "glance"}},
+      "appKey": {"dev": "apDEV45678", "prod": "apPROD5678"},
+      "baseUrl": "https://api.example.com:8443/rest/v1/", "autoInitialize": "no",
+      "appDelegateClass": "Unknown", "sessionTimeout": "45"})");
+  EXPECT_EQ(expectPnxJSON(pnx_.run({"config"})), json(R"({
+      "sessionTimeout": 45, "baseUrl": "https://api.example.com:8443/", "appKey": "apPROD5678",
+      "autoInitializeFlag": false, "autoInitializeLocationFlag": false, "appDelegateClass": null,
+      "locationSyncRadius": 500, "locationSyncTimeout": 300, "geofenceEnabled": true,
+      "beaconEnabled": true, "beaconUUID": "E621E1F8-C36C-495A-93FC-0C247A3E6E5F",
+      "geofenceAccuracy": -1, "handoffUserActivityName": "act",
+      "handoffInterfaceController": "glance", "watchCategory": "cat",
+      "invalidateExistingUser": true, "privateDatabaseStorage": false,
+      "databaseEncryption": true, "databaseKeyRotationDays": 7, "autoReinitialize": false,
+      "allowJailbrokenDevices": false, "apiKey": "api", "orgId": "org",
+      "maximumSearchRadius": 1, "defaultSearchRadius": 2, "maximumSearchCount": 3,
+      "maximumGeofenceCount": 20, "teamId": "T1", "deliveryReporting": true})"));
+}
+
+TEST_F(PnxConfigCommands, ReportsAnUnreadableFileAsOneLine) {
+  // Cut short: not JSON. The keychain commands, which load the configuration for the team's
+  // group, fail the same way.
+  bundle_.write("PnxConfig.json", "{\"teamId\": \"T1\",");
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"config"}, {"keychain", "get", "userId"}, {"identity"}}) {
+    SCOPED_TRACE(command[0]);
+    expectPnxFailure(pnx_.run(command), 1,
+                     "pnx: Invalid Config File: Config file could not be parsed as JSON\n");
+  }
+
+  // A configuration that is no object is quoted by its start only.
+  std::string array = "[\"\\u001b[2J\"";
+  while (array.size() < (4u << 20)) array += ",123456789";
+  bundle_.write("PnxConfig.json", array + "]");
+  PnxRun run = pnx_.run({"config"});
+  expectPnxFailure(run, 1, "pnx: Invalid Config value: Config of [\"\\u001b[2J\",123");
+  EXPECT_LT(run.err.size(), 200u) << run.err;
+  EXPECT_TRUE(run.err.ends_with(" more bytes) is invalid.\n")) << run.err;
+}
+
+TEST_F(PnxConfigCommands, WritesTheRunsLogFileWhenTheConfigurationAsksForIt) {
+  bundle_.write("PnxConfig.json", R"({"logfile": true, "loglevel": "info"})");
+  expectPnxJSON(pnx_.run({"config"}));
+  const std::string log =
+      readWholeFile(pnx_.device() + "/containers/com.example.commands/Documents/PNX.log");
+  EXPECT_NE(log.find("Application Configuration Loaded"), std::string::npos) << log;
+  EXPECT_NE(log.find("APNS Certificate is Not Expired"), std::string::npos) << log;
+}
+
+TEST_F(PnxConfigCommands, ProfilePrintsWhatTheProfileSays) {
+  PnxRun none = pnx_.run({"--log", "profile"});
+  EXPECT_EQ(expectPnxJSON(none), json(R"({"binaryEnvironment": null,
+      "certificateExpiration": null, "certificateExpired": false, "provisionedDevices": null})"));
+  // The log shows why no profile was read.
+  EXPECT_NE(none.err.find("pnx log: \xF0\x9F\x9B\x91 Couldn't find file embedded.mobileprovision"),
+            std::string::npos)
+      << none.err;
+
+  addProfile("ad-hoc", -2);
+  Value profile = expectPnxJSON(pnx_.run({"profile"}));
+  EXPECT_EQ(profile["binaryEnvironment"], Value("ad-hoc"));
+  EXPECT_EQ(profile["certificateExpired"], Value(true));
+  EXPECT_EQ(profile["provisionedDevices"].size(), 2u);
+  auto expiration = Date::fromISO8601(*profile["certificateExpiration"].asString());
+  ASSERT_TRUE(expiration);
+  EXPECT_NEAR(expiration->timeIntervalSinceNow(), -2 * 86400.0, 3600);
+
+  EXPECT_EQ(expectPnxJSON(PnxRunner().run({"profile"}))["binaryEnvironment"], Value("debug"))
+      << "the sample bundle ships a debug profile";
+}
+
+constexpr const char* kSharedGroup = "A1B2C3D4E5.PNX";  // teamId of the sample bundle + ".PNX"
+
+// The items of the PNX service and an account in the device's database, each as its group,
+// accessibility and value unarchived.
+std::vector<Value> storedRows(const PnxRunner& app, const std::string& account) {
+  auto database = SQLiteDatabase::open(app.device() + "/keychain.db");
+  EXPECT_TRUE(database);
+  auto rows = database ? database->query(
+                             "SELECT access_group, accessible, data FROM items"
+                             " WHERE service = 'PNX' AND account = ?",
+                             {Value(account)})
+                       : std::nullopt;
+  std::vector<Value> result;
+  while (rows && rows->next()) {
+    result.push_back(Value::array(
+        {rows->valueForColumnIndex(0), rows->valueForColumnIndex(1),
+         KeyedUnarchiver::unarchiveObjectWithData(*rows->valueForColumnIndex(2).asData())}));
+  }
+  return result;
+}
+
+TEST(PnxKeychainCommands, IdentityAndItemsAreWrittenIntoTheSharedGroupOnlyAndReadBack) {
+  PnxRunner app;
+  expectPnxFailure(app.run({"keychain", "set", "userId", "\"x\"", "--group", "ZZZZZ.PNX"}), 1,
+                   "errSecMissingEntitlement (-34018)");
+  EXPECT_TRUE(storedRows(app, "userId").empty());
+  EXPECT_EQ(expectPnxJSON(app.run({"identity"})),
+            Value::dict({{"userId", Value()}, {"channelId", Value()}}));
+  EXPECT_EQ(expectPnxJSON(app.run({"identity", "--user-id", "user-7", "--channel-id", "chan-9"})),
+            Value::dict({{"userId", "user-7"}, {"channelId", "chan-9"}}));
+  EXPECT_EQ(expectPnxJSON(app.run({"identity", "--user-id", "user-8"})),
+            Value::dict({{"userId", "user-8"}, {"channelId", "chan-9"}}));
+
+  EXPECT_EQ(storedRows(app, "userId"), std::vector{Value::array({kSharedGroup, "dku", "user-8"})});
+
+  // A bundle entitled to its own identifier only may not write the shared group.
+  testing::TempDir bundle;
+  bundle.write("Info.plist", testing::ScopedDevice::infoPlist("com.example.other"));
+  bundle.write("PnxConfig.json", R"({"teamId": "A1B2C3D4E5"})");
+  expectPnxFailure(PnxRunner(bundle.path()).run({"identity", "--user-id", "u"}), 1,
+                   "errSecMissingEntitlement");
+
+  // One item set, read and removed; another service is another item, "" the default group.
+  const char* queue = R"([{"userId":"u1","mailingId":3},{"channelId":"c2"}])";
+  const Value expected = *JSON::parse(queue);
+  EXPECT_EQ(expectPnxJSON(app.run({"keychain", "set", "pushQueue", queue})), expected);
+  EXPECT_EQ(expectPnxJSON(app.run({"keychain", "get", "pushQueue"})), expected);
+  EXPECT_EQ(storedRows(app, "pushQueue"),
+            std::vector{Value::array({kSharedGroup, "dku", expected})});
+
+  expectPnxJSON(
+      app.run({"keychain", "set", "pushQueue", "42", "--service", "other", "--group", ""}));
+  EXPECT_EQ(expectPnxJSON(app.run({"keychain", "get", "pushQueue"})), expected);
+  EXPECT_EQ(expectPnxJSON(app.run({"keychain", "rm", "pushQueue"})), expected);
+  expectPnxFailure(app.run({"keychain", "get", "pushQueue"}), 1, "errSecItemNotFound (-25300)");
+  expectPnxFailure(app.run({"keychain", "rm", "pushQueue"}), 1, "errSecItemNotFound (-25300)");
 }
 
 }  // namespace
