@@ -9,11 +9,9 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <functional>
 #include <future>
 #include <mutex>
 #include <optional>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,10 +40,9 @@ class DeliveryServer {
   };
   struct Answer {
     int status = 200;
-    httplib::Headers headers;
+    httplib::Headers headers = {};
     std::string body = "{}";
   };
-  using Responder = std::function<Answer(const Request&)>;
 
   DeliveryServer() {
     server_.Post(".*",
@@ -65,12 +62,10 @@ class DeliveryServer {
 
   std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
 
-  void respond(Responder responder) {
+  // Requests get these answers in turn, round and round.
+  void respondWith(std::vector<Answer> answers) {
     std::lock_guard lock(mutex_);
-    responder_ = std::move(responder);
-  }
-  void respondWith(int status, httplib::Headers headers = {}, std::string body = "{}") {
-    respond([=](const Request&) { return Answer{status, headers, body}; });
+    answers_ = std::move(answers);
   }
   // While held, requests wait before they are answered.
   void hold(bool held = true) {
@@ -95,15 +90,15 @@ class DeliveryServer {
     Request request{in.path, std::nullopt};
     if (const Array* records = json["delivery"].asArray())
       request.records.emplace(records->begin(), records->end());
-    Responder responder;
+    Answer answer;
     {
       std::unique_lock lock(mutex_);
+      const std::size_t index = requests_.size();
       requests_.push_back(request);
       changed_.notify_all();
       changed_.wait(lock, [this] { return !held_; });
-      responder = responder_;
+      if (!answers_.empty()) answer = answers_[index % answers_.size()];
     }
-    Answer answer = responder ? responder(request) : Answer();
     out.status = answer.status;
     for (const auto& [name, value] : answer.headers) out.set_header(name, value);
     out.set_content(answer.body, "application/json");
@@ -114,7 +109,7 @@ class DeliveryServer {
   std::thread thread_;
   std::mutex mutex_;
   std::condition_variable changed_;
-  Responder responder_;
+  std::vector<Answer> answers_;
   bool held_ = false;
   std::vector<Request> requests_;
 };
@@ -191,15 +186,15 @@ TEST_F(DeliveryClientTest, OnlyTwoHundredsSucceedAndOtherStatusesCarryTheAnswer)
   for (int status : {204, 299}) {
     // A 204 carries no body; one sent anyway would be read as the start of the next answer
     // on the reused connection.
-    server_.respondWith(status, {}, status == 204 ? "" : "{}");
+    server_.respondWith({{status, {}, status == 204 ? "" : "{}"}});
     EXPECT_EQ(send(queue_), nullptr) << status;
   }
-  server_.respondWith(200, {}, std::string("\xff\xfe\x80", 3));
+  server_.respondWith({{200, {}, std::string("\xff\xfe\x80", 3)}});
   EXPECT_EQ(send(queue_), nullptr);
   EXPECT_TRUE(log_.contains("\nNon UTF-8 data detected"));
 
   // What the error carries of the answer is checked with httpResponseError.
-  server_.respondWith(300, {{"Retry-After", "30"}}, "went wrong");
+  server_.respondWith({{300, {}, "went wrong"}});
   ErrorPtr error = send(queue_);
   ASSERT_NE(error, nullptr);
   EXPECT_EQ(error->domain(), "pnx.campaign.mobile");
@@ -264,20 +259,17 @@ class DeliveryManagerTest : public DeliveryTest {
     DeliveryTest::TearDown();
   }
 
-  struct Outcome {
-    std::size_t sent = 0;
-    ErrorPtr error;
-  };
-  // Starts a push of the payload, or a resend without one; the future gets its outcome.
-  std::future<Outcome> start(const std::optional<Value>& payload) {
-    auto promise = std::make_shared<std::promise<Outcome>>();
-    auto done = [promise](std::size_t sent, ErrorPtr error) { promise->set_value({sent, error}); };
+  // Starts a push of the payload, or a resend without one; the future gets the number of
+  // records sent.
+  std::future<std::size_t> start(const std::optional<Value>& payload) {
+    auto promise = std::make_shared<std::promise<std::size_t>>();
+    auto done = [promise](std::size_t sent, ErrorPtr) { promise->set_value(sent); };
     payload ? manager_->sendPushDelivery(*payload, done) : manager_->resendPushDelivery(done);
     return promise->get_future();
   }
-  Outcome push(const Value& payload) { return wait(start(payload)); }
-  Outcome resend() { return wait(start(std::nullopt)); }
-  static Outcome wait(std::future<Outcome> outcome) {
+  std::size_t push(const Value& payload) { return wait(start(payload)); }
+  std::size_t resend() { return wait(start(std::nullopt)); }
+  static std::size_t wait(std::future<std::size_t> outcome) {
     EXPECT_EQ(outcome.wait_for(std::chrono::seconds(30)), std::future_status::ready);
     return outcome.get();
   }
@@ -303,8 +295,8 @@ class DeliveryManagerTest : public DeliveryTest {
 
 TEST_F(DeliveryManagerTest, ReportingOffTouchesNothing) {
   config_->setDeliveryReporting(false);
-  EXPECT_EQ(push(pushWith("a")).sent, 0u);
-  EXPECT_EQ(resend().sent, 0u);
+  EXPECT_EQ(push(pushWith("a")), 0u);
+  EXPECT_EQ(resend(), 0u);
   EXPECT_TRUE(server_.requests().empty());
   EXPECT_TRUE(stored(kPushQueueItem).isNull());
   EXPECT_TRUE(stored(kPushQueueInFlightItem).isNull());
@@ -316,9 +308,7 @@ TEST_F(DeliveryManagerTest, ReportingOffTouchesNothing) {
 TEST_F(DeliveryManagerTest, APushIsReportedOrRequeuedAndEqualRecordsCollapse) {
   // A queue that is not an array counts as empty, like the missing item.
   ASSERT_TRUE(store_->setObject(Value("not an array"), kPushQueueItem));
-  Outcome outcome = push(pushWith("att-1", Value("mail-9")));
-  EXPECT_EQ(outcome.sent, 1u);
-  EXPECT_EQ(outcome.error, nullptr);
+  EXPECT_EQ(push(pushWith("att-1", Value("mail-9"))), 1u);
   EXPECT_EQ(sentRecords(), std::vector<Set>{{recordFor("att-1", Value("mail-9"))}});
   EXPECT_EQ(stored(kPushQueueItem), Value(Array()));
   EXPECT_TRUE(manager_->inFlightRecords().empty());
@@ -334,7 +324,7 @@ TEST_F(DeliveryManagerTest, APushIsReportedOrRequeuedAndEqualRecordsCollapse) {
             read("⚫️ Got channelId from shared keychain."));
 
   // What a failed send leaves (no retry time, nothing in flight) is pnx queue's to show.
-  server_.respondWith(500, {{"Retry-After", "60"}}, "down");
+  server_.respondWith({{500}});
   push(pushWith("same"));
   push(pushWith("same"));
   EXPECT_EQ(sentRecords(),
@@ -348,36 +338,36 @@ TEST_F(DeliveryManagerTest, APushIsReportedOrRequeuedAndEqualRecordsCollapse) {
 TEST_F(DeliveryManagerTest, TooManyRequestsHoldsSendsBackUntilTheStoredDateHasPassed) {
   Date start(2'000'000'000);
   Clock::set(start);
-  server_.respondWith(429);
+  server_.respondWith({{429}});
   push(pushWith("a"));
   EXPECT_EQ(stored(kRetryAfterItem), Value(start.addingTimeInterval(10)));
 
-  server_.respondWith(200);
+  server_.respondWith({{200}});
   Clock::advance(5);
-  EXPECT_EQ(push(pushWith("b")).sent, 0u);
+  EXPECT_EQ(push(pushWith("b")), 0u);
   EXPECT_EQ(storedQueue(), (Set{recordFor("a"), recordFor("b")}));
   EXPECT_TRUE(log_.contains("retryAfter: " + start.addingTimeInterval(10).description()));
   EXPECT_TRUE(log_.contains("Queueing send push delivery queue because previous 429"));
   Clock::set(start.addingTimeInterval(10));
-  EXPECT_EQ(resend().sent, 0u);
+  EXPECT_EQ(resend(), 0u);
 
   // A held-back push whose record cannot be stored says so, not that it was queued.
   disk_->failures = FlakyDisk::kAlways;
   log_.clear();
-  EXPECT_EQ(push(pushWith("unstorable")).sent, 0u);
+  EXPECT_EQ(push(pushWith("unstorable")), 0u);
   disk_->failures = 0;
   EXPECT_TRUE(log_.contains("Couldn't queue delivery payload in keychain"));
   EXPECT_FALSE(log_.contains("Queued delivery payload in keychain"));
 
   Clock::set(start.addingTimeInterval(11));
-  EXPECT_EQ(push(pushWith("c")).sent, 3u);
+  EXPECT_EQ(push(pushWith("c")), 3u);
   EXPECT_EQ(sentRecords(),
             (std::vector<Set>{{recordFor("a")}, {recordFor("a"), recordFor("b"), recordFor("c")}}));
   EXPECT_EQ(storedQueue(), Set{});
 }
 
 TEST_F(DeliveryManagerTest, DuringASendTheQueueIsEmptyAndAFailureKeepsWhatCameMeanwhile) {
-  server_.respondWith(500);
+  server_.respondWith({{500}});
   server_.hold();
   auto first = start(pushWith("a"));
   ASSERT_TRUE(server_.waitForRequests(1));
@@ -394,16 +384,8 @@ TEST_F(DeliveryManagerTest, DuringASendTheQueueIsEmptyAndAFailureKeepsWhatCameMe
 }
 
 TEST_F(DeliveryManagerTest, ConcurrentSendsInOneProcessLoseNothing) {
-  // The server fails about half the requests, in every way it can.
-  std::mutex randomMutex;
-  std::mt19937 random(12345);
-  server_.respond([&](const DeliveryServer::Request&) {
-    std::lock_guard lock(randomMutex);
-    const auto roll = random() % 4;
-    if (roll == 0) return DeliveryServer::Answer{500, {}, "busy"};
-    if (roll == 1) return DeliveryServer::Answer{429, {{"Retry-After", "0"}}, "slow down"};
-    return DeliveryServer::Answer{};
-  });
+  // The server fails half the requests, in every way it can.
+  server_.respondWith({{500, {}, "busy"}, {429, {{"Retry-After", "0"}}, "slow down"}, {}, {}});
   constexpr int kThreads = 6, kPushes = 8;
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
@@ -415,7 +397,7 @@ TEST_F(DeliveryManagerTest, ConcurrentSendsInOneProcessLoseNothing) {
   for (auto& thread : threads) thread.join();
   ASSERT_TRUE(PNXPushDeliveryMananger::waitForOutstandingSends(std::chrono::steady_clock::now() +
                                                                std::chrono::seconds(30)));
-  server_.respondWith(200);
+  server_.respondWith({{200}});
   for (int round = 0; round < 5 && !storedQueue().empty(); ++round) resend();
 
   // Records are sent again until answered 200, so every distinct record the server saw was
@@ -428,7 +410,7 @@ TEST_F(DeliveryManagerTest, ConcurrentSendsInOneProcessLoseNothing) {
 }
 
 TEST_F(DeliveryManagerTest, AFailingKeychainLosesNothingThatWasStored) {
-  server_.respondWith(500);
+  server_.respondWith({{500}});
   push(pushWith("stored"));
   ASSERT_EQ(storedQueue(), Set{recordFor("stored")});
 
@@ -437,8 +419,8 @@ TEST_F(DeliveryManagerTest, AFailingKeychainLosesNothingThatWasStored) {
   disk_->failures = FlakyDisk::kAlways;
   log_.clear();
   for (int status : {500, 200}) {
-    server_.respondWith(status);
-    EXPECT_EQ(push(pushWith("unstorable")).sent, 2u);
+    server_.respondWith({{status}});
+    EXPECT_EQ(push(pushWith("unstorable")), 2u);
   }
   EXPECT_TRUE(log_.contains("Couldn't queue delivery payload in keychain"));
   EXPECT_TRUE(log_.contains("Couldn't record in-flight delivery payload in keychain"));
@@ -448,9 +430,9 @@ TEST_F(DeliveryManagerTest, AFailingKeychainLosesNothingThatWasStored) {
 }
 
 TEST_F(DeliveryManagerTest, ARequeueThatCannotBeStoredKeepsTheRecordsInFlight) {
-  server_.respondWith(500);
+  server_.respondWith({{500}});
   server_.hold();
-  std::future<Outcome> outcome = start(pushWith("kept"));
+  auto outcome = start(pushWith("kept"));
   ASSERT_TRUE(server_.waitForRequests(1));
   disk_->failures = 1;  // the merge back fails; the in-flight entry must not go then
   server_.hold(false);
