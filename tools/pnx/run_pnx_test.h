@@ -99,8 +99,7 @@ class PnxProcess {
   // Waits for the process to end; its exit code, or 128 + signal when a signal ended it.
   int wait() {
     int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) continue;
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
@@ -129,11 +128,8 @@ class PnxProcess {
 inline PnxRun runPnx(std::vector<std::string> arguments, const std::string& input = {},
                      const std::vector<std::string>& environment = {}) {
   PnxProcess process(std::move(arguments), input, environment);
-  PnxRun run;
-  run.exitCode = process.wait();
-  run.out = process.out();
-  run.err = process.err();
-  return run;
+  const int exitCode = process.wait();
+  return {exitCode, process.out(), process.err()};
 }
 
 // What a run that must succeed printed: its stdout as JSON, fragments allowed (null when it
@@ -156,9 +152,7 @@ inline void expectPnxFailure(const PnxRun& run, int exitCode, std::string_view m
               std::count(run.err.begin(), run.err.end(), '\n') == 1)
       << run.err;
   EXPECT_NE(run.err.find(mentions), std::string::npos) << mentions << ": " << run.err;
-  if (exitCode == 2) {
-    EXPECT_TRUE(run.err.ends_with("; see pnx --help\n")) << run.err;
-  }
+  EXPECT_TRUE(exitCode != 2 || run.err.ends_with("; see pnx --help\n")) << run.err;
 }
 
 inline constexpr const char* kPnxSampleBundle = PNX_SOURCE_DIR "/examples/SampleApp";
@@ -171,9 +165,13 @@ class PnxRunner {
 
   const std::string& device() const { return device_.path(); }
 
-  PnxRun run(std::vector<std::string> arguments) const {
+  // `arguments` after the global options naming the device and the bundle.
+  std::vector<std::string> arguments(std::vector<std::string> arguments) const {
     arguments.insert(arguments.begin(), {"--device", device(), "--bundle", bundle_});
-    return runPnx(std::move(arguments));
+    return arguments;
+  }
+  PnxRun run(std::vector<std::string> arguments, const std::string& input = {}) const {
+    return runPnx(this->arguments(std::move(arguments)), input);
   }
 
  private:
