@@ -66,14 +66,12 @@ TEST(DeliveryBody, IsTheGzipOfTheCompactJson) {
   EXPECT_EQ(error->code(), NSPropertyListWriteInvalidError);
 }
 
-// The queue's stored form collapses equal records, and only an array is a queue. The change
-// in place gives what the set algebra gives, and tells exactly when the queue differs from
-// before (equal records in another spelling change nothing).
+// Only an array is a queue, and equal records collapse. A change in place gives what the set
+// algebra gives and tells exactly when the queue changed (another spelling changes nothing).
 TEST(DeliveryQueue, EqualRecordsCollapseAndChangesInPlaceFollowTheSetAlgebra) {
   const Value a = Value::dict({{"userId", "a"}, {"mailingId", 5}});
   const Value aAsReal = Value::dict({{"mailingId", 5.0}, {"userId", "a"}});
-  const Value b = Value::dict({{"userId", "b"}});
-  const Value c = Value::dict({{"userId", "c"}});
+  const Value b = Value::dict({{"userId", "b"}}), c = Value::dict({{"userId", "c"}});
   auto stored = queueFromStoredValue(Value::array({a, b, aAsReal}));
   ASSERT_TRUE(stored);
   EXPECT_EQ(stored->size(), 2u);
@@ -127,9 +125,8 @@ TEST(ProcessIdentity, TellsRunningProcessesFromEndedOnes) {
 
 TEST(InFlight, AbandonedAreSendsOfGoneOwnersTooOldOrMalformed) {
   Date now(1'000'000);
-  Value a = Value::dict({{"attribution", "a"}});
-  Value b = Value::dict({{"attribution", "b"}});
-  Value c = Value::dict({{"attribution", "c"}});
+  const Value a = Value::dict({{"attribution", "a"}}), b = Value::dict({{"attribution", "b"}}),
+              c = Value::dict({{"attribution", "c"}});
   ProcessIdentity alive{1, 1, "boot"}, gone{2, 2, "boot"};
   Value stored =
       inFlightWith(Value(), "live", inFlightEntry(alive, now.addingTimeInterval(-5), {a}));

@@ -1,9 +1,6 @@
-// The pnx program run as separate processes, as people use it: the version, usage errors as
-// one line with exit code 2, JSON output that never fails to serialise; pnx config and
-// profile on bundles built in the test; pnx identity and keychain against one device, and
-// the items they leave in its keychain database; pnx deliver, queue, resend and the _report
-// driver against `pnx serve`, where a process killed during a request leaves its records for
-// the next one.
+// pnx run as separate processes, as people use it: the program's contract (version, help,
+// one-line failures, JSON output), and its commands on bundles and devices built in the test,
+// the delivery commands against `pnx serve`.
 
 #include <gtest/gtest.h>
 
@@ -170,8 +167,7 @@ TEST_F(PnxConfigCommands, PrintsEveryPropertyWithItsDefaultOrAsTheFileSetsIt) {
 }
 
 TEST_F(PnxConfigCommands, ReportsAnUnreadableFileAsOneLine) {
-  // Cut short: not JSON. The keychain commands, which load the configuration for the team's
-  // group, fail the same way.
+  // Cut short: not JSON. The keychain commands, which load it for the team's group, too.
   bundle_.write("PnxConfig.json", "{\"teamId\": \"T1\",");
   for (const std::vector<std::string>& command :
        {std::vector<std::string>{"config"}, {"keychain", "get", "userId"}, {"identity"}}) {
@@ -223,8 +219,7 @@ TEST_F(PnxConfigCommands, ProfilePrintsWhatTheProfileSays) {
 
 constexpr const char* kSharedGroup = "A1B2C3D4E5.PNX";  // teamId of the sample bundle + ".PNX"
 
-// The items of the PNX service and an account in the device's database, each as its group,
-// accessibility and value unarchived.
+// The PNX service's items of an account in the device's database: group, class, value.
 std::vector<Value> storedRows(const PnxRunner& app, const std::string& account) {
   auto database = SQLiteDatabase::open(app.device() + "/keychain.db");
   EXPECT_TRUE(database);
@@ -279,8 +274,7 @@ TEST(PnxKeychainCommands, IdentityAndItemsAreWrittenIntoTheSharedGroupOnlyAndRea
   expectPnxFailure(app.run({"keychain", "rm", "pushQueue"}), 1, "errSecItemNotFound (-25300)");
 }
 
-// A device, and a copy of the sample bundle whose baseUrl points at a `pnx serve` of its
-// own that serves examples/media; the device's identity is u1 on channel c1.
+// User u1 on channel c1, with the sample bundle pointed at a `pnx serve` of examples/media.
 class PnxDeliveryCommands : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -318,8 +312,7 @@ class PnxDeliveryCommands : public ::testing::Test {
 };
 
 TEST_F(PnxDeliveryCommands, DeliverTakesAPushTheWholeRoadAndRefusesBadInputInOneLine) {
-  // An action that cannot be encoded stops the extension until its time budget ends (what
-  // it leaves is the service's tests' to check).
+  // An action that cannot be encoded stops the extension until its time budget ends.
   EXPECT_EQ(json({"deliver", "-", "--time-budget", "0.3"},
                  payload("bad-action-not-encodable.json"))["expired"],
             Value(true));

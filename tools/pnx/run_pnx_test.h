@@ -132,8 +132,7 @@ inline PnxRun runPnx(std::vector<std::string> arguments, const std::string& inpu
   return {exitCode, process.out(), process.err()};
 }
 
-// What a run that must succeed printed: its stdout as JSON, fragments allowed (null when it
-// is not JSON).
+// What a run that must succeed printed: its stdout as JSON (fragments allowed), else null.
 inline pnx::Value expectPnxJSON(const PnxRun& run) {
   EXPECT_EQ(run.exitCode, 0) << run.err;
   pnx::JSONReadOptions options;
@@ -157,8 +156,7 @@ inline void expectPnxFailure(const PnxRun& run, int exitCode, std::string_view m
 
 inline constexpr const char* kPnxSampleBundle = PNX_SOURCE_DIR "/examples/SampleApp";
 
-// Runs pnx against its own fresh device directory and a bundle (the sample bundle unless
-// another is named).
+// Runs pnx on a fresh device directory of its own and a bundle, the sample one by default.
 class PnxRunner {
  public:
   explicit PnxRunner(std::string bundle = kPnxSampleBundle) : bundle_(std::move(bundle)) {}
