@@ -26,7 +26,7 @@
 namespace pnx {
 namespace {
 
-TEST(PnxProgram, VersionAndHelpExitZeroForTheProgramAndEveryCommand) {
+TEST(PnxProgram, VersionAndHelpExitZeroAndUsageErrorsFailInOneLine) {
   PnxRunner app;
   // The library's version, whatever the globals.
   for (const PnxRun& run : {runPnx({"--version"}), app.run({"--version"})}) {
@@ -48,10 +48,8 @@ TEST(PnxProgram, VersionAndHelpExitZeroForTheProgramAndEveryCommand) {
     EXPECT_NE(commandHelp.out.find("pnx " + command), std::string::npos);
     expectPnxFailure(app.run({command, "--no-such-option"}), 2, "--no-such-option");
   }
-}
 
-TEST(PnxProgram, UsageErrorsAndAMissingBundleFailInOneLine) {
-  PnxRunner app;
+  // Usage errors, and a missing bundle, fail in one line.
   const std::pair<std::vector<std::string>, const char*> cases[] = {
       {{"nonsense"}, "unknown command 'nonsense'"},
       {{"--bogus"}, "unknown option '--bogus'"},
@@ -166,7 +164,14 @@ TEST_F(PnxConfigCommands, PrintsEveryPropertyWithItsDefaultOrAsTheFileSetsIt) {
       "maximumGeofenceCount": 20, "teamId": "T1", "deliveryReporting": true})"));
 }
 
-TEST_F(PnxConfigCommands, ReportsAnUnreadableFileAsOneLine) {
+TEST_F(PnxConfigCommands, WritesTheLogFileItAsksForAndReportsAnUnreadableFileAsOneLine) {
+  bundle_.write("PnxConfig.json", R"({"logfile": true, "loglevel": "info"})");
+  expectPnxJSON(pnx_.run({"config"}));
+  const std::string log =
+      readWholeFile(pnx_.device() + "/containers/com.example.commands/Documents/PNX.log");
+  EXPECT_NE(log.find("Application Configuration Loaded"), std::string::npos) << log;
+  EXPECT_NE(log.find("APNS Certificate is Not Expired"), std::string::npos) << log;
+
   // Cut short: not JSON. The keychain commands, which load it for the team's group, too.
   bundle_.write("PnxConfig.json", "{\"teamId\": \"T1\",");
   for (const std::vector<std::string>& command :
@@ -184,15 +189,6 @@ TEST_F(PnxConfigCommands, ReportsAnUnreadableFileAsOneLine) {
   expectPnxFailure(run, 1, "pnx: Invalid Config value: Config of [\"\\u001b[2J\",123");
   EXPECT_LT(run.err.size(), 200u) << run.err;
   EXPECT_TRUE(run.err.ends_with(" more bytes) is invalid.\n")) << run.err;
-}
-
-TEST_F(PnxConfigCommands, WritesTheRunsLogFileWhenTheConfigurationAsksForIt) {
-  bundle_.write("PnxConfig.json", R"({"logfile": true, "loglevel": "info"})");
-  expectPnxJSON(pnx_.run({"config"}));
-  const std::string log =
-      readWholeFile(pnx_.device() + "/containers/com.example.commands/Documents/PNX.log");
-  EXPECT_NE(log.find("Application Configuration Loaded"), std::string::npos) << log;
-  EXPECT_NE(log.find("APNS Certificate is Not Expired"), std::string::npos) << log;
 }
 
 TEST_F(PnxConfigCommands, ProfilePrintsWhatTheProfileSays) {
@@ -341,9 +337,7 @@ TEST_F(PnxDeliveryCommands, DeliverTakesAPushTheWholeRoadAndRefusesBadInputInOne
   ASSERT_EQ(categories.size(), 1u);
   EXPECT_EQ(categories.asArray()->at(0)["actions"].size(), 4u);
   EXPECT_EQ(json({"queue"})["pushQueue"], Value(Array()));
-  auto reports = serve_.client().Get("/_pnx/reports");
-  ASSERT_TRUE(reports);
-  EXPECT_NE(reports->body.find("arrivals"), std::string::npos) << reports->body;
+  EXPECT_NE(serve_.client().Get("/_pnx/reports")->body.find("arrivals"), std::string::npos);
 
   for (const char* input : {"[1, 2]", "{\"aps\": ", "\"text\""}) {
     expectPnxFailure(app_.run({"deliver", "-"}, input), 1);
