@@ -109,7 +109,31 @@ class DeliveryServer {
   std::vector<std::optional<Set>> requests_;
 };
 
-// Reporting on, to the test's server, the log captured; the configuration is put back.
+Value pushWith(const std::string& attribution, Value mailingId = Value(7)) {
+  return Value::dict(
+      {{"aps", Value::dict({{"alert", "hello"}})},
+       {"pnx", Value::dict({{"attribution", attribution}, {"mailingId", mailingId}})}});
+}
+
+Value recordFor(const std::string& attribution, Value mailingId = Value(7)) {
+  return Value::dict({{"userId", "user-1"},
+                      {"channelId", "channel-1"},
+                      {"attribution", attribution},
+                      {"mailingId", mailingId}});
+}
+
+// A disk on which the next `failures` writes fail with "database or disk is full".
+class FlakyDisk : public SQLiteIO {
+ public:
+  static constexpr int kAlways = 1 << 30;
+  int write(const File& file, const void* bytes, int amount, std::int64_t offset) override {
+    return failures.fetch_sub(1) > 0 ? SQLITE_FULL : SQLiteIO::write(file, bytes, amount, offset);
+  }
+  std::atomic<int> failures{0};
+};
+
+// Reporting on, to the test's server, for user-1 on channel-1 in a store whose disk the test
+// can fail, the log captured; the configuration and the disk are put back.
 class DeliveryTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -117,13 +141,53 @@ class DeliveryTest : public ::testing::Test {
     config_->setDeliveryReporting(true);
     config_->setBaseUrl(*URL::parse(server_.baseUrl()));
     PNXLog::sharedInstance().setLogLevelName("verbose");
+    store_->setUserId("user-1");
+    store_->setChannelId("channel-1");
+    manager_->setKeychain(store_);
+    SQLiteIO::setCurrent(disk_);
+    log_.clear();
   }
   void TearDown() override {
+    SQLiteIO::setCurrent(nullptr);
     config_->setAppKey(savedAppKey_);
     config_->setBaseUrl(savedBaseUrl_);
     config_->setDeliveryReporting(savedReporting_);
     PNXLog::sharedInstance().setLogLevelName("error");
     Clock::useSystemClock();
+  }
+
+  // Sends through the client and waits for the completion.
+  ErrorPtr send(const Set& queue) {
+    std::promise<ErrorPtr> outcome;
+    PNXPushDeliveryClient().sendPushQueue(queue, [&](ErrorPtr error) { outcome.set_value(error); });
+    auto future = outcome.get_future();
+    EXPECT_EQ(future.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    return future.get();
+  }
+
+  // Starts a push of the payload, or a resend without one; the future gets the number sent.
+  std::future<std::size_t> start(const std::optional<Value>& payload) {
+    auto promise = std::make_shared<std::promise<std::size_t>>();
+    auto done = [promise](std::size_t sent, ErrorPtr) { promise->set_value(sent); };
+    payload ? manager_->sendPushDelivery(*payload, done) : manager_->resendPushDelivery(done);
+    return promise->get_future();
+  }
+  std::size_t push(const Value& payload) { return wait(start(payload)); }
+  std::size_t resend() { return wait(start(std::nullopt)); }
+  static std::size_t wait(std::future<std::size_t> outcome) {
+    EXPECT_EQ(outcome.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    return outcome.get();
+  }
+  // The records of each request the server received.
+  std::vector<Set> sentRecords() {
+    std::vector<Set> sent;
+    for (const auto& request : server_.requests()) sent.push_back(request.value_or(Set()));
+    return sent;
+  }
+  // What is stored, read as an independent reader would.
+  Value stored(const char* name) { return store_->objectForName(name, nullptr); }
+  Set storedQueue() {
+    return queueFromStoredValue(stored(kPushQueueItem)).value_or(Set{Value("unreadable")});
   }
 
   ScopedDevice device_;
@@ -133,26 +197,16 @@ class DeliveryTest : public ::testing::Test {
   bool savedReporting_ = config_->deliveryReporting();
   LogCapture log_;
   DeliveryServer server_;
-};
-
-class DeliveryClientTest : public DeliveryTest {
- protected:
-  // Sends and waits for the completion.
-  ErrorPtr send(const Set& queue) {
-    std::promise<ErrorPtr> outcome;
-    PNXPushDeliveryClient().sendPushQueue(queue, [&](ErrorPtr error) { outcome.set_value(error); });
-    auto future = outcome.get_future();
-    EXPECT_EQ(future.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-    return future.get();
-  }
-
   Set queue_{Value::dict({{"userId", "u1"}, {"attribution", "a1"}}),
              Value::dict({{"channelId", "c2"}, {"mailingId", 7}})};
+  std::shared_ptr<FlakyDisk> disk_ = std::make_shared<FlakyDisk>();
+  std::shared_ptr<PNXKeychain> store_ = PNXKeychain::keychainWithService("PNX");
+  std::shared_ptr<PNXPushDeliveryMananger> manager_ = std::make_shared<PNXPushDeliveryMananger>();
 };
 
 // The headers, path and gzip body are pnx serve's checks, which every pnx delivery test
 // passes; the log names the URL.
-TEST_F(DeliveryClientTest, PostsTheQueueAndOnlyTwoHundredsSucceed) {
+TEST_F(DeliveryTest, TheClientPostsTheQueueAndOnlyTwoHundredsSucceed) {
   EXPECT_EQ(send(queue_), nullptr);
   EXPECT_EQ(server_.requests(), std::vector<std::optional<Set>>{queue_});
   EXPECT_TRUE(log_.contains("Payload Compression on, only sending "));
@@ -182,7 +236,7 @@ TEST_F(DeliveryClientTest, PostsTheQueueAndOnlyTwoHundredsSucceed) {
   EXPECT_EQ(error->userInfo()["statusMessage"], Value("went wrong"));
 }
 
-TEST_F(DeliveryClientTest, FailuresBeforeAnAnswerMakeNoRequest) {
+TEST_F(DeliveryTest, TheClientFailuresBeforeAnAnswerMakeNoRequest) {
   config_->setAppKey(std::nullopt);
   ErrorPtr error;
   PNXPushDeliveryClient().sendPushQueue(queue_, [&](ErrorPtr e) { error = e; });
@@ -201,78 +255,7 @@ TEST_F(DeliveryClientTest, FailuresBeforeAnAnswerMakeNoRequest) {
   EXPECT_TRUE(log_.contains("HTTP Error occured Error Domain=NSURLErrorDomain Code=-1004"));
 }
 
-Value pushWith(const std::string& attribution, Value mailingId = Value(7)) {
-  return Value::dict(
-      {{"aps", Value::dict({{"alert", "hello"}})},
-       {"pnx", Value::dict({{"attribution", attribution}, {"mailingId", mailingId}})}});
-}
-
-Value recordFor(const std::string& attribution, Value mailingId = Value(7)) {
-  return Value::dict({{"userId", "user-1"},
-                      {"channelId", "channel-1"},
-                      {"attribution", attribution},
-                      {"mailingId", mailingId}});
-}
-
-// A disk on which the next `failures` writes fail with "database or disk is full".
-class FlakyDisk : public SQLiteIO {
- public:
-  static constexpr int kAlways = 1 << 30;
-  int write(const File& file, const void* bytes, int amount, std::int64_t offset) override {
-    return failures.fetch_sub(1) > 0 ? SQLITE_FULL : SQLiteIO::write(file, bytes, amount, offset);
-  }
-  std::atomic<int> failures{0};
-};
-
-class DeliveryManagerTest : public DeliveryTest {
- protected:
-  void SetUp() override {
-    DeliveryTest::SetUp();
-    store_->setUserId("user-1");
-    store_->setChannelId("channel-1");
-    manager_->setKeychain(store_);
-    SQLiteIO::setCurrent(disk_);
-    log_.clear();
-  }
-  void TearDown() override {
-    SQLiteIO::setCurrent(nullptr);
-    DeliveryTest::TearDown();
-  }
-
-  // Starts a push of the payload, or a resend without one; the future gets the number sent.
-  std::future<std::size_t> start(const std::optional<Value>& payload) {
-    auto promise = std::make_shared<std::promise<std::size_t>>();
-    auto done = [promise](std::size_t sent, ErrorPtr) { promise->set_value(sent); };
-    payload ? manager_->sendPushDelivery(*payload, done) : manager_->resendPushDelivery(done);
-    return promise->get_future();
-  }
-  std::size_t push(const Value& payload) { return wait(start(payload)); }
-  std::size_t resend() { return wait(start(std::nullopt)); }
-  static std::size_t wait(std::future<std::size_t> outcome) {
-    EXPECT_EQ(outcome.wait_for(std::chrono::seconds(30)), std::future_status::ready);
-    return outcome.get();
-  }
-  // The records of each request the server received.
-  std::vector<Set> sentRecords() {
-    std::vector<Set> sent;
-    for (const auto& request : server_.requests()) sent.push_back(request.value_or(Set()));
-    return sent;
-  }
-  // What is stored, read as an independent reader would.
-  Value stored(const char* name) {
-    ErrorPtr error;
-    return store_->objectForName(name, &error);
-  }
-  Set storedQueue() {
-    return queueFromStoredValue(stored(kPushQueueItem)).value_or(Set{Value("unreadable")});
-  }
-
-  std::shared_ptr<FlakyDisk> disk_ = std::make_shared<FlakyDisk>();
-  std::shared_ptr<PNXKeychain> store_ = PNXKeychain::keychainWithService("PNX");
-  std::shared_ptr<PNXPushDeliveryMananger> manager_ = std::make_shared<PNXPushDeliveryMananger>();
-};
-
-TEST_F(DeliveryManagerTest, ReportingOffTouchesNothing) {
+TEST_F(DeliveryTest, ReportingOffTouchesNothing) {
   config_->setDeliveryReporting(false);
   EXPECT_EQ(push(pushWith("a")), 0u);
   EXPECT_EQ(resend(), 0u);
@@ -284,7 +267,7 @@ TEST_F(DeliveryManagerTest, ReportingOffTouchesNothing) {
                               "⚫️ Not resending push delivery because config flag is false"}));
 }
 
-TEST_F(DeliveryManagerTest, APushIsReportedOrRequeuedAndEqualRecordsCollapse) {
+TEST_F(DeliveryTest, APushIsReportedOrRequeuedAndEqualRecordsCollapse) {
   // A queue that is not an array counts as empty, like the missing item.
   ASSERT_TRUE(store_->setObject(Value("not an array"), kPushQueueItem));
   EXPECT_EQ(push(pushWith("att-1", Value("mail-9"))), 1u);
@@ -314,7 +297,7 @@ TEST_F(DeliveryManagerTest, APushIsReportedOrRequeuedAndEqualRecordsCollapse) {
 }
 
 // The back-off date's own rules are checked with retryGateOpen; here, sends wait for it.
-TEST_F(DeliveryManagerTest, TooManyRequestsHoldsSendsBackUntilTheStoredDateHasPassed) {
+TEST_F(DeliveryTest, TooManyRequestsHoldsSendsBackUntilTheStoredDateHasPassed) {
   Date start(2'000'000'000);
   Clock::set(start);
   server_.respondWith({{429}});
@@ -345,7 +328,7 @@ TEST_F(DeliveryManagerTest, TooManyRequestsHoldsSendsBackUntilTheStoredDateHasPa
   EXPECT_EQ(storedQueue(), Set{});
 }
 
-TEST_F(DeliveryManagerTest, DuringASendTheQueueIsEmptyAndAFailureKeepsWhatCameMeanwhileOrInFlight) {
+TEST_F(DeliveryTest, DuringASendTheQueueIsEmptyAndAFailureKeepsWhatCameMeanwhileOrInFlight) {
   server_.respondWith({{500}});
   server_.hold();
   auto first = start(pushWith("a"));
@@ -373,7 +356,7 @@ TEST_F(DeliveryManagerTest, DuringASendTheQueueIsEmptyAndAFailureKeepsWhatCameMe
   EXPECT_EQ(manager_->inFlightRecords(), (Set{recordFor("a"), recordFor("b"), recordFor("c")}));
 }
 
-TEST_F(DeliveryManagerTest, ConcurrentSendsInOneProcessLoseNothing) {
+TEST_F(DeliveryTest, ConcurrentSendsInOneProcessLoseNothing) {
   // The server fails half the requests, in every way it can.
   server_.respondWith({{500, {}, "busy"}, {429, {{"Retry-After", "0"}}, "slow down"}, {}, {}});
   constexpr int kThreads = 6, kPushes = 8;
@@ -398,7 +381,7 @@ TEST_F(DeliveryManagerTest, ConcurrentSendsInOneProcessLoseNothing) {
   EXPECT_TRUE(manager_->inFlightRecords().empty());
 }
 
-TEST_F(DeliveryManagerTest, AFailingKeychainLosesNothingThatWasStoredOrInFlight) {
+TEST_F(DeliveryTest, AFailingKeychainLosesNothingThatWasStoredOrInFlight) {
   server_.respondWith({{500}});
   push(pushWith("stored"));
   ASSERT_EQ(storedQueue(), Set{recordFor("stored")});
