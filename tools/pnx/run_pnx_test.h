@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
 #include <optional>
 #include <stdexcept>
@@ -190,7 +189,7 @@ class PnxServe : private PnxServeDevice, public PnxProcess {
     auto first = nextLine();
     if (const std::string* url = first ? (*first)["listening"].asString() : nullptr) {
       url_ = *url;
-      port_ = std::atoi(url_.substr(url_.rfind(':') + 1).c_str());
+      port_ = std::stoi(url_.substr(url_.rfind(':') + 1));
     }
   }
 
