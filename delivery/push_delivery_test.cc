@@ -208,7 +208,6 @@ class DeliveryTest : public ::testing::Test {
 // passes; the log names the URL.
 TEST_F(DeliveryTest, TheClientPostsTheQueueAndOnlyTwoHundredsSucceed) {
   EXPECT_EQ(send(queue_), nullptr);
-  EXPECT_EQ(server_.requests(), std::vector<std::optional<Set>>{queue_});
   EXPECT_TRUE(log_.contains("Payload Compression on, only sending "));
   EXPECT_TRUE(
       log_.contains("POST " + server_.baseUrl() + "3.0/apps/apTestKey1/delivery\n{\"delivery\":["));
@@ -216,7 +215,7 @@ TEST_F(DeliveryTest, TheClientPostsTheQueueAndOnlyTwoHundredsSucceed) {
                             "3.0/apps/apTestKey1/delivery\n{}"));
   // An empty queue still posts an empty delivery array.
   EXPECT_EQ(send({}), nullptr);
-  EXPECT_EQ(server_.requests().back(), Set());
+  EXPECT_EQ(server_.requests(), (std::vector<std::optional<Set>>{queue_, Set()}));
 
   for (int status : {204, 299}) {
     // A 204 with a body would be read as the start of the reused connection's next answer.
@@ -357,7 +356,7 @@ TEST_F(DeliveryTest, DuringASendTheQueueIsEmptyAndAFailureKeepsWhatCameMeanwhile
 }
 
 TEST_F(DeliveryTest, ConcurrentSendsInOneProcessLoseNothing) {
-  // The server fails half the requests, in every way it can.
+  // The server fails half the requests, in every way it can, the first two of every four.
   server_.respondWith({{500, {}, "busy"}, {429, {{"Retry-After", "0"}}, "slow down"}, {}, {}});
   constexpr int kThreads = 6, kPushes = 8;
   std::vector<std::thread> threads;
@@ -370,12 +369,16 @@ TEST_F(DeliveryTest, ConcurrentSendsInOneProcessLoseNothing) {
   for (auto& thread : threads) thread.join();
   ASSERT_TRUE(PNXPushDeliveryMananger::waitForOutstandingSends(std::chrono::steady_clock::now() +
                                                                std::chrono::seconds(30)));
+  const std::size_t scripted = server_.requests().size();
   server_.respondWith({{200}});
   for (int round = 0; round < 5 && !storedQueue().empty(); ++round) resend();
 
-  // Records are sent again until answered 200: every one must have reached the server.
+  // Records are sent again until answered 200: every one must have been accepted.
   Set accepted;
-  for (const Set& records : sentRecords()) accepted.insert(records.begin(), records.end());
+  const std::vector<Set> sent = sentRecords();
+  for (std::size_t i = 0; i < sent.size(); ++i) {
+    if (i >= scripted || i % 4 >= 2) accepted.insert(sent[i].begin(), sent[i].end());
+  }
   EXPECT_EQ(accepted.size(), static_cast<std::size_t>(kThreads * kPushes));
   EXPECT_EQ(storedQueue(), Set{});
   EXPECT_TRUE(manager_->inFlightRecords().empty());
