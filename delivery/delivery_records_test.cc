@@ -70,10 +70,8 @@ TEST(DeliveryQueue, EqualRecordsCollapseAndChangesInPlaceFollowTheSetAlgebra) {
   const Value a = Value::dict({{"userId", "a"}, {"mailingId", 5}});
   const Value aAsReal = Value::dict({{"mailingId", 5.0}, {"userId", "a"}});
   const Value b = Value::dict({{"userId", "b"}}), c = Value::dict({{"userId", "c"}});
-  auto stored = queueFromStoredValue(Value::array({a, b, aAsReal}));
-  ASSERT_TRUE(stored);
-  EXPECT_EQ(stored->size(), 2u);
-  EXPECT_EQ(storedValueFromQueue(*stored).size(), 2u);
+  EXPECT_EQ(storedValueFromQueue(queueFromStoredValue(Value::array({a, b, aAsReal})).value()),
+            Value::array({a, b}));
   EXPECT_FALSE(queueFromStoredValue(Value()));
   EXPECT_FALSE(queueFromStoredValue(Value("not a queue")));
 
@@ -102,8 +100,7 @@ TEST(ProcessIdentity, TellsRunningProcessesFromEndedOnes) {
   ProcessIdentity self = ProcessIdentity::current();
   EXPECT_GT(self.startTime, 0);
   EXPECT_FALSE(self.bootId.empty());
-  ASSERT_TRUE(ProcessIdentity::running(getpid()));
-  EXPECT_EQ(*ProcessIdentity::running(getpid()), self);
+  EXPECT_EQ(ProcessIdentity::running(getpid()), self);
   EXPECT_TRUE(inFlightOwnerRunning(inFlightEntry(self, Date::now(), {})));
 
   pid_t child = fork();

@@ -123,8 +123,7 @@ Value recordFor(const std::string& attribution, Value mailingId = Value(7)) {
 }
 
 // A disk on which the next `failures` writes fail with "database or disk is full".
-class FlakyDisk : public SQLiteIO {
- public:
+struct FlakyDisk : SQLiteIO {
   static constexpr int kAlways = 1 << 30;
   int write(const File& file, const void* bytes, int amount, std::int64_t offset) override {
     return failures.fetch_sub(1) > 0 ? SQLITE_FULL : SQLiteIO::write(file, bytes, amount, offset);
