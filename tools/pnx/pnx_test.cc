@@ -316,8 +316,7 @@ TEST_F(PnxDeliveryCommands, DeliverTakesAPushTheWholeRoadAndRefusesBadInputInOne
   ASSERT_EQ(first["attachments"].size(), 1u);
   EXPECT_EQ(first["attachments"].asArray()->at(0)["type"], Value("public.png"));
   const std::string path = *result["displayed"]["attachments"].asArray()->at(0)["url"].asString();
-  EXPECT_NE(path.find("/notifications/com.example.sampleapp/attachments/sample.png"),
-            std::string::npos)
+  EXPECT_TRUE(path.ends_with("/notifications/com.example.sampleapp/attachments/sample.png"))
       << path;
   EXPECT_TRUE(std::filesystem::exists(path.substr(std::string("file://").size())));
   EXPECT_NE(run.err.find("New arrivals"), std::string::npos) << run.err;
