@@ -313,6 +313,7 @@ TEST_F(PnxDeliveryCommands, DeliverTakesAPushTheWholeRoadAndRefusesBadInputInOne
   EXPECT_EQ(first["identifier"], Value("IMG-1"));
   EXPECT_EQ(first["title"], Value("New arrivals"));
   EXPECT_EQ(first["categoryIdentifier"], Value("new-arrivals"));
+  EXPECT_EQ(first["userInfo"]["aps"]["category"], Value("new-arrivals"));
   ASSERT_EQ(first["attachments"].size(), 1u);
   EXPECT_EQ(first["attachments"].asArray()->at(0)["type"], Value("public.png"));
   const std::string path = *result["displayed"]["attachments"].asArray()->at(0)["url"].asString();
