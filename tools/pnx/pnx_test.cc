@@ -36,6 +36,8 @@ TEST(PnxProgram, VersionAndHelpExitZeroAndUsageErrorsFailInOneLine) {
 
   PnxRun help = runPnx({"--help"});
   EXPECT_EQ(help.exitCode, 0) << help.err;
+  for (const char* global : {"--device", "--bundle"})
+    EXPECT_NE(help.out.find(global), std::string::npos);
   // Each command listed under "Subcommands:" has a help of its own.
   const std::string listed = help.out.substr(help.out.find("Subcommands:"));
   const std::regex entry("\n  ([a-z_]+) ");
