@@ -2,9 +2,6 @@
 // files on disk between runs. Output goes to files, so a chatty child never blocks on a full
 // pipe; $PNX_DEVICE and $PNX_BUNDLE are removed from its environment so that the
 // developer's own settings never leak into a test. Use from the test's thread.
-//
-//   PnxRun run = PnxRunner().run({"config"});   // a fresh device, the sample bundle
-//   PnxServe serve({"--fault", "status=500"});  // `pnx serve` in the background
 #pragma once
 
 #include <fcntl.h>
@@ -17,7 +14,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
 #include <optional>
 #include <stdexcept>
@@ -39,31 +35,12 @@ struct PnxRun {
   int exitCode = -1;  // the process's exit status, or 128 + signal when it was killed
   std::string out;    // everything written to stdout
   std::string err;    // everything written to stderr
-
-  // stdout parsed as JSON (fragments allowed), nullopt when it is not JSON.
-  std::optional<pnx::Value> json() const {
-    pnx::JSONReadOptions options;
-    options.allowFragments = true;
-    return pnx::JSON::parse(out, nullptr, options);
-  }
 };
-
-namespace pnx_test_detail {
 
 inline std::string readWholeFile(const std::string& path) {
   std::ifstream stream(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
 }
-
-// argv/envp for posix_spawn: pointers into `strings`, ended by nullptr.
-inline std::vector<char*> pointers(std::vector<std::string>& strings) {
-  std::vector<char*> result;
-  for (auto& text : strings) result.push_back(text.data());
-  result.push_back(nullptr);
-  return result;
-}
-
-}  // namespace pnx_test_detail
 
 // `pnx arguments...` in the background with `input` on its stdin and `environment` ("NAME=
 // value") added to its own; killed at the end of the test whatever happens.
@@ -89,7 +66,7 @@ class PnxProcess {
       const std::string path = io_.file(fd == 1 ? "stdout" : "stderr");
       posix_spawn_file_actions_addopen(&actions, fd, path.c_str(), O_WRONLY | O_CREAT, 0600);
     }
-    auto argv = pnx_test_detail::pointers(arguments), envp = pnx_test_detail::pointers(variables);
+    auto argv = pointers(arguments), envp = pointers(variables);
     const int error = posix_spawn(&pid_, PNX_BINARY, &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) throw std::runtime_error("cannot start " PNX_BINARY);
@@ -100,8 +77,8 @@ class PnxProcess {
     EXPECT_EQ(err().find("Sanitizer"), std::string::npos) << err();
   }
 
-  std::string out() const { return pnx_test_detail::readWholeFile(io_.file("stdout")); }
-  std::string err() const { return pnx_test_detail::readWholeFile(io_.file("stderr")); }
+  std::string out() const { return io_.read("stdout"); }
+  std::string err() const { return io_.read("stderr"); }
 
   // The next line on stdout as JSON; nullopt when none comes in time or it is not JSON.
   std::optional<pnx::Value> nextLine() {
@@ -121,8 +98,7 @@ class PnxProcess {
   // Waits for the process to end; its exit code, or 128 + signal when a signal ended it.
   int wait() {
     int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) continue;
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
@@ -134,6 +110,14 @@ class PnxProcess {
   }
 
  private:
+  // argv/envp for posix_spawn: pointers into `strings`, ended by nullptr.
+  static std::vector<char*> pointers(std::vector<std::string>& strings) {
+    std::vector<char*> result;
+    for (auto& text : strings) result.push_back(text.data());
+    result.push_back(nullptr);
+    return result;
+  }
+
   pnx::testing::TempDir io_;
   pid_t pid_ = -1;
   std::size_t consumed_ = 0;
@@ -143,17 +127,16 @@ class PnxProcess {
 inline PnxRun runPnx(std::vector<std::string> arguments, const std::string& input = {},
                      const std::vector<std::string>& environment = {}) {
   PnxProcess process(std::move(arguments), input, environment);
-  PnxRun run;
-  run.exitCode = process.wait();
-  run.out = process.out();
-  run.err = process.err();
-  return run;
+  const int exitCode = process.wait();
+  return {exitCode, process.out(), process.err()};
 }
 
-// What a run that must succeed printed: its stdout as JSON (null when it is not JSON).
+// What a run that must succeed printed: its stdout as JSON (fragments allowed), else null.
 inline pnx::Value expectPnxJSON(const PnxRun& run) {
   EXPECT_EQ(run.exitCode, 0) << run.err;
-  auto value = run.json();
+  pnx::JSONReadOptions options;
+  options.allowFragments = true;
+  auto value = pnx::JSON::parse(run.out, nullptr, options);
   EXPECT_TRUE(value) << run.out << run.err;
   return value.value_or(pnx::Value());
 }
@@ -167,27 +150,25 @@ inline void expectPnxFailure(const PnxRun& run, int exitCode, std::string_view m
               std::count(run.err.begin(), run.err.end(), '\n') == 1)
       << run.err;
   EXPECT_NE(run.err.find(mentions), std::string::npos) << mentions << ": " << run.err;
-  if (exitCode == 2) {
-    EXPECT_TRUE(run.err.ends_with("; see pnx --help\n")) << run.err;
-  }
+  EXPECT_TRUE(exitCode != 2 || run.err.ends_with("; see pnx --help\n")) << run.err;
 }
 
-// The sample bundle under examples/.
-inline std::string pnxSampleBundle() {
-  return PNX_SOURCE_DIR "/examples/SampleApp";
-}
+inline constexpr const char* kPnxSampleBundle = PNX_SOURCE_DIR "/examples/SampleApp";
 
-// Runs pnx against its own fresh device directory and a bundle (the sample bundle unless
-// another is named).
+// Runs pnx on a fresh device directory of its own and a bundle, the sample one by default.
 class PnxRunner {
  public:
-  explicit PnxRunner(std::string bundle = pnxSampleBundle()) : bundle_(std::move(bundle)) {}
+  explicit PnxRunner(std::string bundle = kPnxSampleBundle) : bundle_(std::move(bundle)) {}
 
   const std::string& device() const { return device_.path(); }
 
-  PnxRun run(std::vector<std::string> arguments) const {
+  // `arguments` after the global options naming the device and the bundle.
+  std::vector<std::string> arguments(std::vector<std::string> arguments) const {
     arguments.insert(arguments.begin(), {"--device", device(), "--bundle", bundle_});
-    return runPnx(std::move(arguments));
+    return arguments;
+  }
+  PnxRun run(std::vector<std::string> arguments, const std::string& input = {}) const {
+    return runPnx(this->arguments(std::move(arguments)), input);
   }
 
  private:
@@ -208,7 +189,7 @@ class PnxServe : private PnxServeDevice, public PnxProcess {
     auto first = nextLine();
     if (const std::string* url = first ? (*first)["listening"].asString() : nullptr) {
       url_ = *url;
-      port_ = std::atoi(url_.substr(url_.rfind(':') + 1).c_str());
+      port_ = std::stoi(url_.substr(url_.rfind(':') + 1));
     }
   }
 
