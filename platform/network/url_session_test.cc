@@ -37,12 +37,16 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 using Handler = httplib::Server::Handler;
 
+std::string localHost(int port) {
+  return "//127.0.0.1:" + std::to_string(port);
+}
+
 // A cpp-httplib server on a free port of 127.0.0.1, listening on its own thread.
 class LocalServer {
  public:
-  explicit LocalServer(std::unique_ptr<httplib::Server> server = nullptr, bool tls = false)
-      : server_(server ? std::move(server) : std::make_unique<httplib::Server>()),
-        scheme_(tls ? "https" : "http") {
+  explicit LocalServer(
+      std::unique_ptr<httplib::Server> server = std::make_unique<httplib::Server>())
+      : server_(std::move(server)) {
     // Idle kept-alive connections hold a server thread, and stopping waits for them.
     server_->set_keep_alive_timeout(1);
   }
@@ -60,12 +64,12 @@ class LocalServer {
     thread_ = std::thread([this] { server_->listen_after_bind(); });
   }
   URL url(const std::string& path) const {
-    return *URL::parse(scheme_ + "://127.0.0.1:" + std::to_string(port_) + path);
+    const bool tls = dynamic_cast<httplib::SSLServer*>(server_.get());
+    return *URL::parse((tls ? "https" : "http") + (":" + localHost(port_)) + path);
   }
 
  private:
   std::unique_ptr<httplib::Server> server_;
-  std::string scheme_;
   std::thread thread_;
   int port_ = 0;
 };
@@ -163,9 +167,7 @@ bool waitForNoTasks() {
 class SilentServer {
  public:
   SilentServer() {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t length = sizeof address;
     bind(listener_, reinterpret_cast<sockaddr*>(&address), length);
     listen(listener_, 512);
@@ -176,11 +178,8 @@ class SilentServer {
     for (int fd : accepted_) close(fd);
     close(listener_);
   }
-  URL url(const std::string& path) const {
-    return *URL::parse("http://127.0.0.1:" + std::to_string(port_) + path);
-  }
-  // Waits until count requests in all have connected, so that they are in the HTTP
-  // stack's hands.
+  URL url(const std::string& path) const { return *URL::parse("http:" + localHost(port_) + path); }
+  // Waits until count requests in all have connected: they are in the HTTP stack's hands.
   bool waitForConnections(std::size_t count) {
     while (accepted_.size() < count) {
       pollfd incoming{listener_, POLLIN, 0};
@@ -196,14 +195,24 @@ class SilentServer {
   std::vector<int> accepted_;
 };
 
-TEST(URLSessionTest, SharedSessionPostsHeadersAndBodyAndAnswersOnABackgroundQueue) {
+TEST(URLSessionTest, SharedSessionLoadsOnABackgroundQueueAndReportsTransportFailures) {
   LocalServer server;
   server->Post("/echo", [](const httplib::Request& request, httplib::Response& response) {
-    // What arrived, for the test to compare.
     response.set_content(request.method + " " + request.get_header_value("Content-Language") + " " +
                              request.get_header_value("Content-Type") +
                              (request.has_header("Expect") ? " Expect " : " ") + request.body,
                          "text/plain");
+  });
+  server->Get("/cut", [](const httplib::Request&, httplib::Response& response) {
+    // Promises 100,000 bytes, sends 10, and hangs up.
+    response.set_content_provider(100000, "application/octet-stream",
+                                  [](std::size_t, std::size_t, httplib::DataSink& sink) {
+                                    sink.write("0123456789", 10);
+                                    return false;
+                                  });
+  });
+  server->Get("/(loop|to-file)", [](const httplib::Request& request, httplib::Response& response) {
+    response.set_redirect(request.matches[1] == "loop" ? "/loop" : "file:///etc/passwd");
   });
   server->Get(R"(/n/(\d+))", [](const httplib::Request& request, httplib::Response& response) {
     response.set_content(request.matches[1].str(), "text/plain");
@@ -230,6 +239,26 @@ TEST(URLSessionTest, SharedSessionPostsHeadersAndBodyAndAnswersOnABackgroundQueu
   }
   ASSERT_TRUE(URLSession::waitForOutstandingTasks(std::chrono::steady_clock::now() + 30s));
   for (int i = 0; i < kTasks; ++i) EXPECT_EQ(text(results[i].get().data), std::to_string(i));
+
+  // Transport failures carry their codes and the failing URL.
+  URL closedURL = SilentServer().url("/x");
+
+  Outcome refused = load(URLRequest(closedURL));
+  EXPECT_EQ(codeOf(refused.error), NSURLErrorCannotConnectToHost);
+  ASSERT_TRUE(refused.error && refused.error->url());
+  EXPECT_EQ(refused.error->url()->absoluteString(), closedURL.absoluteString());
+  EXPECT_EQ(refused.error->domain(), NSURLErrorDomain);
+  EXPECT_EQ(refused.error->localizedDescription(), "Could not connect to the server.");
+  EXPECT_FALSE(refused.data);
+
+  EXPECT_EQ(codeOf(load(URLRequest(server.url("/cut"))).error), NSURLErrorNetworkConnectionLost);
+  EXPECT_EQ(codeOf(load(URLRequest(server.url("/loop"))).error), NSURLErrorHTTPTooManyRedirects);
+  EXPECT_EQ(codeOf(load(URLRequest(server.url("/to-file"))).error), NSURLErrorUnsupportedURL);
+  Outcome unsupported = load(URLRequest(*URL::parse("ftp://127.0.0.1/x")));
+  EXPECT_EQ(codeOf(unsupported.error), NSURLErrorUnsupportedURL);
+  EXPECT_FALSE(unsupported.response);
+  Outcome nameless = load(URLRequest(*URL::parse("http://name-that-does-not-resolve.invalid/")));
+  EXPECT_EQ(codeOf(nameless.error), NSURLErrorCannotFindHost);
 
   // A host waiting on the main run loop hears at once that nothing is in flight any more,
   // though the completion ran on a background queue.
@@ -301,43 +330,6 @@ TEST(URLSessionTest, DownloadsFinishThenCompleteOnTheMainQueueAndLeaveNoFile) {
   EXPECT_EQ(codeOf(data.error), NSURLErrorDataLengthExceedsMaximum);
 }
 
-TEST(URLSessionTest, TransportFailuresCarryTheirCodesAndTheFailingURL) {
-  LocalServer server;
-  server->Get("/cut", [](const httplib::Request&, httplib::Response& response) {
-    // Promises 100,000 bytes, sends 10, and hangs up.
-    response.set_content_provider(100000, "application/octet-stream",
-                                  [](std::size_t, std::size_t, httplib::DataSink& sink) {
-                                    sink.write("0123456789", 10);
-                                    return false;
-                                  });
-  });
-  server->Get("/loop", [](const httplib::Request&, httplib::Response& response) {
-    response.set_redirect("/loop");
-  });
-  server->Get("/to-file", [](const httplib::Request&, httplib::Response& response) {
-    response.set_redirect("file:///etc/passwd");
-  });
-  server.start();
-  URL closedURL = SilentServer().url("/x");
-
-  Outcome refused = load(URLRequest(closedURL));
-  EXPECT_EQ(codeOf(refused.error), NSURLErrorCannotConnectToHost);
-  ASSERT_TRUE(refused.error && refused.error->url());
-  EXPECT_EQ(refused.error->url()->absoluteString(), closedURL.absoluteString());
-  EXPECT_EQ(refused.error->domain(), NSURLErrorDomain);
-  EXPECT_EQ(refused.error->localizedDescription(), "Could not connect to the server.");
-  EXPECT_FALSE(refused.data);
-
-  EXPECT_EQ(codeOf(load(URLRequest(server.url("/cut"))).error), NSURLErrorNetworkConnectionLost);
-  EXPECT_EQ(codeOf(load(URLRequest(server.url("/loop"))).error), NSURLErrorHTTPTooManyRedirects);
-  EXPECT_EQ(codeOf(load(URLRequest(server.url("/to-file"))).error), NSURLErrorUnsupportedURL);
-  Outcome unsupported = load(URLRequest(*URL::parse("ftp://127.0.0.1/x")));
-  EXPECT_EQ(codeOf(unsupported.error), NSURLErrorUnsupportedURL);
-  EXPECT_FALSE(unsupported.response);
-  Outcome nameless = load(URLRequest(*URL::parse("http://name-that-does-not-resolve.invalid/")));
-  EXPECT_EQ(codeOf(nameless.error), NSURLErrorCannotFindHost);
-}
-
 // A request to a server that never answers times out when the Clock passes its interval;
 // cancelled tasks, whether never resumed, in the HTTP stack's hands, or still waiting
 // behind the transfers handed to it at once, complete once, as cancelled.
@@ -392,7 +384,7 @@ TEST(URLSessionTest, CertificatesAreCheckedAgainstTheSystemAndTheDeviceTrust) {
       "-addext subjectAltName=IP:127.0.0.1 -keyout '" +
       key + "' -out '" + cert + "' 2>/dev/null";
   ASSERT_EQ(std::system(command.c_str()), 0);
-  LocalServer server(std::make_unique<httplib::SSLServer>(cert.c_str(), key.c_str()), true);
+  LocalServer server(std::make_unique<httplib::SSLServer>(cert.c_str(), key.c_str()));
   server->Get("/hello", content("secret"));
   server.start();
 
