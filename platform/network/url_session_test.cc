@@ -91,27 +91,19 @@ struct Outcome {
 
 std::shared_future<Outcome> start(URLRequest request, URLSession& session = URLSession::shared()) {
   auto done = std::make_shared<std::promise<Outcome>>();
-  const auto testThread = std::this_thread::get_id();
-  session
-      .dataTask(
-          std::move(request),
-          [done, testThread](std::optional<Data> data,
-                             std::shared_ptr<const HTTPURLResponse> response, ErrorPtr error) {
-            done->set_value({std::move(data), std::move(response), std::move(error),
-                             std::this_thread::get_id() == testThread});
-          })
-      ->resume();
+  auto handler = [done, thread = std::this_thread::get_id()](auto data, auto response, auto error) {
+    done->set_value({data, response, error, std::this_thread::get_id() == thread});
+  };
+  session.dataTask(std::move(request), handler)->resume();
   return done->get_future().share();
 }
 
 // Runs a data task to its completion.
 Outcome load(URLRequest request, URLSession& session = URLSession::shared()) {
   auto future = start(std::move(request), session);
-  if (future.wait_for(20s) != std::future_status::ready) {
-    ADD_FAILURE() << "no completion";
-    return {};
-  }
-  return future.get();
+  const bool done = future.wait_for(20s) == std::future_status::ready;
+  EXPECT_TRUE(done) << "no completion";
+  return done ? future.get() : Outcome{};
 }
 
 std::int64_t codeOf(const ErrorPtr& error) {
