@@ -34,8 +34,8 @@ TEST(DispatchQueueTest, SyncIsABarrierRunsInlineFromTheQueueItselfAndRethrows) {
   EXPECT_THROW(queue.sync([] { throw std::runtime_error("to caller"); }), std::runtime_error);
 }
 
-// The last reference to a queue can go away on its own worker thread, when a block that
-// held it is destroyed; the queue then finishes its work without joining itself.
+// The last reference may go when a block on the queue's own thread is destroyed: the
+// queue must then finish its work without joining itself.
 TEST(DispatchQueueTest, SurvivesLosingItsLastReferenceOnItsOwnThread) {
   struct Owner {
     std::shared_ptr<DispatchQueue> queue = DispatchQueue::create("owned");

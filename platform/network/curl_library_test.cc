@@ -18,9 +18,8 @@ bool curlMapped() {
   return std::string(std::istreambuf_iterator<char>(maps), {}).find("libcurl") != std::string::npos;
 }
 
-// A process that makes no request never loads the HTTP stack, not even to parse URLs; so
-// URL parsing checks authorities itself, and must agree with that stack, or a URL accepted
-// here would fail as malformed when loaded.
+// A process that makes no request never loads the HTTP stack, so URL parsing checks
+// authorities itself; it must agree with the stack, or an accepted URL would fail to load.
 TEST(CurlLibraryTest, OpenedOnlyOnFirstUseAndAgreesWithURLParsingOnAuthorities) {
   const bool fresh = !CurlLibrary::isLoaded();  // no other test of this process made a request
   EXPECT_TRUE(URL::parse("https://user@example.com:8443/a?b#c"));
@@ -50,8 +49,7 @@ TEST(CurlLibraryTest, OpenedOnlyOnFirstUseAndAgreesWithURLParsingOnAuthorities) 
       authority += pieces[random() % pieces.size()];
     }
     std::string text = "http://" + authority + "/x";
-    // An empty host ("http:///x", "http://u@:80/x") the stack would take; the platform's
-    // parser refuses it.
+    // An empty host ("http:///x", "http://u@:80/x") the stack takes; our parser refuses it.
     std::string_view hostPort = authority;
     if (std::size_t at = hostPort.rfind('@'); at != std::string_view::npos) {
       hostPort.remove_prefix(at + 1);

@@ -74,7 +74,6 @@ class LocalServer {
   int port_ = 0;
 };
 
-// A handler answering with a fixed body.
 Handler content(std::string body, const char* type = "application/octet-stream") {
   return [body = std::move(body), type](const httplib::Request&, httplib::Response& response) {
     response.set_content(body, type);
@@ -98,7 +97,6 @@ std::shared_future<Outcome> start(URLRequest request, URLSession& session = URLS
   return done->get_future().share();
 }
 
-// Runs a data task to its completion.
 Outcome load(URLRequest request, URLSession& session = URLSession::shared()) {
   auto future = start(std::move(request), session);
   const bool done = future.wait_for(20s) == std::future_status::ready;
@@ -252,8 +250,7 @@ TEST(URLSessionTest, SharedSessionLoadsOnABackgroundQueueAndReportsTransportFail
   Outcome nameless = load(URLRequest(*URL::parse("http://name-that-does-not-resolve.invalid/")));
   EXPECT_EQ(codeOf(nameless.error), NSURLErrorCannotFindHost);
 
-  // A host waiting on the main run loop hears at once that nothing is in flight any more,
-  // though the completion ran on a background queue.
+  // A host waiting on the main run loop hears at once when nothing is in flight any more.
   auto pending = start(URLRequest(server.url("/missing")));
   auto begun = RunLoop::Clock::now();
   EXPECT_TRUE(waitForNoTasks());
@@ -322,9 +319,8 @@ TEST(URLSessionTest, DownloadsFinishThenCompleteOnTheMainQueueAndLeaveNoFile) {
   EXPECT_EQ(codeOf(data.error), NSURLErrorDataLengthExceedsMaximum);
 }
 
-// A request to a server that never answers times out when the Clock passes its interval;
-// cancelled tasks, whether never resumed, in the HTTP stack's hands, or still waiting
-// behind the transfers handed to it at once, complete once, as cancelled.
+// Stalled requests time out as the Clock passes their interval; cancelled tasks (never
+// resumed, connected, or waiting behind those handed over at once) complete once, cancelled.
 TEST(URLSessionTest, StalledRequestsTimeOutOrEndAsCancelled) {
   Clock::set(Date(2'000'000'000));
   SilentServer silent;

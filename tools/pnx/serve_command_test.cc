@@ -58,8 +58,7 @@ TEST(ServeCommand, AcceptsReportsPrintsAndListsThemAndRefusesWhatIsNotOne) {
   EXPECT_TRUE(pnx::Date::fromISO8601(*(*line)["time"].asString()));
   EXPECT_EQ(line->size(), 4u);
 
-  // What the server refuses (the checks' cases are tested beside them) is answered and
-  // printed with the reason; the headers and the size cap come from the server.
+  // Refusals are answered and printed with the reason (the checks' cases are tested apart).
   const std::string bomb = gzip(std::string(17 * 1024 * 1024, ' '));
   const std::tuple<const char*, httplib::Headers, std::string, int, const char*, const char*>
       refused[] = {
