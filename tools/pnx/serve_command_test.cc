@@ -59,17 +59,14 @@ TEST(ServeCommand, AcceptsReportsPrintsAndListsThemAndRefusesWhatIsNotOne) {
   EXPECT_EQ(line->size(), 4u);
 
   // Refusals are answered and printed with the reason (the checks' cases are tested apart).
-  const std::string bomb = gzip(std::string(17 * 1024 * 1024, ' '));
-  const std::tuple<const char*, httplib::Headers, std::string, int, const char*, const char*>
-      refused[] = {
-          {kDeliveryPath, {}, kReport, 400, "Content-Encoding is missing", ""},
-          {kDeliveryPath, kGzip, bomb, 413, "decompresses to more than", ""},
-          {"/_pnx/reports", kGzip, gzip(kReport), 405, "POST is not allowed here", "GET, HEAD"},
-          {"/3.0/apps/ap12345678/delivery/", kGzip, gzip(kReport), 404, "no such endpoint", ""},
-      };
-  for (const auto& [path, headers, body, status, mentions, allow] : refused) {
+  const std::tuple<const char*, std::string, int, const char*, const char*> refused[] = {
+      {kDeliveryPath, gzip(std::string(17 << 20, ' ')), 413, "decompresses to more than", ""},
+      {"/_pnx/reports", gzip(kReport), 405, "POST is not allowed here", "GET, HEAD"},
+      {"/3.0/apps/ap12345678/delivery/", gzip(kReport), 404, "no such endpoint", ""},
+  };
+  for (const auto& [path, body, status, mentions, allow] : refused) {
     SCOPED_TRACE(mentions);
-    auto answer = client.Post(path, headers, body, "application/json");
+    auto answer = client.Post(path, kGzip, body, "application/json");
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->status, status);
     EXPECT_EQ(answer->get_header_value("Allow"), allow);
@@ -212,7 +209,6 @@ TEST(ServeCommand, ServesMediaAndReportsOverHTTPSWithTheGivenCertificate) {
     EXPECT_EQ(answer->body.find("secret"), std::string::npos) << path;
   }
 
-  EXPECT_EQ(postReport(client)->status, 200);
   // A dropping fault closes the TLS connection without an answer too.
   ASSERT_EQ(client.Post("/_pnx/faults", R"(["drop,times=1"])", "application/json")->status, 200);
   EXPECT_FALSE(postReport(client));
