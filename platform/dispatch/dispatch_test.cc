@@ -34,8 +34,8 @@ TEST(DispatchQueueTest, SyncIsABarrierRunsInlineFromTheQueueItselfAndRethrows) {
   EXPECT_THROW(queue.sync([] { throw std::runtime_error("to caller"); }), std::runtime_error);
 }
 
-// The last reference to a queue can go away on its own worker thread, when a block that
-// held it is destroyed; the queue then finishes its work without joining itself.
+// The last reference may go when a block on the queue's own thread is destroyed: the
+// queue must then finish its work without joining itself.
 TEST(DispatchQueueTest, SurvivesLosingItsLastReferenceOnItsOwnThread) {
   struct Owner {
     std::shared_ptr<DispatchQueue> queue = DispatchQueue::create("owned");
@@ -55,7 +55,7 @@ TEST(DispatchQueueTest, SurvivesLosingItsLastReferenceOnItsOwnThread) {
   EXPECT_EQ(ran, 2);
 }
 
-TEST(RunLoopTest, BlocksFromOtherThreadsWakeTheMainQueue) {
+TEST(RunLoopTest, BlocksFromOtherThreadsWakeTheMainQueueAndRunPendingDoesNotChase) {
   DispatchQueue& main = DispatchQueue::main();
   bool done = false;  // touched only on the main queue and after runUntil
   bool wasCurrent = false;
@@ -68,14 +68,16 @@ TEST(RunLoopTest, BlocksFromOtherThreadsWakeTheMainQueue) {
   poster.join();
   EXPECT_TRUE(wasCurrent);
   EXPECT_FALSE(main.isCurrent());
-}
 
-TEST(RunLoopTest, ReturnsAtTheDeadlineAndRunPendingDoesNotChase) {
   auto start = RunLoop::Clock::now();
   EXPECT_FALSE(RunLoop::runUntil([] { return false; }, start + 20ms));
   EXPECT_GE(RunLoop::Clock::now(), start + 20ms);
+  // The system clock fires asyncAfter in real time on the main queue too.
+  bool fired = false;
+  main.asyncAfter(0.05, [&] { fired = true; });
+  EXPECT_TRUE(RunLoop::runUntil([&] { return fired; }, start + 5s));
+  EXPECT_GE(RunLoop::Clock::now(), start + 70ms);
 
-  DispatchQueue& main = DispatchQueue::main();
   int runs = 0;
   bool stop = false;
   std::function<void()> requeue = [&] {
@@ -94,14 +96,8 @@ TEST(RunLoopTest, ReturnsAtTheDeadlineAndRunPendingDoesNotChase) {
   EXPECT_EQ(runs, 4);
 }
 
-// Pins the clock for one test and gives the system clock back afterwards.
-struct PinnedClock {
-  PinnedClock() { Clock::set(Date(1'000'000)); }
-  ~PinnedClock() { Clock::useSystemClock(); }
-};
-
-TEST(AsyncAfterTest, APinnedClockFiresExactlyWhenMovedPastTheDueTime) {
-  PinnedClock pinned;
+TEST(AsyncAfterTest, APinnedClockFiresExactlyWhenDueAndADestroyedQueueDropsWhatWaits) {
+  Clock::set(Date(1'000'000));
   DispatchQueue queue("delayed");
   std::vector<std::string> ran;  // touched only on the queue
   queue.asyncAfter(10, [&] { ran.push_back("10 s"); });
@@ -121,32 +117,22 @@ TEST(AsyncAfterTest, APinnedClockFiresExactlyWhenMovedPastTheDueTime) {
   Clock::set(Date(1'000'000 + 3600));
   queue.drain();
   EXPECT_EQ(ran.back(), "10 s");
-}
 
-TEST(AsyncAfterTest, TheSystemClockFiresInRealTimeOnTheMainQueueToo) {
-  auto start = std::chrono::steady_clock::now();
-  bool fired = false;
-  DispatchQueue::main().asyncAfter(0.05, [&] { fired = true; });
-  EXPECT_TRUE(RunLoop::runUntil([&] { return fired; }, start + 5s));
-  EXPECT_GE(std::chrono::steady_clock::now(), start + 50ms);
-}
-
-// The destructor runs what is queued, even what those blocks queue, and drops the blocks
-// whose time has not come.
-TEST(AsyncAfterTest, ADestroyedQueueRunsWhatIsQueuedAndDropsWhatStillWaits) {
-  PinnedClock pinned;
+  // A destroyed queue runs what is queued, even what those blocks queue, and drops the
+  // blocks whose time has not come.
   int counter = 0;
   auto captured = std::make_shared<int>(0);
   {
-    DispatchQueue queue("short-lived");
-    queue.asyncAfter(1, [captured] { ++*captured; });
-    for (int i = 0; i < 100; ++i) queue.async([&] { ++counter; });
-    queue.async([&] { queue.async([&] { ++counter; }); });
+    DispatchQueue shortLived("short-lived");
+    shortLived.asyncAfter(1, [captured] { ++*captured; });
+    for (int i = 0; i < 100; ++i) shortLived.async([&] { ++counter; });
+    shortLived.async([&] { shortLived.async([&] { ++counter; }); });
   }
   EXPECT_EQ(counter, 101);
   EXPECT_EQ(captured.use_count(), 1);  // the block went with the queue
   Clock::advance(2);                   // and nothing posts to the destroyed queue
   EXPECT_EQ(*captured, 0);
+  Clock::useSystemClock();
 }
 
 }  // namespace

@@ -7,18 +7,15 @@
 namespace pnx {
 namespace {
 
-using testing::modeOf;
-using testing::ScopedEnv;
-
 TEST(DeviceTest, DefaultDirectoryFollowsTheEnvironment) {
-  ScopedEnv home("HOME", "/home/someone");
-  ScopedEnv data("XDG_DATA_HOME", nullptr);
-  ScopedEnv device("PNX_DEVICE", "");
+  testing::ScopedEnv home("HOME", "/home/someone");
+  testing::ScopedEnv data("XDG_DATA_HOME", nullptr);
+  testing::ScopedEnv device("PNX_DEVICE", "");
   EXPECT_EQ(Device::defaultDirectory(), "/home/someone/.local/share/pnx/device");
   {
-    ScopedEnv xdg("XDG_DATA_HOME", "/data");
+    testing::ScopedEnv xdg("XDG_DATA_HOME", "/data");
     EXPECT_EQ(Device::defaultDirectory(), "/data/pnx/device");
-    ScopedEnv named("PNX_DEVICE", "/devices/phone");
+    testing::ScopedEnv named("PNX_DEVICE", "/devices/phone");
     EXPECT_EQ(Device::defaultDirectory(), "/devices/phone");
     EXPECT_EQ(Device::directory(), "/devices/phone");
     Device::setDirectory("/chosen");
@@ -36,9 +33,9 @@ TEST(ContainerTest, LaysOutPrivateDirectoriesPerBundleOnDemand) {
   EXPECT_EQ(Container::libraryDirectory(), root + "/Library");
   EXPECT_EQ(Container::temporaryDirectory(), root + "/tmp");
   for (const char* sub : {"", "/Documents", "/Library", "/tmp"}) {
-    EXPECT_EQ(modeOf(root + sub), 0700u) << sub;
+    EXPECT_EQ(testing::modeOf(root + sub), 0700u) << sub;
   }
-  EXPECT_EQ(modeOf(device.deviceDirectory()), 0700u);
+  EXPECT_EQ(testing::modeOf(device.deviceDirectory()), 0700u);
 
   Bundle::setMain("");
   EXPECT_FALSE(Bundle::main());

@@ -15,31 +15,21 @@ namespace {
 
 bool curlMapped() {
   std::ifstream maps("/proc/self/maps");
-  std::string line;
-  while (std::getline(maps, line)) {
-    if (line.find("libcurl") != std::string::npos) return true;
-  }
-  return false;
+  return std::string(std::istreambuf_iterator<char>(maps), {}).find("libcurl") != std::string::npos;
 }
 
-// A process that makes no request never loads the HTTP stack: not for parsing URLs, not
-// for a task that fails before reaching the network.
-TEST(CurlLibraryTest, OpenedOnlyByTheFirstRequestThatNeedsIt) {
-  if (CurlLibrary::isLoaded()) GTEST_SKIP() << "another test of this process made a request";
+// A process that makes no request never loads the HTTP stack, so URL parsing checks
+// authorities itself; it must agree with the stack, or an accepted URL would fail to load.
+TEST(CurlLibraryTest, OpenedOnlyOnFirstUseAndAgreesWithURLParsingOnAuthorities) {
+  const bool fresh = !CurlLibrary::isLoaded();  // no other test of this process made a request
   EXPECT_TRUE(URL::parse("https://user@example.com:8443/a?b#c"));
   EXPECT_TRUE(URL::parse("http://[::1]:80/"));
-  EXPECT_FALSE(curlMapped());
-  ASSERT_NE(CurlLibrary::get(), nullptr);
-  EXPECT_TRUE(curlMapped());
-}
-
-// URL parsing checks authorities itself, so that parsing never loads the HTTP stack; it
-// must agree with that stack, or a URL accepted here would fail as malformed when loaded.
-TEST(CurlLibraryTest, URLParsingAgreesWithTheHTTPStackOnAuthorities) {
+  EXPECT_FALSE(fresh && curlMapped());
   std::string reason;
   const CurlLibrary* curl = CurlLibrary::get(&reason);
   ASSERT_NE(curl, nullptr) << reason;
   ASSERT_TRUE(CurlLibrary::isLoaded());
+  EXPECT_TRUE(curlMapped());
   auto curlAccepts = [&](const std::string& text) {
     CURLU* handle = curl->url();
     bool accepted =
@@ -59,8 +49,7 @@ TEST(CurlLibraryTest, URLParsingAgreesWithTheHTTPStackOnAuthorities) {
       authority += pieces[random() % pieces.size()];
     }
     std::string text = "http://" + authority + "/x";
-    // An empty host ("http:///x", "http://u@:80/x") the stack would take; the platform's
-    // parser refuses it.
+    // An empty host ("http:///x", "http://u@:80/x") the stack takes; our parser refuses it.
     std::string_view hostPort = authority;
     if (std::size_t at = hostPort.rfind('@'); at != std::string_view::npos) {
       hostPort.remove_prefix(at + 1);

@@ -10,7 +10,7 @@
 namespace pnx {
 namespace {
 
-TEST(URLRequestTest, HeaderNamesIgnoreCaseAndKeepTheirFirstSpelling) {
+TEST(URLRequestTest, HeaderNamesIgnoreCaseKeepTheirFirstSpellingAndForgeNoLines) {
   URLRequest request(*URL::parse("https://h/x"));
   request.setValue("application/json", "Content-type");
   request.setValue("text/plain", "CONTENT-TYPE");
@@ -24,16 +24,13 @@ TEST(URLRequestTest, HeaderNamesIgnoreCaseAndKeepTheirFirstSpelling) {
   request.setValue("", "content-TYPE");  // an empty value removes the field
   EXPECT_FALSE(request.valueForHTTPHeaderField("Content-type"));
   EXPECT_EQ(request.allHTTPHeaderFields().size(), 1u);
-}
 
-TEST(URLRequestTest, RefusesHeadersThatWouldForgeMoreLines) {
-  URLRequest request(*URL::parse("https://h/x"));
   EXPECT_THROW(request.setValue("a\r\nX-Evil: 1", "X-Ok"), std::invalid_argument);
   EXPECT_THROW(request.setValue("a", "X-Bad\n"), std::invalid_argument);
   EXPECT_THROW(request.addValue("a", "Bad:Name"), std::invalid_argument);
   EXPECT_THROW(request.setValue("a", ""), std::invalid_argument);
   EXPECT_THROW(request.setValue(std::string_view("a\0b", 3), "X-Nul"), std::invalid_argument);
-  EXPECT_TRUE(request.allHTTPHeaderFields().empty());
+  EXPECT_EQ(request.allHTTPHeaderFields().size(), 1u);
 }
 
 TEST(HTTPURLResponseTest, HeaderLookupIgnoresCaseButKeepsTheFields) {

@@ -10,10 +10,9 @@
 namespace pnx {
 namespace {
 
-// syslog(3) and DateFormatter both use the C library's zone, set up by whichever comes
-// first. The two run on two threads ordered only by a relaxed flag (no synchronisation to
-// ThreadSanitizer): setting up the zone twice is a race it reports. Meaningful only in a
-// process of its own (ctest runs each test so).
+// syslog(3) and DateFormatter both set up the C library's zone on first use: on two threads
+// ordered only by a relaxed flag, doing it twice is a race ThreadSanitizer reports.
+// Meaningful only in a process of its own (ctest runs each test so).
 TEST(SystemLogTest, TheFirstLineAndTheFirstLocalTimeOnTwoThreadsDoNotRace) {
   SystemLog::setSink(nullptr);  // syslog(3) itself
   std::atomic<bool> logged{false};

@@ -9,7 +9,7 @@
 namespace pnx::serve {
 namespace {
 
-TEST(ServeFault, ParsesEveryPart) {
+TEST(ServeFault, ParsesEveryPartAndListsOfFaults) {
   auto fault = parseFault(" status=429 , retry-after=30,delay=0.25,times=2 ");
   ASSERT_TRUE(fault);
   EXPECT_EQ(fault->status, 429);
@@ -26,9 +26,14 @@ TEST(ServeFault, ParsesEveryPart) {
   EXPECT_EQ(drop->times, std::nullopt);
   EXPECT_TRUE(parseFault("status=503,drop,times=1"));
   EXPECT_TRUE(parseFault("delay=2"));  // delays, then answers normally
+  auto faults = parseFaultList(R"(["status=500,times=1", "drop"])");
+  ASSERT_TRUE(faults);
+  ASSERT_EQ(faults->size(), 2u);
+  EXPECT_TRUE((*faults)[1].drop);
+  EXPECT_TRUE(parseFaultList("[]"));
 }
 
-TEST(ServeFault, RefusesBadSpecificationsWithAReason) {
+TEST(ServeFault, RefusesBadFaultsAndListsWithAReason) {
   const std::pair<const char*, const char*> cases[] = {
       {"", "empty"},
       {"status=abc", "status must be"},
@@ -54,15 +59,6 @@ TEST(ServeFault, RefusesBadSpecificationsWithAReason) {
     EXPECT_NE(error.find(mentions), std::string::npos) << text << " -> " << error;
     EXPECT_EQ(error.find('\n'), std::string::npos) << text;
   }
-}
-
-TEST(ServeFault, ListsComeAsJSONArraysOfStrings) {
-  auto faults = parseFaultList(R"(["status=500,times=1", "drop"])");
-  ASSERT_TRUE(faults);
-  ASSERT_EQ(faults->size(), 2u);
-  EXPECT_TRUE((*faults)[1].drop);
-  EXPECT_TRUE(parseFaultList("[]"));
-
   std::string error;
   EXPECT_FALSE(parseFaultList("status=500", &error));
   EXPECT_NE(error.find("not JSON"), std::string::npos) << error;
@@ -74,7 +70,7 @@ TEST(ServeFault, ListsComeAsJSONArraysOfStrings) {
   EXPECT_NE(error.find("status must be"), std::string::npos) << error;
 }
 
-TEST(ServeFault, PlanTakesTheFirstFaultWithUsesLeft) {
+TEST(ServeFault, PlanTakesTheFirstFaultWithUsesLeftOnceAcrossThreads) {
   FaultPlan plan;
   plan.replace({*parseFault("status=500,times=1"), *parseFault("status=429,times=2")});
   EXPECT_EQ(plan.next()->status, 500);
@@ -91,10 +87,8 @@ TEST(ServeFault, PlanTakesTheFirstFaultWithUsesLeft) {
   for (int i = 0; i < 3; ++i) EXPECT_EQ(plan.next()->status, 503);  // no times: for ever
   plan.replace({});
   EXPECT_EQ(plan.next(), std::nullopt);
-}
 
-TEST(ServeFault, PlanHandsOutEachUseOnceAcrossThreads) {
-  FaultPlan plan;
+  // Each use is handed out once across threads.
   plan.replace({*parseFault("status=500,times=1000")});
   std::atomic<int> taken = 0;
   std::vector<std::thread> threads;
