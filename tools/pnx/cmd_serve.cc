@@ -492,16 +492,21 @@ int runServe(const ServeOptions& options) {
   // Written out rather than serialised: scripts match this first line as it stands.
   backend.printText("{\"listening\": \"" + scheme + "://127.0.0.1:" + std::to_string(port) + "\"}");
 
-  std::atomic<bool> listenFailed = false;
+  std::atomic<bool> listenFailed = false, listenEnded = false;
   const pthread_t mainThread = pthread_self();
   std::thread listener([&] {
     if (!server->listen_after_bind()) listenFailed = true;
+    listenEnded = true;
     // Wakes the main thread when the server ends on its own; after a stop, the signal
     // stays pending and blocked until the process ends.
     pthread_kill(mainThread, SIGUSR1);
   });
   waitForStop();
   backend.stop();
+  // The server ignores a stop until its listen loop runs, and a signal can come first.
+  while (!server->is_running() && !listenEnded) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   server->stop();
   listener.join();
   return listenFailed ? pnxFail("the server stopped unexpectedly") : 0;

@@ -102,10 +102,18 @@ class PnxProcess {
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
-  // Sends `signal` and returns the exit code, as wait() does.
+  // Sends `signal` and returns the exit code, as wait() does. A process that outlives the
+  // signal by 10 s is killed, so a hang fails its test (as 128 + SIGKILL) instead of stalling
+  // the run.
   int stop(int signal = SIGTERM) {
     if (pid_ <= 0) return -1;
     kill(pid_, signal);
+    siginfo_t ended{};
+    for (int tries = 0; tries < 2000 && ended.si_pid == 0; ++tries) {
+      if (waitid(P_PID, pid_, &ended, WEXITED | WNOHANG | WNOWAIT) != 0) break;
+      if (ended.si_pid == 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    if (ended.si_pid == 0) kill(pid_, SIGKILL);
     return wait();
   }
 

@@ -154,6 +154,18 @@ TEST(ServeCommand, FaultsApplyInOrderForTheirTimesAndAreReplacedAtRunTime) {
   stalled.join();
 }
 
+// A stop signal sent as soon as the first line is out used to be lost when the listener had
+// not started yet, and the server ran on (5 runs in 10 hung).
+TEST(ServeCommand, StopsOnASignalRightAfterItsFirstLine) {
+  for (int run = 0; run < 10; ++run) {
+    pnx::testing::TempDir device;
+    PnxProcess serve({"--device", device.path(), "serve", "--port", "0"});
+    const auto deadline = Clock::now() + std::chrono::seconds(10);
+    while (serve.out().find('\n') == std::string::npos && Clock::now() < deadline) continue;
+    EXPECT_EQ(serve.stop(SIGTERM), 0) << "run " << run << ": " << serve.err();
+  }
+}
+
 TEST(ServeCommand, BadOptionsFailInOneLine) {
   const std::tuple<std::vector<std::string>, int, const char*> cases[] = {
       {{"serve", "--fault", "status=abc"}, 2, "status must be a number"},
