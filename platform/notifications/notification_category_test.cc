@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "platform/foundation/json.h"
+#include "platform/notifications/notification_content.h"
 
 namespace pnx {
 namespace {
@@ -83,6 +86,38 @@ TEST(NotificationCategory, DescribesItselfInThePlatformsStyle) {
             "intentIdentifiers: (), options: [customDismissAction, 64]>");
   // In a Value, as "%@" would print it.
   EXPECT_EQ(Value(ObjectPtr(category)).description(), category->description());
+}
+
+TEST(NotificationContent, PrintsAsTheHostShowsItWithUserInfoADictionaryAndBadgeANumberOrNull) {
+  auto content = MutableNotificationContent::make();
+  content->setBadge(Value(3));
+  content->setBadge(Value("3"));  // not a number: no badge, not the last one
+  content->setUserInfo(Value::dict({{"x", 1}}));
+  content->setUserInfo(Value("not a dictionary"));
+  const URL movie = URL::fileURL(PNX_SOURCE_DIR "/examples/media/sample.mp4");
+  content->setAttachments({NotificationAttachment::attachmentWithIdentifier("A", movie, Value())});
+  EXPECT_EQ(content->jsonObject("REQ"),
+            JSON::parse(R"({"identifier": "REQ", "title": "", "subtitle": "", "body": "",
+                "badge": null, "sound": null, "categoryIdentifier": "",
+                "threadIdentifier": "", "userInfo": {}, "attachments": [
+                {"identifier": "A", "url": ")" +
+                        movie.absoluteString() + R"(", "type": "public.mpeg-4"}]})"));
+  content->setBadge(Value(3));
+  EXPECT_EQ(content->badge(), Value(3));
+  EXPECT_EQ(MutableNotificationContent::make()->userInfo(), Value(Dictionary()));
+}
+
+TEST(NotificationContent, CanBeReadWhileAnotherThreadChangesIt) {
+  auto content = MutableNotificationContent::make();
+  std::thread writer([content] {
+    for (int i = 0; i < 1000; ++i) content->setUserInfo(Value::dict({{"n", i}}));
+  });
+  for (int i = 0; i < 1000; ++i) {
+    auto snapshot = content->copy();
+    EXPECT_TRUE(snapshot->userInfo().isDictionary());
+  }
+  writer.join();
+  EXPECT_EQ(content->userInfo(), Value::dict({{"n", 999}}));
 }
 
 }  // namespace
