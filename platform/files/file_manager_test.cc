@@ -211,43 +211,39 @@ class UnreadableFiles : public FileManagerWrapper {
 };
 
 // The XML form is read by every test that names a main bundle (ScopedDevice).
-TEST(BundleTest, ReadsABinaryInfoPlistThroughTheFileManagerAndAnyOtherAsEmpty) {
-  TempDir binary;
+TEST(BundleTest, ReadsABinaryInfoPlistThroughTheFileManagerAnyOtherAsEmptyAndResourcesInside) {
+  TempDir root;
   Value info = Value::dict({{"CFBundleIdentifier", "com.example.binary"},
                             {"keychain-access-groups", Value::array({"TEAM.PNX"})}});
   auto bytes = PropertyList::serialize(info, PropertyList::Format::Binary);
   ASSERT_TRUE(bytes);
-  binary.write("Info.plist", std::string(bytes->begin(), bytes->end()));
-  Bundle bundle(binary.path() + "/");
-  EXPECT_EQ(bundle.bundlePath(), binary.path());
+  root.write("App/Info.plist", std::string(bytes->begin(), bytes->end()));
+  root.write("outside.json", "{}");
+  std::string config = root.write("App/PnxConfig.json", "{}");
+  std::string profile = root.write("App/embedded.mobileprovision", "");
+  root.write("App/Sounds/ping.caf", "");
+  const std::string app = root.file("App");
+  Bundle bundle(app + "/");
+  EXPECT_EQ(bundle.bundlePath(), app);
   EXPECT_EQ(bundle.infoDictionary(), info);
   EXPECT_EQ(bundle.objectForInfoDictionaryKey("keychain-access-groups").size(), 1u);
 
   auto unreadable = std::make_shared<UnreadableFiles>(FileManager::posix());
   FileManager::setCurrent(unreadable);
-  Bundle unread(binary.path());
+  Bundle unread(app);
   FileManager::setCurrent(nullptr);
   EXPECT_EQ(unreadable->reads, 1);
-  EXPECT_EQ(Bundle(binary.path()).infoDictionary(), info);  // the default manager is back
+  EXPECT_EQ(Bundle(app).infoDictionary(), info);  // the default manager is back
 
-  TempDir empty, broken, wrongType;
-  broken.write("Info.plist", "<plist><dict><key>x");
-  wrongType.write("Info.plist", "<plist version=\"1.0\"><array/></plist>");
+  root.write("Broken/Info.plist", "<plist><dict><key>x");
+  root.write("WrongType/Info.plist", "<plist version=\"1.0\"><array/></plist>");
   for (const Bundle& emptyInfo :
-       {unread, Bundle(empty.path()), Bundle(broken.path()), Bundle(wrongType.path())}) {
+       {unread, Bundle(root.path()), Bundle(root.file("Broken")), Bundle(root.file("WrongType"))}) {
     EXPECT_TRUE(emptyInfo.infoDictionary().isDictionary());
     EXPECT_EQ(emptyInfo.infoDictionary().size(), 0u);
     EXPECT_FALSE(emptyInfo.bundleIdentifier());
   }
-}
 
-TEST(BundleTest, FindsResourcesInsideTheBundleOnly) {
-  TempDir root;
-  root.write("outside.json", "{}");
-  std::string config = root.write("App/PnxConfig.json", "{}");
-  std::string profile = root.write("App/embedded.mobileprovision", "");
-  root.write("App/Sounds/ping.caf", "");
-  Bundle bundle(root.file("App"));
   EXPECT_EQ(bundle.pathForResource("PnxConfig", "json"), config);
   EXPECT_EQ(bundle.pathForResource("embedded.mobileprovision", ""), profile);
   EXPECT_EQ(bundle.pathForResource("Sounds", ""), root.file("App/Sounds"));
