@@ -94,7 +94,6 @@ TEST_F(NotificationCenterTest, SeesWhatAnotherConnectionWroteAndKeepsWhatItCanRe
   center_->setNotificationCategories({category("mine")});
   center_->waitUntilIdle();
 
-  // Another process's connection replaces the stored rows.
   auto other = SQLiteDatabase::open(center_->databasePath());
   ASSERT_TRUE(other);
   std::string theirs = JSON::serialize(category("theirs")->jsonObject()).value();
@@ -252,52 +251,44 @@ TEST(NotificationAttachment, JudgesEveryFileByItsExtensionAndContentAndComparesB
   std::filesystem::create_directory(dir.file("folder.png"));
   const std::string png = "\x89PNG\r\n\x1a\n";
   struct Case {
-    std::string what;
     std::string path;
     std::int64_t code;
     std::string described;  // a part of the description
   };
   const Case cases[] = {
-      {"a missing file", dir.file("missing.png"), UNErrorCodeAttachmentInvalidURL,
+      {dir.file("missing.png"), UNErrorCodeAttachmentInvalidURL,
        "no file at " + dir.file("missing.png")},
-      {"a directory", dir.file("folder.png"), UNErrorCodeAttachmentInvalidURL, "a directory"},
-      {"an unknown extension", dir.write("notes.txt", "hello"),
-       UNErrorCodeAttachmentUnrecognizedType, "\"notes.txt\""},
-      {"no extension", dir.write("image", png), UNErrorCodeAttachmentUnrecognizedType, "\"image\""},
-      {"an empty file", dir.write("empty.jpg", ""), UNErrorCodeAttachmentInvalidFileSize,
-       "is empty"},
-      {"an image over 10 MB", sizedFile(dir, "big.png", png, 10 * 1024 * 1024 + 1),
-       UNErrorCodeAttachmentInvalidFileSize, "over the limit of 10485760 bytes for images"},
-      {"audio over 5 MB", sizedFile(dir, "big.wav", "RIFF\0\0\0\0WAVE"sv, 5 * 1024 * 1024 + 1),
+      {dir.file("folder.png"), UNErrorCodeAttachmentInvalidURL, "a directory"},
+      {dir.write("notes.txt", "hello"), UNErrorCodeAttachmentUnrecognizedType, "\"notes.txt\""},
+      {dir.write("image", png), UNErrorCodeAttachmentUnrecognizedType, "\"image\""},
+      {dir.write("empty.jpg", ""), UNErrorCodeAttachmentInvalidFileSize, "is empty"},
+      {sizedFile(dir, "big.png", png, 10 * 1024 * 1024 + 1), UNErrorCodeAttachmentInvalidFileSize,
+       "over the limit of 10485760 bytes for images"},
+      {sizedFile(dir, "big.wav", "RIFF\0\0\0\0WAVE"sv, 5 * 1024 * 1024 + 1),
        UNErrorCodeAttachmentInvalidFileSize, "for audio"},
-      {"a movie over 50 MB",
-       sizedFile(dir, "big.mp4",
-                 "\0\0\0\x18"
-                 "ftypisom"sv,
-                 50 * 1024 * 1024 + 1),
+      {sizedFile(dir, "big.mp4", "\0\0\0\030ftypisom"sv, 50 * 1024 * 1024 + 1),
        UNErrorCodeAttachmentInvalidFileSize, "for movies"},
-      {"a 404 page saved as x.png",
-       dir.write("x.png", "<!DOCTYPE html><html><body><h1>404 Not Found</h1></body></html>"),
+      {dir.write("x.png", "<!DOCTYPE html><html><body><h1>404 Not Found</h1></body></html>"),
        UNErrorCodeAttachmentCorrupt, dir.file("x.png") + " does not begin as a public.png"},
-      {"a JPEG named .gif", dir.write("photo.gif", "\xff\xd8\xff\xe0 JFIF"),
-       UNErrorCodeAttachmentCorrupt, "com.compuserve.gif"},
-      {"a WAV named .avi", dir.write("clip.avi", "RIFF\0\0\0\0WAVEfmt "sv),
-       UNErrorCodeAttachmentCorrupt, "public.avi"},
-      {"AAC frames named .mp3", dir.write("song.mp3", "\xff\xf1\x50\x80\x00\x1f\xfc"sv),
-       UNErrorCodeAttachmentCorrupt, "public.mp3"},
-      {"a web URL", "https://media.example/sample.png", UNErrorCodeAttachmentInvalidURL,
-       "is not a file URL"},
+      {dir.write("photo.gif", "\xff\xd8\xff\xe0 JFIF"), UNErrorCodeAttachmentCorrupt,
+       "com.compuserve.gif"},  // a JPEG
+      {dir.write("clip.avi", "RIFF\0\0\0\0WAVEfmt "sv), UNErrorCodeAttachmentCorrupt,
+       "public.avi"},  // a WAV
+      {dir.write("song.mp3", "\xff\xf1\x50\x80\x00\x1f\xfc"sv), UNErrorCodeAttachmentCorrupt,
+       "public.mp3"},  // AAC frames
+      {"https://media.example/sample.png", UNErrorCodeAttachmentInvalidURL, "is not a file URL"},
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(c.path);
     ErrorPtr error;
-    EXPECT_FALSE(attach(c.path, &error)) << c.what;
-    ASSERT_TRUE(error) << c.what;
-    EXPECT_EQ(error->domain(), UNErrorDomain) << c.what;
-    EXPECT_EQ(error->code(), c.code) << c.what << ": " << error->localizedDescription();
+    EXPECT_FALSE(attach(c.path, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), UNErrorDomain);
+    EXPECT_EQ(error->code(), c.code) << error->localizedDescription();
     EXPECT_NE(error->localizedDescription().find(c.described), std::string::npos)
-        << c.what << ": " << error->localizedDescription();
-    ASSERT_TRUE(error->url()) << c.what;
-    EXPECT_EQ(error->url()->absoluteString(), fileURLOr(c.path).absoluteString()) << c.what;
+        << error->localizedDescription();
+    ASSERT_TRUE(error->url());
+    EXPECT_EQ(error->url()->absoluteString(), fileURLOr(c.path).absoluteString());
   }
 }
 
