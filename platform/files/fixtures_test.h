@@ -1,7 +1,6 @@
-// Test fixtures shared by every subsystem's tests. They use std::filesystem, not
-// FileManager, so they keep working while a test has installed a failing FileManager.
-// Inside `namespace pnx`, name GoogleTest's namespace `::testing`. Build and destroy them
-// on the test's main thread.
+// Test fixtures shared by every subsystem's tests. They use std::filesystem, not FileManager,
+// so they work while a test has installed a failing one. Inside `namespace pnx`, name
+// GoogleTest's namespace `::testing`. Build and destroy them on the test's main thread.
 #pragma once
 
 #include <stdlib.h>
@@ -21,8 +20,7 @@
 
 namespace pnx::testing {
 
-// A fresh directory under $TMPDIR (or /tmp), removed with everything in it at the end,
-// read-only directories included.
+// A fresh directory under $TMPDIR (or /tmp), removed whole at the end, read-only parts too.
 class TempDir {
  public:
   TempDir() {
@@ -89,15 +87,12 @@ class ScopedDevice {
     Device::setDirectory(deviceWasDefault_ ? std::string() : previousDevice_);
     Bundle::setMain(previousBundle_);
   }
-  ScopedDevice(const ScopedDevice&) = delete;
-  ScopedDevice& operator=(const ScopedDevice&) = delete;
 
   std::string deviceDirectory() const { return root_.file("device"); }
   std::string bundleDirectory() const { return root_.file("Bundle.app"); }
   TempDir& root() { return root_; }
 
-  // Writes a bundle file and names the bundle main again, so that a replaced Info.plist is
-  // read anew. Returns the file's full path.
+  // Writes a bundle file (returning its path) and names the bundle main again: reads it anew.
   std::string writeBundleFile(std::string_view relativePath, std::string_view text) {
     std::string full = root_.write("Bundle.app/" + std::string(relativePath), text);
     Bundle::setMain(bundleDirectory());
