@@ -31,10 +31,14 @@ FileAttributes permissions(mode_t mode) {
   return attributes;
 }
 
+// Each test runs under umask 077 unless it sets another; the previous one comes back after.
 class FileManagerTest : public ::testing::Test {
  protected:
+  ~FileManagerTest() override { umask(previousMask_); }
+
   FileManager& files = *FileManager::posix();
   TempDir dir;
+  const mode_t previousMask_ = umask(077);
 };
 
 TEST(PathTest, ComponentOperations) {
@@ -51,7 +55,7 @@ TEST(PathTest, ComponentOperations) {
   EXPECT_EQ(pathByDeletingLastComponent("a"), "");
 }
 
-TEST_F(FileManagerTest, MovesAndCopiesNeverOverwrite) {
+TEST_F(FileManagerTest, MovesAndCopiesNeverOverwriteAndMissingItemsReportNoSuchFileWithTheirPath) {
   std::string a = dir.write("a.db", "old"), b = dir.write("Library/a.db", "new");
   for (bool move : {true, false}) {
     ErrorPtr error;
@@ -73,18 +77,14 @@ TEST_F(FileManagerTest, MovesAndCopiesNeverOverwrite) {
   EXPECT_TRUE(files.moveItem(a, dir.file("moved.db"), &error));
   EXPECT_FALSE(files.fileExists(a));
   EXPECT_EQ(dir.read("moved.db"), "old");
-}
 
-// Property lists read through the file manager keep its errors, and their own.
-TEST_F(FileManagerTest, MissingItemsReportNoSuchFileWithTheirPath) {
-  const std::string missing = dir.file("PNX.log");
-  ErrorPtr error;
+  const std::string& missing = a;
   EXPECT_FALSE(files.contentsOfFile(missing, &error));
   ASSERT_TRUE(error);
   EXPECT_EQ(error->localizedDescription(),
-            "The file \u201cPNX.log\u201d couldn\u2019t be opened because there is no such file.");
+            "The file \u201ca.db\u201d couldn\u2019t be opened because there is no such file.");
   EXPECT_EQ(error->underlyingError()->domain(), NSPOSIXErrorDomain);
-
+  // Property lists read through the file manager keep its errors, and their own.
   const std::function<bool(ErrorPtr*)> reads[] = {
       [&](ErrorPtr* e) { return !!files.contentsOfFile(missing, e); },
       [&](ErrorPtr* e) { return !!files.fileHandleForUpdating(missing, e); },
@@ -101,20 +101,10 @@ TEST_F(FileManagerTest, MissingItemsReportNoSuchFileWithTheirPath) {
   EXPECT_EQ(error->code(), 3840);
 }
 
-// Sets the process's umask for the lifetime of the object.
-class ScopedUmask {
- public:
-  explicit ScopedUmask(mode_t mask) : previous_(umask(mask)) {}
-  ~ScopedUmask() { umask(previous_); }
-
- private:
-  mode_t previous_;
-};
-
 // Items are born with their final modes: no chmod (an inotify attribute event) follows,
 // and the modes are exact whatever the umask, on every new level.
 TEST_F(FileManagerTest, CreatesItemsWithTheirFinalPermissionsAndAttributes) {
-  ScopedUmask mask(022);
+  umask(022);
   int events = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   ASSERT_GE(inotify_add_watch(events, dir.path().c_str(), IN_ATTRIB), 0);
   ErrorPtr error;
@@ -134,7 +124,7 @@ TEST_F(FileManagerTest, CreatesItemsWithTheirFinalPermissionsAndAttributes) {
   std::sort(names.begin(), names.end());
   EXPECT_EQ(names, (std::vector<std::string>{"private", "secret"}));
 
-  ScopedUmask strict(077);
+  umask(077);
   FileAttributes attributes = permissions(0750);
   attributes.protection = NSFileProtectionNone;
   ASSERT_TRUE(files.createDirectory(dir.file("a/b"), true, attributes, &error));
@@ -165,7 +155,6 @@ TEST_F(FileManagerTest, CreatesItemsWithTheirFinalPermissionsAndAttributes) {
 // Open-or-create leaves an existing file's mode as it is. Links (dangling too) are refused
 // and left as they are; appending refuses directories and FIFOs too.
 TEST_F(FileManagerTest, OpeningCanCreateAndRefusesLinks) {
-  ScopedUmask mask(077);
   ErrorPtr error;
   ASSERT_TRUE(files.fileHandleForAppending(dir.file("live.log"), permissions(0640), &error))
       << error->description();

@@ -9,8 +9,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -41,18 +41,15 @@ class TempDir {
   std::string write(std::string_view relativePath, std::string_view text) const {
     std::string full = file(relativePath);
     std::filesystem::create_directories(std::filesystem::path(full).parent_path());
-    std::ofstream out(full, std::ios::binary | std::ios::trunc);
-    out.write(text.data(), static_cast<std::streamsize>(text.size()));
-    if (!out) throw std::runtime_error("could not write " + full);
+    std::ofstream out(full, std::ios::binary);
+    if (!(out << text)) throw std::runtime_error("could not write " + full);
     return full;
   }
 
   // The whole contents of <path>/<relativePath> (empty when it can't be read).
   std::string read(std::string_view relativePath) const {
     std::ifstream in(file(relativePath), std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(in), {}};
   }
 
  private:
