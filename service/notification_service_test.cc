@@ -1,5 +1,4 @@
-// The notification service and its parts. It runs in one process: a real center on a temporary
-// device, an HTTP server on 127.0.0.1 for the media, the settable clock for the expiry.
+// The notification service and its parts in one process: a temporary device, a local media server.
 #include "service/notification_service.h"
 
 #include <httplib.h>
@@ -165,7 +164,8 @@ TEST_F(NotificationServiceTest, RegistersThePayloadsCategoryInPlaceOfOneOfTheSam
   EXPECT_TRUE(equalCategorySets(registered(), expected));
 }
 
-TEST_F(NotificationServiceTest, ADownloadIsAttachedAndMovedWhenShownOrGoesBackWithoutMedia) {
+TEST_F(NotificationServiceTest,
+       ADownloadIsAttachedOrGoesBackWithoutMediaAndTheExpiryHandsBackWhatThereIs) {
   MediaServer server;
   ExtensionOutcome outcome = serve(mediaRequest(server.url("cat.png?size=2")));
   ASSERT_EQ(outcome.handBacks.size(), 2u);  // the finish, then the completion
@@ -177,22 +177,19 @@ TEST_F(NotificationServiceTest, ADownloadIsAttachedAndMovedWhenShownOrGoesBackWi
   EXPECT_TRUE(consoleHas("PNXNotificationService: didCompleteWithError: (null)"));
 
   struct Case {
-    const char* name;
     std::string url;
     bool fetched;  // a file URL is never read: only the completion, with an error, comes back
     const char* message;
   };
-  for (const Case& c :
-       {Case{"no extension", server.url("noext"), true, "Attachment Error: "},
-        Case{"escape", server.url("..%2F..%2Fescape.png"), true, "Copy Error: "},
-        Case{"file URL", "file:///etc/hostname", false, "didCompleteWithError: "}}) {
-    SCOPED_TRACE(c.name);
+  for (const Case& c : {Case{server.url("noext"), true, "Attachment Error: "},
+                        Case{server.url("..%2F..%2Fescape.png"), true, "Copy Error: "},
+                        Case{"file:///etc/hostname", false, "didCompleteWithError: "}}) {
+    SCOPED_TRACE(c.url);
     log_.clear();
     outcome = serve(mediaRequest(c.url));
     ASSERT_EQ(outcome.handBacks.size(), c.fetched ? 2u : 1u);
-    for (const auto& content : outcome.handBacks) {
-      EXPECT_TRUE(content->attachments().empty());
-    }
+    EXPECT_TRUE(std::ranges::all_of(outcome.handBacks,
+                                    [](auto& content) { return content->attachments().empty(); }));
     EXPECT_TRUE(consoleHas(c.message));
     EXPECT_EQ(consoleHas("didFinishDownloadingToURL"), c.fetched);
     EXPECT_EQ(consoleHas("didCompleteWithError: (null)"), c.fetched);
@@ -200,11 +197,10 @@ TEST_F(NotificationServiceTest, ADownloadIsAttachedAndMovedWhenShownOrGoesBackWi
   EXPECT_FALSE(std::filesystem::exists(Container::temporaryDirectory() + "/hostname"));
   EXPECT_FALSE(std::filesystem::exists(Container::temporaryDirectory() + "/../escape.png"));
   EXPECT_FALSE(std::filesystem::exists(Container::root() + "/../escape.png"));
-}
 
-// An action that cannot be encoded stops the flow, so only the expiry hands back; during a
-// download, the finish and the completion hand back again after the expiry.
-TEST_F(NotificationServiceTest, TheExpiryHandsBackWhatThereIs) {
+  // An action that cannot be encoded stops the flow, so only the expiry hands back; during a
+  // download, the finish and the completion hand back again after the expiry.
+  log_.clear();
   Clock::set(Date::fromReferenceDate(800000000));
   // Once the flow has stopped, the clock moves past the budget: no real waiting.
   std::thread clockMover([this] {
@@ -212,8 +208,7 @@ TEST_F(NotificationServiceTest, TheExpiryHandsBackWhatThereIs) {
     while (PNXNotificationService::outstandingWork() != 0) std::this_thread::sleep_for(1ms);
     Clock::advance(31);
   });
-  ExtensionOutcome outcome =
-      serve(requestFor(json(R"({"aps": {"mutable-content": 1}, "category-name": "c",
+  outcome = serve(requestFor(json(R"({"aps": {"mutable-content": 1}, "category-name": "c",
                           "category-actions": [{"name": "fine"}, "not a dictionary"],
                           "media-attachment": "http://127.0.0.1:9/never.png"})")));
   clockMover.join();
@@ -225,14 +220,12 @@ TEST_F(NotificationServiceTest, TheExpiryHandsBackWhatThereIs) {
   EXPECT_TRUE(registered().empty());
 
   log_.clear();
-  MediaServer server;
   server.onSlow = [this] {
     Clock::advance(31);  // past the budget while the download is held
     while (!consoleHas("Service time expired!")) std::this_thread::sleep_for(1ms);
   };
-  ExtensionRunOptions options;
-  options.grace = 10s;  // ends as soon as nothing is in flight
-  outcome = serve(mediaRequest(server.url("slow.png")), options);
+  // A long grace: the run ends as soon as nothing is in flight.
+  outcome = serve(mediaRequest(server.url("slow.png")), ExtensionRunOptions{.grace = 10s});
   EXPECT_TRUE(outcome.expired);
   ASSERT_EQ(outcome.handBacks.size(), 3u);  // expiry, finish, completion
   EXPECT_TRUE(outcome.handBacks[0]->attachments().empty());
@@ -279,9 +272,8 @@ TEST(ExtensionHost, WaitsOutABudgetTooLongToCountAndRethrowsTheExtensionsExcepti
   const auto request = requestFor(json(R"({"aps": {"mutable-content": 1}})"));
   for (double budget : {std::numeric_limits<double>::infinity(), 1e300, 1e12}) {
     auto extension = std::make_shared<MainQueueExtension>(false);
-    ExtensionRunOptions options;
-    options.timeBudget = budget;
-    ExtensionOutcome outcome = ExtensionHost::deliver(request, extension, options);
+    ExtensionOutcome outcome =
+        ExtensionHost::deliver(request, extension, ExtensionRunOptions{.timeBudget = budget});
     EXPECT_FALSE(outcome.expired) << budget;
     EXPECT_EQ(outcome.handBacks.size(), 1u) << budget;
     EXPECT_EQ(extension->expiries.load(), 0) << budget;
