@@ -96,11 +96,12 @@ class ScopedDevice {
     return full;
   }
 
-  // An XML Info.plist naming only the bundle identifier.
-  static std::string infoPlist(std::string_view bundleIdentifier) {
+  // An XML Info.plist naming the bundle identifier, then any other entries.
+  static std::string infoPlist(std::string_view bundleIdentifier, std::string_view entries = "") {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
            "  <key>CFBundleIdentifier</key>\n  <string>" +
-           std::string(bundleIdentifier) + "</string>\n</dict>\n</plist>\n";
+           std::string(bundleIdentifier) + "</string>\n" + std::string(entries) +
+           "</dict>\n</plist>\n";
   }
 
  private:
