@@ -12,8 +12,7 @@ namespace {
 TEST(UTF8Test, AcceptsOnlyWellFormedSequencesCountsUTF16UnitsAndCodesOneCodePoint) {
   EXPECT_TRUE(isValidUTF8(""));
   EXPECT_TRUE(isValidUTF8("plain ascii é 世 😀 \xf4\x8f\xbf\xbf"));  // up to U+10FFFF
-  // Cut short (twice), a continuation without a lead, overlong (twice), a surrogate, beyond
-  // U+10FFFF, a byte never used.
+  // Cut short, a lone continuation, overlong, a surrogate, past U+10FFFF, a byte never used.
   for (const char* bad : {"\xc3", "\xe4\xb8", "\x80", "\xc0\x80", "\xe0\x80\x80", "\xed\xa0\x80",
                           "\xf4\x90\x80\x80", "\xff"}) {
     EXPECT_FALSE(isValidUTF8(bad)) << bad;
