@@ -1,11 +1,11 @@
-// The notification service in one process: a real center on a temporary device, an HTTP server
-// on 127.0.0.1 for the media, the settable clock for the expiry; no delivery reporting.
+// The notification service and its parts in one process: a temporary device, a local media server.
 #include "service/notification_service.h"
 
 #include <httplib.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -20,6 +20,8 @@
 #include "platform/foundation/json.h"
 #include "platform/foundation/uuid.h"
 #include "platform/notifications/notification_center.h"
+#include "service/download_file_name.h"
+#include "service/dynamic_category.h"
 #include "service/extension_host.h"
 
 namespace pnx {
@@ -27,8 +29,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Serves /media/NAME: the sample PNG under any name; for names starting with "slow" it runs
-// onSlow first, holding the download while that runs.
+// Serves the sample PNG as /media/NAME; for a NAME starting "slow", only once onSlow returns.
 class MediaServer {
  public:
   MediaServer() {
@@ -61,16 +62,13 @@ class MediaServer {
 };
 
 Value json(std::string_view text) {
-  auto value = JSON::parse(text);
-  EXPECT_TRUE(value) << text;
-  return value.value_or(Value());
+  return JSON::parse(text).value();  // a typo throws, failing the test
 }
 
 NotificationRequestPtr requestFor(const Value& payload) {
   return ExtensionHost::requestFromPayload("REQ-1", payload);
 }
 
-// The service run by the host on a request, as the system runs it.
 ExtensionOutcome serve(const NotificationRequestPtr& request, ExtensionRunOptions options = {}) {
   return ExtensionHost::deliver(request, PNXNotificationService::make(), options);
 }
@@ -86,10 +84,8 @@ class NotificationServiceTest : public ::testing::Test {
   void TearDown() override { Clock::useSystemClock(); }
 
   bool consoleHas(std::string_view text) {
-    for (const auto& line : log_.consoleLines()) {
-      if (line.find(text) != std::string::npos) return true;
-    }
-    return false;
+    return std::ranges::any_of(log_.consoleLines(),
+                               [&](auto& line) { return line.find(text) != line.npos; });
   }
   NotificationCategorySet registered() { return center_->registeredCategories().value(); }
 
@@ -168,7 +164,8 @@ TEST_F(NotificationServiceTest, RegistersThePayloadsCategoryInPlaceOfOneOfTheSam
   EXPECT_TRUE(equalCategorySets(registered(), expected));
 }
 
-TEST_F(NotificationServiceTest, ADownloadIsAttachedAndMovedWhenShownOrGoesBackWithoutMedia) {
+TEST_F(NotificationServiceTest,
+       ADownloadIsAttachedOrGoesBackWithoutMediaAndTheExpiryHandsBackWhatThereIs) {
   MediaServer server;
   ExtensionOutcome outcome = serve(mediaRequest(server.url("cat.png?size=2")));
   ASSERT_EQ(outcome.handBacks.size(), 2u);  // the finish, then the completion
@@ -180,22 +177,19 @@ TEST_F(NotificationServiceTest, ADownloadIsAttachedAndMovedWhenShownOrGoesBackWi
   EXPECT_TRUE(consoleHas("PNXNotificationService: didCompleteWithError: (null)"));
 
   struct Case {
-    const char* name;
     std::string url;
     bool fetched;  // a file URL is never read: only the completion, with an error, comes back
     const char* message;
   };
-  for (const Case& c :
-       {Case{"no extension", server.url("noext"), true, "Attachment Error: "},
-        Case{"escape", server.url("..%2F..%2Fescape.png"), true, "Copy Error: "},
-        Case{"file URL", "file:///etc/hostname", false, "didCompleteWithError: "}}) {
-    SCOPED_TRACE(c.name);
+  for (const Case& c : {Case{server.url("noext"), true, "Attachment Error: "},
+                        Case{server.url("..%2F..%2Fescape.png"), true, "Copy Error: "},
+                        Case{"file:///etc/hostname", false, "didCompleteWithError: "}}) {
+    SCOPED_TRACE(c.url);
     log_.clear();
     outcome = serve(mediaRequest(c.url));
     ASSERT_EQ(outcome.handBacks.size(), c.fetched ? 2u : 1u);
-    for (const auto& content : outcome.handBacks) {
-      EXPECT_TRUE(content->attachments().empty());
-    }
+    EXPECT_TRUE(std::ranges::all_of(outcome.handBacks,
+                                    [](auto& content) { return content->attachments().empty(); }));
     EXPECT_TRUE(consoleHas(c.message));
     EXPECT_EQ(consoleHas("didFinishDownloadingToURL"), c.fetched);
     EXPECT_EQ(consoleHas("didCompleteWithError: (null)"), c.fetched);
@@ -203,11 +197,10 @@ TEST_F(NotificationServiceTest, ADownloadIsAttachedAndMovedWhenShownOrGoesBackWi
   EXPECT_FALSE(std::filesystem::exists(Container::temporaryDirectory() + "/hostname"));
   EXPECT_FALSE(std::filesystem::exists(Container::temporaryDirectory() + "/../escape.png"));
   EXPECT_FALSE(std::filesystem::exists(Container::root() + "/../escape.png"));
-}
 
-// An action that cannot be encoded stops the flow, so only the expiry hands back; during a
-// download, the finish and the completion hand back again after the expiry.
-TEST_F(NotificationServiceTest, TheExpiryHandsBackWhatThereIs) {
+  // An action that cannot be encoded stops the flow, so only the expiry hands back; during a
+  // download, the finish and the completion hand back again after the expiry.
+  log_.clear();
   Clock::set(Date::fromReferenceDate(800000000));
   // Once the flow has stopped, the clock moves past the budget: no real waiting.
   std::thread clockMover([this] {
@@ -215,8 +208,7 @@ TEST_F(NotificationServiceTest, TheExpiryHandsBackWhatThereIs) {
     while (PNXNotificationService::outstandingWork() != 0) std::this_thread::sleep_for(1ms);
     Clock::advance(31);
   });
-  ExtensionOutcome outcome =
-      serve(requestFor(json(R"({"aps": {"mutable-content": 1}, "category-name": "c",
+  outcome = serve(requestFor(json(R"({"aps": {"mutable-content": 1}, "category-name": "c",
                           "category-actions": [{"name": "fine"}, "not a dictionary"],
                           "media-attachment": "http://127.0.0.1:9/never.png"})")));
   clockMover.join();
@@ -228,14 +220,12 @@ TEST_F(NotificationServiceTest, TheExpiryHandsBackWhatThereIs) {
   EXPECT_TRUE(registered().empty());
 
   log_.clear();
-  MediaServer server;
   server.onSlow = [this] {
     Clock::advance(31);  // past the budget while the download is held
     while (!consoleHas("Service time expired!")) std::this_thread::sleep_for(1ms);
   };
-  ExtensionRunOptions options;
-  options.grace = 10s;  // ends as soon as nothing is in flight
-  outcome = serve(mediaRequest(server.url("slow.png")), options);
+  // A long grace: the run ends as soon as nothing is in flight.
+  outcome = serve(mediaRequest(server.url("slow.png")), ExtensionRunOptions{.grace = 10s});
   EXPECT_TRUE(outcome.expired);
   ASSERT_EQ(outcome.handBacks.size(), 3u);  // expiry, finish, completion
   EXPECT_TRUE(outcome.handBacks[0]->attachments().empty());
@@ -282,15 +272,93 @@ TEST(ExtensionHost, WaitsOutABudgetTooLongToCountAndRethrowsTheExtensionsExcepti
   const auto request = requestFor(json(R"({"aps": {"mutable-content": 1}})"));
   for (double budget : {std::numeric_limits<double>::infinity(), 1e300, 1e12}) {
     auto extension = std::make_shared<MainQueueExtension>(false);
-    ExtensionRunOptions options;
-    options.timeBudget = budget;
-    ExtensionOutcome outcome = ExtensionHost::deliver(request, extension, options);
+    ExtensionOutcome outcome =
+        ExtensionHost::deliver(request, extension, ExtensionRunOptions{.timeBudget = budget});
     EXPECT_FALSE(outcome.expired) << budget;
     EXPECT_EQ(outcome.handBacks.size(), 1u) << budget;
     EXPECT_EQ(extension->expiries.load(), 0) << budget;
   }
   EXPECT_THROW(ExtensionHost::deliver(request, std::make_shared<MainQueueExtension>(true)),
                Exception);
+}
+
+TEST(DynamicCategory, RequestedByAnArrayOfActionsNamedAfterThePayloadAndActionsReadFromIt) {
+  // The service tests above request with an empty array and refuse a dictionary or nothing.
+  EXPECT_FALSE(DynamicCategory::isRequested(json(R"({"category-actions": null})")));
+  // Any value under "watch" counts, false ones too; a "data" that is not a dictionary never does.
+  for (const char* watch : {R"("yes")", "false", R"("")", "null", "{}"}) {
+    auto payload =
+        json(std::string(R"({"category-name": "promo", "data": {"watch": )") + watch + "}}");
+    EXPECT_EQ(DynamicCategory::identifier(payload, "w"), "w") << watch;
+  }
+  EXPECT_EQ(DynamicCategory::identifier(json(R"({"category-name": "p", "data": ["watch"]})"), "w"),
+            "p");
+  EXPECT_EQ(DynamicCategory::identifier(json(R"({"category-name": 7})"), "w"), "7");
+
+  std::string first = DynamicCategory::identifier(json("{}"), "w");
+  std::string second = DynamicCategory::identifier(json(R"({"category-name": null})"), "w");
+  EXPECT_TRUE(UUID::parse(first));
+  EXPECT_EQ(first, UUID::parse(first)->string());  // canonical upper-case form
+  EXPECT_NE(first, second);
+
+  EXPECT_EQ(DynamicCategory::userInfoWithCategory(
+                json(R"({"aps": {"alert": "hi", "category": "old"}, "x": 1})"), "new"),
+            json(R"({"aps": {"alert": "hi", "category": "new"}, "x": 1})"));
+  for (const char* unchanged : {R"({"x": 1})", R"({"aps": "text"})"}) {
+    EXPECT_EQ(DynamicCategory::userInfoWithCategory(json(unchanged), "new"), json(unchanged));
+  }
+
+  // The four foreground types take exactly foreground, whatever the flags say.
+  for (const char* type : {"rich", "dial", "url", "openApp"}) {
+    Value action = Value::dict({{"type", type}, {"destructive", true}, {"authentication", true}});
+    EXPECT_EQ(DynamicCategory::actionOptions(action), kActionOptionForeground) << type;
+  }
+  // Type names are case-sensitive; flags are read as booleans, and what is not one as no.
+  const std::pair<const char*, std::int64_t> flags[] = {
+      {R"({"type": "URL", "destructive": true})", kActionOptionDestructive},
+      {R"({"destructive": true, "authentication": true, "foreground": false})", 3},
+      {R"({"destructive": 0, "authentication": {}, "foreground": 2})", kActionOptionForeground},
+      {"{}", 0}};
+  for (const auto& [action, options] : flags) {
+    EXPECT_EQ(DynamicCategory::actionOptions(json(action)), options) << action;
+  }
+
+  const std::tuple<const char*, std::optional<std::string>, std::optional<std::string>> values[] = {
+      {R"({"textEntryTitle": "Send", "textEntryPlaceholder": "Say"})", "Send", "Say"},
+      {R"({"textEntryPlaceholder": "Say"})", std::nullopt, std::nullopt},
+      {R"("Send")", std::nullopt, std::nullopt},
+      {"3", std::nullopt, std::nullopt}};
+  for (const auto& [value, title, placeholder] : values) {
+    auto read = DynamicCategory::action(
+        json(std::string(R"({"name": "R", "value": )") + value + "}"), nullptr);
+    ASSERT_TRUE(read) << value;
+    EXPECT_EQ(read->textInputButtonTitle, title) << value;
+    EXPECT_EQ(read->textInputPlaceholder, placeholder) << value;
+  }
+
+  for (const Value& refused : {Value("open"), Value(5), Value::dict({{"when", Date()}})}) {
+    ErrorPtr error;
+    EXPECT_FALSE(DynamicCategory::action(refused, &error)) << refused;
+    ASSERT_TRUE(error);
+    EXPECT_FALSE(error->localizedDescription().empty());
+  }
+}
+
+TEST(DownloadFileName, LastPathComponentWithoutQueryOrFragmentAndNothingThatLeavesTheDirectory) {
+  EXPECT_EQ(downloadFileName(*URL::parse("https://cdn.example/media/cat.png?size=2#top"), nullptr),
+            "cat.png");
+  for (const char* text :
+       {"https://cdn.example", "https://cdn.example/", "https://cdn.example/a/%2E%2E",
+        "https://cdn.example/a/..%2Fetc", "https://cdn.example/a/x%2fy.png",
+        "https://cdn.example/a/nul%00.png", "https://cdn.example/a/%2e"}) {
+    auto url = URL::parse(text);
+    ASSERT_TRUE(url) << text;
+    ErrorPtr error;
+    EXPECT_FALSE(downloadFileName(*url, &error)) << text;
+    ASSERT_TRUE(error) << text;
+    EXPECT_EQ(error->code(), NSFileWriteInvalidFileNameError);
+    EXPECT_NE(error->localizedDescription().find("cannot be used"), std::string::npos);
+  }
 }
 
 }  // namespace

@@ -11,7 +11,9 @@
 #include <filesystem>
 #include <functional>
 
+#include "platform/files/bundle.h"
 #include "platform/files/fixtures_test.h"
+#include "platform/foundation/plist.h"
 
 namespace pnx {
 namespace {
@@ -29,10 +31,14 @@ FileAttributes permissions(mode_t mode) {
   return attributes;
 }
 
+// Each test runs under umask 077 unless it sets another; the previous one comes back after.
 class FileManagerTest : public ::testing::Test {
  protected:
+  ~FileManagerTest() override { umask(previousMask_); }
+
   FileManager& files = *FileManager::posix();
   TempDir dir;
+  const mode_t previousMask_ = umask(077);
 };
 
 TEST(PathTest, ComponentOperations) {
@@ -49,7 +55,7 @@ TEST(PathTest, ComponentOperations) {
   EXPECT_EQ(pathByDeletingLastComponent("a"), "");
 }
 
-TEST_F(FileManagerTest, MovesAndCopiesNeverOverwrite) {
+TEST_F(FileManagerTest, MovesAndCopiesNeverOverwriteAndMissingItemsReportNoSuchFileWithTheirPath) {
   std::string a = dir.write("a.db", "old"), b = dir.write("Library/a.db", "new");
   for (bool move : {true, false}) {
     ErrorPtr error;
@@ -69,50 +75,34 @@ TEST_F(FileManagerTest, MovesAndCopiesNeverOverwrite) {
   }
   ErrorPtr error;
   EXPECT_TRUE(files.moveItem(a, dir.file("moved.db"), &error));
-  EXPECT_FALSE(files.fileExists(a));
   EXPECT_EQ(dir.read("moved.db"), "old");
-}
 
-// Property lists read through the file manager keep its errors, and their own.
-TEST_F(FileManagerTest, MissingItemsReportNoSuchFileWithTheirPath) {
-  const std::string missing = dir.file("PNX.log");
-  ErrorPtr error;
-  EXPECT_FALSE(files.contentsOfFile(missing, &error));
+  EXPECT_FALSE(files.contentsOfFile(a, &error));
   ASSERT_TRUE(error);
   EXPECT_EQ(error->localizedDescription(),
-            "The file \u201cPNX.log\u201d couldn\u2019t be opened because there is no such file.");
+            "The file \u201ca.db\u201d couldn\u2019t be opened because there is no such file.");
   EXPECT_EQ(error->underlyingError()->domain(), NSPOSIXErrorDomain);
-
+  // Property lists read through the file manager keep its errors, and their own.
   const std::function<bool(ErrorPtr*)> reads[] = {
-      [&](ErrorPtr* e) { return !!files.contentsOfFile(missing, e); },
-      [&](ErrorPtr* e) { return !!files.fileHandleForUpdating(missing, e); },
-      [&](ErrorPtr* e) { return files.removeItem(missing, e); },
-      [&](ErrorPtr* e) { return !!propertyListWithContentsOfFile(missing, e); }};
+      [&](ErrorPtr* e) { return !!files.contentsOfFile(a, e); },
+      [&](ErrorPtr* e) { return !!files.fileHandleForUpdating(a, e); },
+      [&](ErrorPtr* e) { return files.removeItem(a, e); },
+      [&](ErrorPtr* e) { return !!propertyListWithContentsOfFile(a, e); }};
   for (const auto& read : reads) {
     error.reset();
     EXPECT_FALSE(read(&error));
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code(), NSFileNoSuchFileError);
-    EXPECT_EQ(error->userInfo()[NSFilePathErrorKey], Value(missing));
+    EXPECT_EQ(error->userInfo()[NSFilePathErrorKey], Value(a));
   }
   EXPECT_FALSE(propertyListWithContentsOfFile(dir.write("Broken.plist", "<plist><dict>"), &error));
   EXPECT_EQ(error->code(), 3840);
 }
 
-// Sets the process's umask for the lifetime of the object.
-class ScopedUmask {
- public:
-  explicit ScopedUmask(mode_t mask) : previous_(umask(mask)) {}
-  ~ScopedUmask() { umask(previous_); }
-
- private:
-  mode_t previous_;
-};
-
 // Items are born with their final modes: no chmod (an inotify attribute event) follows,
 // and the modes are exact whatever the umask, on every new level.
 TEST_F(FileManagerTest, CreatesItemsWithTheirFinalPermissionsAndAttributes) {
-  ScopedUmask mask(022);
+  umask(022);
   int events = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   ASSERT_GE(inotify_add_watch(events, dir.path().c_str(), IN_ATTRIB), 0);
   ErrorPtr error;
@@ -132,7 +122,7 @@ TEST_F(FileManagerTest, CreatesItemsWithTheirFinalPermissionsAndAttributes) {
   std::sort(names.begin(), names.end());
   EXPECT_EQ(names, (std::vector<std::string>{"private", "secret"}));
 
-  ScopedUmask strict(077);
+  umask(077);
   FileAttributes attributes = permissions(0750);
   attributes.protection = NSFileProtectionNone;
   ASSERT_TRUE(files.createDirectory(dir.file("a/b"), true, attributes, &error));
@@ -163,7 +153,6 @@ TEST_F(FileManagerTest, CreatesItemsWithTheirFinalPermissionsAndAttributes) {
 // Open-or-create leaves an existing file's mode as it is. Links (dangling too) are refused
 // and left as they are; appending refuses directories and FIFOs too.
 TEST_F(FileManagerTest, OpeningCanCreateAndRefusesLinks) {
-  ScopedUmask mask(077);
   ErrorPtr error;
   ASSERT_TRUE(files.fileHandleForAppending(dir.file("live.log"), permissions(0640), &error))
       << error->description();
@@ -194,6 +183,61 @@ TEST_F(FileManagerTest, OpeningCanCreateAndRefusesLinks) {
         << error->localizedDescription();
   }
   EXPECT_FALSE(std::filesystem::exists(dir.file("nowhere")));
+}
+
+// Reads fail with the file manager's error; everything else forwards.
+class UnreadableFiles : public FileManagerWrapper {
+ public:
+  using FileManagerWrapper::FileManagerWrapper;
+  std::optional<Data> contentsOfFile(const std::string& path, ErrorPtr* error) override {
+    ++reads;
+    if (error) *error = Error::withDescription(NSCocoaErrorDomain, 257, "no permission", path);
+    return std::nullopt;
+  }
+  int reads = 0;
+};
+
+// The XML form is read by every test that names a main bundle (ScopedDevice).
+TEST(BundleTest, ReadsABinaryInfoPlistThroughTheFileManagerAnyOtherAsEmptyAndResourcesInside) {
+  TempDir root;
+  Value info = Value::dict({{"CFBundleIdentifier", "com.example.binary"},
+                            {"keychain-access-groups", Value::array({"TEAM.PNX"})}});
+  auto bytes = PropertyList::serialize(info, PropertyList::Format::Binary);
+  ASSERT_TRUE(bytes);
+  root.write("App/Info.plist", std::string(bytes->begin(), bytes->end()));
+  root.write("outside.json", "{}");
+  std::string config = root.write("App/PnxConfig.json", "{}");
+  std::string profile = root.write("App/embedded.mobileprovision", "");
+  root.write("App/Sounds/ping.caf", "");
+  const std::string app = root.file("App");
+  Bundle bundle(app + "/");
+  EXPECT_EQ(bundle.bundlePath(), app);
+  EXPECT_EQ(bundle.infoDictionary(), info);
+  EXPECT_EQ(bundle.objectForInfoDictionaryKey("keychain-access-groups").size(), 1u);
+
+  auto unreadable = std::make_shared<UnreadableFiles>(FileManager::posix());
+  FileManager::setCurrent(unreadable);
+  Bundle unread(app);
+  FileManager::setCurrent(nullptr);
+  EXPECT_EQ(unreadable->reads, 1);
+  EXPECT_EQ(Bundle(app).infoDictionary(), info);  // the default manager is back
+
+  root.write("Broken/Info.plist", "<plist><dict><key>x");
+  root.write("WrongType/Info.plist", "<plist version=\"1.0\"><array/></plist>");
+  for (const Bundle& emptyInfo :
+       {unread, Bundle(root.path()), Bundle(root.file("Broken")), Bundle(root.file("WrongType"))}) {
+    EXPECT_EQ(emptyInfo.infoDictionary(), Value(Dictionary()));
+    EXPECT_FALSE(emptyInfo.bundleIdentifier());
+  }
+
+  EXPECT_EQ(bundle.pathForResource("PnxConfig", "json"), config);
+  EXPECT_EQ(bundle.pathForResource("embedded.mobileprovision", ""), profile);
+  EXPECT_EQ(bundle.pathForResource("Sounds", ""), root.file("App/Sounds"));
+  EXPECT_TRUE(bundle.pathForResource("Sounds/ping", "caf"));
+  EXPECT_FALSE(bundle.pathForResource("PnxConfig", "plist"));
+  EXPECT_FALSE(bundle.pathForResource("../outside", "json"));
+  EXPECT_FALSE(bundle.pathForResource(root.file("outside"), "json"));
+  EXPECT_FALSE(bundle.pathForResource("", ""));
 }
 
 }  // namespace

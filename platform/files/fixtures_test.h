@@ -1,7 +1,6 @@
-// Test fixtures shared by every subsystem's tests. They use std::filesystem, not
-// FileManager, so they keep working while a test has installed a failing FileManager.
-// Inside `namespace pnx`, name GoogleTest's namespace `::testing`. Build and destroy them
-// on the test's main thread.
+// Test fixtures shared by every subsystem's tests. They use std::filesystem, not FileManager,
+// so they work while a test has installed a failing one. Inside `namespace pnx`, name
+// GoogleTest's namespace `::testing`. Build and destroy them on the test's main thread.
 #pragma once
 
 #include <stdlib.h>
@@ -10,8 +9,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -21,8 +20,7 @@
 
 namespace pnx::testing {
 
-// A fresh directory under $TMPDIR (or /tmp), removed with everything in it at the end,
-// read-only directories included.
+// A fresh directory under $TMPDIR (or /tmp), removed whole at the end, read-only parts too.
 class TempDir {
  public:
   TempDir() {
@@ -43,18 +41,15 @@ class TempDir {
   std::string write(std::string_view relativePath, std::string_view text) const {
     std::string full = file(relativePath);
     std::filesystem::create_directories(std::filesystem::path(full).parent_path());
-    std::ofstream out(full, std::ios::binary | std::ios::trunc);
-    out.write(text.data(), static_cast<std::streamsize>(text.size()));
-    if (!out) throw std::runtime_error("could not write " + full);
+    std::ofstream out(full, std::ios::binary);
+    if (!(out << text)) throw std::runtime_error("could not write " + full);
     return full;
   }
 
   // The whole contents of <path>/<relativePath> (empty when it can't be read).
   std::string read(std::string_view relativePath) const {
     std::ifstream in(file(relativePath), std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(in), {}};
   }
 
  private:
@@ -89,26 +84,24 @@ class ScopedDevice {
     Device::setDirectory(deviceWasDefault_ ? std::string() : previousDevice_);
     Bundle::setMain(previousBundle_);
   }
-  ScopedDevice(const ScopedDevice&) = delete;
-  ScopedDevice& operator=(const ScopedDevice&) = delete;
 
   std::string deviceDirectory() const { return root_.file("device"); }
   std::string bundleDirectory() const { return root_.file("Bundle.app"); }
   TempDir& root() { return root_; }
 
-  // Writes a bundle file and names the bundle main again, so that a replaced Info.plist is
-  // read anew. Returns the file's full path.
+  // Writes a bundle file (returning its path) and names the bundle main again: reads it anew.
   std::string writeBundleFile(std::string_view relativePath, std::string_view text) {
     std::string full = root_.write("Bundle.app/" + std::string(relativePath), text);
     Bundle::setMain(bundleDirectory());
     return full;
   }
 
-  // An XML Info.plist naming only the bundle identifier.
-  static std::string infoPlist(std::string_view bundleIdentifier) {
+  // An XML Info.plist naming the bundle identifier, then any other entries.
+  static std::string infoPlist(std::string_view bundleIdentifier, std::string_view entries = "") {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
            "  <key>CFBundleIdentifier</key>\n  <string>" +
-           std::string(bundleIdentifier) + "</string>\n</dict>\n</plist>\n";
+           std::string(bundleIdentifier) + "</string>\n" + std::string(entries) +
+           "</dict>\n</plist>\n";
   }
 
  private:

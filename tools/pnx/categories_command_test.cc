@@ -15,10 +15,15 @@ PnxRun categories(const pnx::testing::ScopedDevice& device) {
       {"--device", device.deviceDirectory(), "--bundle", device.bundleDirectory(), "categories"});
 }
 
-TEST(PnxCategoriesCommand, ListsWhatAnotherProcessRegisteredOrderedByIdentifier) {
+TEST(PnxCategoriesCommand, ListsWhatAnotherProcessRegisteredOrderedByIdentifierOrFailsInOneLine) {
   pnx::testing::ScopedDevice device("com.example.chat");
   EXPECT_EQ(expectPnxJSON(categories(device)), pnx::JSON::parse(R"({"categories": []})"));
   EXPECT_FALSE(std::filesystem::exists(device.deviceDirectory() + "/notifications"));
+  const std::string database = "device/notifications/com.example.chat.db";
+  device.root().write(database, "not a database, just text");
+  expectPnxFailure(categories(device), 1, "cannot read the categories of com.example.chat");
+  EXPECT_EQ(device.root().read(database), "not a database, just text");
+  std::filesystem::remove(device.root().file(database));
 
   auto center = pnx::NotificationCenter::currentNotificationCenter();
   center->setNotificationCategories(
@@ -35,14 +40,6 @@ TEST(PnxCategoriesCommand, ListsWhatAnotherProcessRegisteredOrderedByIdentifier)
       {"identifier": "reply", "options": 1, "intentIdentifiers": [],
        "actions": [{"identifier": "r", "title": "Reply", "options": 4,
                     "textInput": {"buttonTitle": "Send", "placeholder": null}}]}]})"));
-}
-
-TEST(PnxCategoriesCommand, FailsInOneLineWhenTheDatabaseIsNotOne) {
-  pnx::testing::ScopedDevice device("com.example.chat");
-  device.root().write("device/notifications/com.example.chat.db", "not a database, just text");
-  expectPnxFailure(categories(device), 1, "cannot read the categories of com.example.chat");
-  EXPECT_EQ(device.root().read("device/notifications/com.example.chat.db"),
-            "not a database, just text");
 }
 
 }  // namespace
