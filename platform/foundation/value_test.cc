@@ -135,9 +135,8 @@ TEST(ValueTest, DescriptionsAndClassNames) {
   }
 
   Value v = Value::dict({
-      {"b", Value::array({1, Value(), "x y", Value::array({}), Value::dict({{"k", "a/b:c"}})})},
+      {"b", Value::array({1, Value(), "x y", Value::dict({{"k", "a/b:c"}})})},
       {"a", Value(Set{Value("q\"\\\n\t"), Value("")})},
-      {"empty", Value::dict({})},
   });
   EXPECT_EQ(v.description(),
             "{\n"
@@ -149,14 +148,10 @@ TEST(ValueTest, DescriptionsAndClassNames) {
             "        1,\n"
             "        <null>,\n"
             "        \"x y\",\n"
-            "        (\n"
-            "        ),\n"
             "        {\n"
             "            k = a/b:c;\n"
             "        }\n"
             "    );\n"
-            "    empty = {\n"
-            "    };\n"
             "}");
 }
 
