@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace pnx {
 namespace {
 
@@ -55,13 +57,7 @@ TEST(URLTest, ReadsComponentsKeepsTheTextAndMakesFileURLs) {
 }
 
 TEST(URLTest, PathComponentsReadDeletedAndAppendedKeepingQueryAndFragment) {
-  struct Case {
-    const char* given;
-    const char* last;
-    const char* deletingLast;
-    const char* root;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
       {"https://h", "", "https://h/../", "https://h"},
       {"https://h/", "/", "https://h/../", "https://h/"},
       {"https://h//", "/", "https://h/../", "https://h//"},
@@ -78,11 +74,11 @@ TEST(URLTest, PathComponentsReadDeletedAndAppendedKeepingQueryAndFragment) {
       {"name", "name", "./", "./"},
       {"a/b/c", "c", "a/b/", "./"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.given);
-    EXPECT_EQ(parsed(c.given).lastPathComponent(), c.last);
-    EXPECT_EQ(parsed(c.given).deletingLastPathComponent().absoluteString(), c.deletingLast);
-    EXPECT_EQ(parsed(c.given).deletingPathToRoot().absoluteString(), c.root);
+  for (const auto& [given, last, deletingLast, root] : cases) {
+    SCOPED_TRACE(given);
+    EXPECT_EQ(parsed(given).lastPathComponent(), last);
+    EXPECT_EQ(parsed(given).deletingLastPathComponent().absoluteString(), deletingLast);
+    EXPECT_EQ(parsed(given).deletingPathToRoot().absoluteString(), root);
   }
 
   URL delivery = parsed("https://api.example.com")
