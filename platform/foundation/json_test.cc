@@ -27,14 +27,10 @@ TEST(JSONTest, ParsesIntoValuesOfTheRightKindAndSerializesCompactly) {
   ASSERT_TRUE(value);
   EXPECT_EQ(untouched, nullptr);
   const Value& v = *value;
-  EXPECT_EQ(v, Value::dict({{"i", -7},
-                            {"big", 18446744073709551615.0},
-                            {"r", 2.0},
-                            {"t", true},
-                            {"n", Value()},
-                            {"s", "caf\xc3\xa9 \xf0\x9f\x98\x80"},
-                            {"a", Value::array({1, Value::dict({{"k", Value::array({})}})})},
-                            {"dup", 2}}));
+  // Seen through the writer (checked below): the last of a repeated key wins.
+  EXPECT_EQ(
+      JSON::serialize(v),
+      R"({"a":[1,{"k":[]}],"big":18446744073709551616,"dup":2,"i":-7,"n":null,"r":2,"s":"café 😀","t":true})");
   // Equal numbers are equal whatever their kind, so check the kinds.
   EXPECT_TRUE(v["i"].isInteger());
   EXPECT_TRUE(v["big"].isReal() && v["r"].isReal());
