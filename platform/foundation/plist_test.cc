@@ -55,9 +55,8 @@ Data arrayOf(std::vector<std::uint16_t> references) {
 // Arrays nested `depth` deep, object i holding object i + 1.
 Data nestedBinaryArrays(std::size_t depth) {
   std::vector<Data> objects;
-  for (std::size_t i = 0; i + 1 < depth; ++i) {
+  for (std::size_t i = 0; i + 1 < depth; ++i)
     objects.push_back(arrayOf({static_cast<std::uint16_t>(i + 1)}));
-  }
   objects.push_back(arrayOf({}));
   return binaryPlist(objects);
 }
@@ -152,7 +151,6 @@ TEST(PropertyListTest, DatesKeepWhatEachFormatCanHold) {
       "<array><date>1932-12-13T20:45:52Z</date><date>\n2069-01-19T03:14:07Z </date></array>"));
   EXPECT_EQ(edges, Value::array({Value(Date::fromReferenceDate(-2147483648.0)),
                                  Value(Date::fromReferenceDate(2147483647.0))}));
-  // XML refuses to write what it could not read back.
   ErrorPtr error;
   EXPECT_FALSE(
       PropertyList::serialize(Value(Date::fromReferenceDate(3124137600.0)), Format::XML, &error));
@@ -237,7 +235,6 @@ TEST(PropertyListTest, DamagedAndHostileInputFailsWithinMemoryProportionalToIt) 
   const std::pair<Data, std::string> cases[] = {
       {{}, "no property list data"},
       {bytesOf("bplist00 but nothing else"), "damaged binary property list trailer"},
-      // A reference past the object table, and an array that holds itself.
       {binaryPlist({arrayOf({5})}), "binary property list reference out of bounds"},
       {binaryPlist({arrayOf({1}), arrayOf({0})}), "binary property list refers to itself"},
       {binaryPlist({Data{0xd1, 0, 1, 0, 1}, Data{0x10, 1}}),
