@@ -55,10 +55,6 @@ Data archived(const Value& value) {
   return bytes.value_or(Data());
 }
 
-Value roundTrip(const Value& value) {
-  return KeyedUnarchiver::unarchiveObjectWithData(archived(value));
-}
-
 // Every kind, repeated strings, layout spellings, a non-string key, empties, text beyond ASCII.
 Value everyKind() {
   const Dictionary numberKeyed{{Value(7), Value("seven")}, {Value("7"), Value(7.0)}};
@@ -119,12 +115,12 @@ TEST(KeyedArchive, ValuesRoundTripWithTheirTypesAndOtherSpellingsRead) {
                                      9007199254740993LL, Date(0), Data{},
                                      Value(Set{Value::dict({{"userId", "u1"}, {"mailingId", 7}}),
                                                Value::dict({{"userId", "u2"}})})});
-  const Value decoded = roundTrip(values);
+  const Value decoded = KeyedUnarchiver::unarchiveObjectWithData(archived(values));
   ASSERT_EQ(decoded, values);
   // Equal numbers are equal whatever their kind, so check the kinds.
   EXPECT_TRUE(decoded.asArray()->at(2).isInteger());
   EXPECT_TRUE(decoded.asArray()->at(3).isBoolean());
-  EXPECT_TRUE(roundTrip(Value()).isNull());
+  EXPECT_TRUE(KeyedUnarchiver::unarchiveObjectWithData(archived(Value())).isNull());
 
   // The mutable classes and NSString objects the platform also writes.
   Data mutableForms = archiveWith(
