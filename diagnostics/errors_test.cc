@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/error_caller.h"
 #include "diagnostics/log.h"
 #include "diagnostics/log_capture_test.h"
 #include "platform/foundation/url.h"
@@ -114,7 +113,6 @@ TEST(ErrorsTest, EveryFactoryHasItsOwnCodeFrom100To123AndItsText) {
   }
   pnx::Clock::useSystemClock();
   EXPECT_EQ(errors[1]->localizedDescription().back(), 's');  // no full stop, as shipped
-  // A named one, with its exception, is checked through the keychain store.
   EXPECT_EQ(errors[4]->localizedDescription(), "Keychain unarchive of (null) failed");
   EXPECT_TRUE(errors[7]->localizedDescription().ends_with(
       "more then once every 5 minutes. Last sync was 90.0 seconds ago."));

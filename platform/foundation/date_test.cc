@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <limits>
-#include <string>
 #include <thread>
 #include <vector>
 

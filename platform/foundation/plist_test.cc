@@ -52,7 +52,6 @@ Data arrayOf(std::vector<std::uint16_t> references) {
   return out;
 }
 
-// Arrays nested `depth` deep, object i holding object i + 1.
 Data nestedBinaryArrays(std::size_t depth) {
   std::vector<Data> objects;
   for (std::size_t i = 0; i + 1 < depth; ++i)
@@ -152,8 +151,7 @@ TEST(PropertyListTest, DatesKeepWhatEachFormatCanHold) {
   EXPECT_EQ(edges, Value::array({Value(Date::fromReferenceDate(-2147483648.0)),
                                  Value(Date::fromReferenceDate(2147483647.0))}));
   ErrorPtr error;
-  EXPECT_FALSE(
-      PropertyList::serialize(Value(Date::fromReferenceDate(3124137600.0)), Format::XML, &error));
+  EXPECT_FALSE(PropertyList::serialize(Value(dates), Format::XML, &error));
   ASSERT_NE(error, nullptr);
   EXPECT_EQ(error->localizedDescription(), "Property list invalid for format (date out of range)");
 }
