@@ -67,7 +67,7 @@ TEST(ValueTest, EqualNumbersOfAnyKindAreOneValueAndNumericReadingsSaturate) {
   EXPECT_EQ(Value("h\xc3\xa9").size(), 3u);
 }
 
-TEST(ValueTest, OrderIsTotalAndAgreesWithHash) {
+TEST(ValueTest, OrderIsTotalAgreesWithHashAndComparesObjectsByValue) {
   // Families in order, each by value. Numbers compare exactly (2^53 + 1 above its double,
   // 2^63 above INT64_MAX, NaN after every number); strings bytewise.
   const std::vector<Value> families[] = {
