@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/error_caller.h"
 #include "diagnostics/log.h"
 #include "diagnostics/log_capture_test.h"
 #include "platform/foundation/url.h"
@@ -19,10 +18,6 @@ pnx::HTTPURLResponse response(long status, Value headers) {
                               status, std::move(headers));
 }
 
-pnx::Data bytes(std::string_view text) {
-  return pnx::Data(text.begin(), text.end());
-}
-
 TEST(ErrorsTest, TheBuilderLayersDescriptionExtrasUnderlyingErrorAndCallSite) {
   auto userInfo = [](Value underlying, Value extras) {
     return NSError_PNX::errorWithCode(5, "x", std::move(underlying), std::move(extras))->userInfo();
@@ -30,22 +25,19 @@ TEST(ErrorsTest, TheBuilderLayersDescriptionExtrasUnderlyingErrorAndCallSite) {
   const Value plain = userInfo(Value(), Value());
   EXPECT_EQ(plain[pnx::NSLocalizedDescriptionKey], Value("x"));
   EXPECT_EQ(plain.asDictionary()->size(), 2u);
-  EXPECT_TRUE(plain.contains(pnx::NSDebugDescriptionErrorKey));
-  EXPECT_EQ(userInfo(Value(), Value::dict({{pnx::NSLocalizedDescriptionKey,
-                                            "y"}}))[pnx::NSLocalizedDescriptionKey],
-            Value("y"));
-  const Value extraUnderlying = Value::dict({{pnx::NSUnderlyingErrorKey, "from extras"}});
-  EXPECT_EQ(userInfo(Value(), extraUnderlying)[pnx::NSUnderlyingErrorKey], Value("from extras"));
-  EXPECT_EQ(userInfo("given", extraUnderlying)[pnx::NSUnderlyingErrorKey], Value("given"));
+  const Value extras = Value::dict({{pnx::NSLocalizedDescriptionKey, "y"},
+                                    {pnx::NSUnderlyingErrorKey, "from extras"},
+                                    {pnx::NSDebugDescriptionErrorKey, "stale"}});
+  const Value layered = userInfo(Value(), extras);
+  EXPECT_EQ(layered[pnx::NSLocalizedDescriptionKey], Value("y"));
+  EXPECT_EQ(layered[pnx::NSUnderlyingErrorKey], Value("from extras"));
+  EXPECT_EQ(userInfo("given", extras)[pnx::NSUnderlyingErrorKey], Value("given"));
   // The call site wins over an extra entry of its key.
-  const Value debug = userInfo(
-      Value(),
-      Value::dict({{pnx::NSDebugDescriptionErrorKey, "stale"}}))[pnx::NSDebugDescriptionErrorKey];
+  const Value debug = layered[pnx::NSDebugDescriptionErrorKey];
   ASSERT_TRUE(debug.isString());
   EXPECT_EQ(debug.asString()->rfind("Caller Information:", 0), 0u) << debug.description();
-}
 
-TEST(ErrorsTest, AddCallerWithoutARecordLogsAndLeavesUserInfoAlone) {
+  // Without a caller record, addCaller logs and leaves the userInfo alone.
   PNXLog::sharedInstance().setLogLevelName("error");
   LogCapture capture;
   const Value info = Value::dict({{"k", 1}});
@@ -62,7 +54,7 @@ TEST(ErrorsTest, HttpResponseErrorCarriesStatusRetryAfterBodyAndURL) {
   auto userInfo = [](Value headers, std::optional<pnx::Data> body = std::nullopt) {
     return NSError_PNX::httpResponseError(response(429, std::move(headers)), body)->userInfo();
   };
-  const Value busy = userInfo(Value::dict({{"Retry-After", "120"}}), bytes("busy"));
+  const Value busy = userInfo(Value::dict({{"Retry-After", "120"}}), pnx::Data{'b', 'u', 's', 'y'});
   EXPECT_EQ(busy["retryAfter"], Value(120));
   EXPECT_EQ(busy["statusMessage"], Value("busy"));
   EXPECT_EQ(busy["statusCode"], Value(429));
@@ -79,17 +71,13 @@ TEST(ErrorsTest, HttpResponseErrorCarriesStatusRetryAfterBodyAndURL) {
   EXPECT_EQ(retryAfter("5", "retry-after"), Value(5));
 
   // No header, no body or a body that is not UTF-8 adds nothing.
-  const Value bare = userInfo(Value::dict({{"X-Retry-After", "5"}}), bytes("\xC3\x28"));
+  const Value bare = userInfo(Value::dict({{"X-Retry-After", "5"}}), pnx::Data{0xC3, 0x28});
   EXPECT_FALSE(bare.contains("retryAfter"));
   EXPECT_FALSE(bare.contains("statusMessage"));
   EXPECT_FALSE(userInfo(Value()).contains("statusMessage"));
 }
 
 TEST(ErrorsTest, EveryFactoryHasItsOwnCodeFrom100To123AndItsText) {
-  struct Event {
-    std::string name() const { return "open"; }
-    std::string type() const { return "app"; }
-  };
   pnx::Clock::set(pnx::Date(1700000000));
   const pnx::ErrorPtr errors[] = {
       NSError_PNX::appKeyMissing(),
@@ -115,7 +103,7 @@ TEST(ErrorsTest, EveryFactoryHasItsOwnCodeFrom100To123AndItsText) {
       NSError_PNX::httpRequestMissingURL(),
       NSError_PNX::valueIsNotJsonComplient(Value::array({1})),
       NSError_PNX::keychainNotAvailable(),
-      NSError_PNX::duplicateEvent(Event{}),
+      NSError_PNX::duplicateEventNamed("open", "app"),
   };
   std::intptr_t expected = 100;
   for (const pnx::ErrorPtr& error : errors) {
@@ -125,7 +113,6 @@ TEST(ErrorsTest, EveryFactoryHasItsOwnCodeFrom100To123AndItsText) {
   }
   pnx::Clock::useSystemClock();
   EXPECT_EQ(errors[1]->localizedDescription().back(), 's');  // no full stop, as shipped
-  // A named one, with its exception, is checked through the keychain store.
   EXPECT_EQ(errors[4]->localizedDescription(), "Keychain unarchive of (null) failed");
   EXPECT_TRUE(errors[7]->localizedDescription().ends_with(
       "more then once every 5 minutes. Last sync was 90.0 seconds ago."));

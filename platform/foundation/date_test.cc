@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <limits>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -33,8 +32,7 @@ TEST(DateTest, WritesISO8601AndDescriptionsInUTCAndReadsFractionsAndOffsets) {
   EXPECT_EQ(Date(-1e23).iso8601()[0], '-') << Date(-1e23).iso8601();
 
   for (double seconds : {kJune30, kJune30 + 0.25, 1625065452.123, -0.5, 0.0}) {
-    Date date(seconds);
-    EXPECT_EQ(Date::fromISO8601(date.iso8601()), date) << date.iso8601();
+    EXPECT_EQ(Date::fromISO8601(Date(seconds).iso8601()), Date(seconds)) << Date(seconds).iso8601();
   }
   EXPECT_EQ(Date::fromISO8601("2021-06-30T17:04:12+02:00"), Date(kJune30));
   EXPECT_EQ(Date::fromISO8601("2021-06-30T13:34:12-0130"), Date(kJune30));
