@@ -37,20 +37,16 @@ TEST(ErrorCallerTest, SplitsAtTheSeparatorCharactersOnlyAndDropsItsOwnFrames) {
   EXPECT_EQ(plain->functionCaller(), "96");
 
   // Its own frames and the error factories' are dropped wherever they stand.
-  auto record = recordOf({
-      "0   Lib   0x1 -[PNXErrorCaller findCallbackSymbol] + 1",
-      "1   Lib   0x2 -[PNXErrorCaller errorCaller] + 2",
-      "2   Lib   0x3 -[NSError(PNX) errorWithCode] + 3",
-      "3   Lib   0x4 -[PNXKeychain objectForName] + 4",
-      "4   Lib   0x5",
-      "5   Lib   0x6 -[NSError(PNX) keychainNotAvailable] + 6",
-  });
-  EXPECT_EQ(record->stack(),
-            (Lines{"3   Lib   0x4 -[PNXKeychain objectForName] + 4", "4   Lib   0x5"}));
+  const Lines kept = {"3   Lib   0x4 -[PNXKeychain objectForName] + 4", "4   Lib   0x5"};
+  auto record = recordOf({"0   Lib   0x1 -[PNXErrorCaller findCallbackSymbol] + 1",
+                          "1   Lib   0x2 -[PNXErrorCaller errorCaller] + 2",
+                          "2   Lib   0x3 -[NSError(PNX) errorWithCode] + 3", kept[0], kept[1],
+                          "5   Lib   0x6 -[NSError(PNX) keychainNotAvailable] + 6"});
+  EXPECT_EQ(record->stack(), kept);
   EXPECT_EQ(record->debugDescription(),
             "Caller Information:\nFramework: Lib\nAddress: 0x4\nClass Caller: PNXKeychain\n"
-            "Function Caller: objectForName\nStack:\n"
-            "3   Lib   0x4 -[PNXKeychain objectForName] + 4\n4   Lib   0x5\n");
+            "Function Caller: objectForName\nStack:\n" +
+                kept[0] + "\n" + kept[1] + "\n");
 
   auto empty = recordOf({"0   Lib   0x1 -[NSError(PNX) appKeyMissing] + 1"});
   ASSERT_TRUE(empty->stack());
