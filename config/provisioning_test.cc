@@ -28,15 +28,16 @@ class ProvisioningTest : public ::testing::Test {
   LogCapture log_;
 };
 
-// Profiles here are unsigned text: the reader needs only the plist between the markers. An
-// unreadable one leaves everything none.
-TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembersAndSaysWhy) {
+// Profiles here are unsigned text, but for one: the reader needs only the plist between the
+// markers. An unreadable one leaves everything none.
+TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembersAndFindsTheBundlesProfile) {
   const std::string taskAllow = "<key>Entitlements</key><dict><key>get-task-allow</key>";
   const std::string allDevices = "<key>ProvisionsAllDevices</key>";
   auto wrapped = [](const std::string& members) {
     return "junk\x01\x02" + plistWith(members) + "\x03trailer";
   };
   const std::string noExtract = "Couldn't extract plist string from embedded.mobileprovision";
+  const std::string head = "<?xml version=\"1.0\"?><plist>";
   struct Case {
     std::string text;
     std::optional<std::string> environment;
@@ -54,14 +55,12 @@ TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembersAndSaysWhy) {
        "Provisioning - ProvisionsAllDevices exists (enterprise)"},
       {"no markers at all", std::nullopt,
        "Couldn't find beginning of plist in embedded.mobileprovision"},
-      {"<?xml version=\"1.0\"?><plist>", std::nullopt,
-       "Couldn't find ending of plist in embedded.mobileprovision"},
+      {head, std::nullopt, "Couldn't find ending of plist in embedded.mobileprovision"},
       // The only closing marker lies before the only opening one.
       {"</plist> and later <?xml", std::nullopt, noExtract},
       {"<?xml \xff\xfe </plist>", std::nullopt, noExtract},
-      {"<?xml version=\"1.0\"?><plist><dict><key>a</key></plist>", std::nullopt,
-       "Couldn't read plist: "},
-      {"<?xml version=\"1.0\"?><plist><array/></plist>", std::nullopt, "Couldn't read plist: "},
+      {head + "<dict><key>a</key></plist>", std::nullopt, "Couldn't read plist: "},
+      {head + "<array/></plist>", std::nullopt, "Couldn't read plist: "},
   };
   for (const Case& c : cases) {
     log_.clear();
@@ -70,9 +69,7 @@ TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembersAndSaysWhy) {
     EXPECT_TRUE(log_.contains(c.message)) << c.text;
     EXPECT_TRUE(c.environment || reader.provisionedDevices().isNull()) << c.text;
   }
-}
 
-TEST_F(ProvisioningTest, FindsTheProfileInTheMainBundleAndReadsASignedOne) {
   pnx::testing::ScopedDevice device;
   EXPECT_EQ(PNXProvisioning().binaryEnvironment(), std::nullopt);
   EXPECT_TRUE(log_.contains(
@@ -80,8 +77,7 @@ TEST_F(ProvisioningTest, FindsTheProfileInTheMainBundleAndReadsASignedOne) {
       "using the Simulator which doesn't have this file."));
   device.writeBundleFile("Contents/embedded.provisionprofile", plistWith(""));
   EXPECT_EQ(PNXProvisioning().binaryEnvironment(), "appstore");
-  // The phone's layout wins over the desktop one. A signed profile as the build tools make it,
-  // by the examples' script; an expired one is read by pnx profile's test.
+  // The phone's layout wins over the desktop one; pnx profile's test reads an expired one.
   const std::string command =
       "sh " PNX_SOURCE_DIR "/examples/make-profiles.sh --days 365 '" + scratch_.path() + "' debug";
   ASSERT_EQ(std::system(command.c_str()), 0) << command;
