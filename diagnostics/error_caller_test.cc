@@ -15,7 +15,19 @@ std::shared_ptr<PNXErrorCaller> recordOf(Lines lines) {
   return PNXErrorCaller::errorCallerWithStack(std::move(lines));
 }
 
-TEST(ErrorCallerTest, SplitsAtTheSeparatorCharactersOnlyAndDropsItsOwnFrames) {
+// A caller of the library: its frame is the one an error must name.
+struct ServiceUnderTest {
+  [[gnu::noinline]] pnx::ErrorPtr failToReachKeychain();
+  int failures = 0;
+};
+
+pnx::ErrorPtr ServiceUnderTest::failToReachKeychain() {
+  pnx::ErrorPtr error = NSError_PNX::keychainNotAvailable();
+  ++failures;  // keeps the call from being a tail call
+  return error;
+}
+
+TEST(ErrorCallerTest, SplitsAtTheSeparatorsDropsItsOwnFramesAndNamesTheFrameThatAsked) {
   EXPECT_EQ(PNXErrorCaller::tokens("4   SomeFramework   0x4a3c +[NSError(PNX) "
                                    "errorWithCode:description:underlyingError:userInfo:] + 120"),
             (Lines{"4", "SomeFramework", "0x4a3c", "NSError(PNX)",
@@ -53,21 +65,7 @@ TEST(ErrorCallerTest, SplitsAtTheSeparatorCharactersOnlyAndDropsItsOwnFrames) {
   EXPECT_TRUE(empty->stack()->empty());
   EXPECT_FALSE(empty->framework());
   EXPECT_EQ(empty->debugDescription(), "Caller Information:\nStack:\n\n");
-}
 
-// A caller of the library: its frame is the one an error must name.
-struct ServiceUnderTest {
-  [[gnu::noinline]] pnx::ErrorPtr failToReachKeychain();
-  int failures = 0;
-};
-
-pnx::ErrorPtr ServiceUnderTest::failToReachKeychain() {
-  pnx::ErrorPtr error = NSError_PNX::keychainNotAvailable();
-  ++failures;  // keeps the call from being a tail call
-  return error;
-}
-
-TEST(ErrorCallerTest, AnErrorNamesTheFrameThatAskedForIt) {
   ServiceUnderTest service;
   pnx::ErrorPtr error = service.failToReachKeychain();
   const std::string* text = error->userInfo()[pnx::NSDebugDescriptionErrorKey].asString();
