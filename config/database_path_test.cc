@@ -53,7 +53,7 @@ class NoNewDirectories : public pnx::FileManagerWrapper {
 
 // A directory that cannot be made is logged and the path still returned; concurrent first
 // callers make it and move a file once.
-TEST_F(DatabasePathTest, PrivateStorageTakesTheOldFilesAndKeepsThePublicOneOnConflict) {
+TEST_F(DatabasePathTest, EachStorageTakesTheOtherOnesFilesAndKeepsItsOwnOnConflict) {
   auto config = configWithPrivateStorage(true);
   pnx::FileManager::setCurrent(std::make_shared<NoNewDirectories>());
   EXPECT_EQ(config->pathForDatabase("d.db"), privateDirectory_ + "/d.db");
@@ -88,13 +88,12 @@ TEST_F(DatabasePathTest, PrivateStorageTakesTheOldFilesAndKeepsThePublicOneOnCon
   log_.clear();
   config->pathForDatabase("a.db");
   EXPECT_FALSE(log_.contains("Old private database found"));
-}
 
-TEST_F(DatabasePathTest, PublicStorageMovesThePrivateFileBackPreferringTheOldOne) {
+  // Public storage moves the private file back, preferring the old one.
   put(privateDirectory_ + "/b.db", "private");
   put(library_ + "/c.db", "old private");
   put(privateDirectory_ + "/c.db", "private");
-  auto config = configWithPrivateStorage(false);
+  config = configWithPrivateStorage(false);
   EXPECT_EQ(config->pathForDatabase("b.db"), documents_ + "/b.db");
   EXPECT_EQ(contents(documents_ + "/b.db"), "private");
   EXPECT_TRUE(log_.contains("Using Public Path for database b.db -> " + documents_ + "/b.db"));
