@@ -141,8 +141,7 @@ TEST_F(ConfigTest, LocationBlocksCountOnlyWhenPresent) {
 }
 
 TEST_F(ConfigTest, AppKeysAreCheckedAndChosenByTheProvisioningEnvironment) {
-  // Bad values are quoted as short escaped excerpts (a whole file that is no object too, as
-  // pnx config's tests show).
+  // Bad values are quoted as short escaped excerpts (whole files too: pnx config's tests).
   build(R"("location": {"geofence": {"accuracy": "\u001b[2J\u0000"}})");
   EXPECT_TRUE(log_.contains("Config value for geo accuracty is specified as '\\x1b[2J\\x00'"));
   auto config = build(R"("appKey": {"dev": "ap\u001b[2J4567", "prod": "ap\u001b[2J4567"})");

@@ -213,8 +213,7 @@ TEST_F(LogTest, ANewDirectoryIsCreatedPrivateAndUnusablePlacesAreRefused) {
                                "resetting to default. Error was: "));
   EXPECT_EQ(log.logsDirectory(), PNXLog::defaultLogsDirectory());
 
-  // A symbolic link in the place of "PNX.log" is neither followed nor replaced: the lines are
-  // refused, and said so once.
+  // A symbolic link in the place of "PNX.log" is neither followed nor replaced; said so once.
   const std::string target = dir.write("elsewhere/target", "");
   std::filesystem::create_directory(dir.file("linked"));
   std::filesystem::create_symlink(target, dir.file("linked/PNX.log"));

@@ -140,7 +140,6 @@ TEST_F(KeychainStore, TheDefaultStoreIsTheBundlesAndTheGroupStoreTheTeams) {
   EXPECT_EQ(shared->group(), "ABCDE12345.PNX");
   EXPECT_TRUE(log_.contains("Created keychain group with teamId"));
 
-  // What the shared group holds is checked with pnx identity; here, what the store logs.
   shared->setUserId("user-1");
   shared->setChannelId("channel-1");
   EXPECT_EQ(shared->channelId(), pnx::Value("channel-1"));

@@ -209,8 +209,7 @@ TEST_F(KeychainItems, AFailedWriteLosesNothingStoredBefore) {
     SQLiteIO::setCurrent(std::make_shared<FailingDisk>(code));
     EXPECT_NE(failedWrite("kept", "failed").find(message), npos) << code;
     SQLiteIO::setCurrent(nullptr);
-    // A commit whose sync failed after all its frames reached the log may still count, as
-    // the disk decided; anything else stays as before.
+    // A commit whose sync failed may still count, as the disk decided; others change nothing.
     std::string stored = readText("kept");
     EXPECT_TRUE(stored == before || (code == SQLITE_IOERR_FSYNC && stored == "failed")) << code;
     EXPECT_EQ(failedWrite("kept", after.c_str()), "") << code;
