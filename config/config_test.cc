@@ -28,11 +28,8 @@ class ConfigTest : public ::testing::Test {
   void TearDown() override { PNXLog::sharedInstance().setLogLevelName("error"); }
 
   std::unique_ptr<PNXConfig> build(const std::string& members) {
-    const std::string level =
-        members.find("loglevel") == std::string::npos
-            ? std::string(R"("loglevel": "verbose")") + (members.empty() ? "" : ",")
-            : "";
-    auto dictionary = pnx::JSON::parse("{" + level + members + "}");
+    auto dictionary = pnx::JSON::parse(R"({"loglevel": "verbose")" +
+                                       (members.empty() ? "" : ", " + members) + "}");
     EXPECT_TRUE(dictionary) << members;
     return std::make_unique<PNXConfig>(dictionary.value_or(pnx::Value()));
   }
