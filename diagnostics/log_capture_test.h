@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "diagnostics/log.h"
@@ -29,11 +30,7 @@ class LogCapture {
   }
   // Console lines (pnx::Console::log), without the console's header.
   std::vector<std::string> consoleLines() { return seen(false).console; }
-  void clear() {
-    PNXLog::sharedInstance().drain();
-    std::lock_guard<std::mutex> lock(sink_->mutex);
-    sink_->seen = {};
-  }
+  void clear() { seen(true, true); }
 
  private:
   struct Seen {
@@ -55,10 +52,10 @@ class LogCapture {
     Seen seen;
   };
 
-  Seen seen(bool drain = true) {
+  Seen seen(bool drain = true, bool reset = false) {
     if (drain) PNXLog::sharedInstance().drain();
     std::lock_guard<std::mutex> lock(sink_->mutex);
-    return sink_->seen;
+    return reset ? std::exchange(sink_->seen, {}) : sink_->seen;
   }
 
   std::shared_ptr<pnx::LogSink> previous_ = pnx::SystemLog::sink();
