@@ -16,12 +16,6 @@ class DatabasePathTest : public ::testing::Test {
  protected:
   void TearDown() override { PNXLog::sharedInstance().setLogLevelName("error"); }
 
-  std::unique_ptr<PNXConfig> configWithPrivateStorage(bool privateStorage) {
-    auto config =
-        std::make_unique<PNXConfig>(pnx::Value::dict({{"privateDatabaseStorage", privateStorage}}));
-    PNXLog::sharedInstance().setLogLevelName("verbose");
-    return config;
-  }
   static void put(const std::string& path, const std::string& text) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream(path) << text;
@@ -54,7 +48,8 @@ class NoNewDirectories : public pnx::FileManagerWrapper {
 // A directory that cannot be made is logged and the path still returned; concurrent first
 // callers make it and move a file once.
 TEST_F(DatabasePathTest, EachStorageTakesTheOtherOnesFilesAndKeepsItsOwnOnConflict) {
-  auto config = configWithPrivateStorage(true);
+  auto config = std::make_unique<PNXConfig>(pnx::Value::dict({{"privateDatabaseStorage", true}}));
+  PNXLog::sharedInstance().setLogLevelName("verbose");  // the configuration sets its own
   pnx::FileManager::setCurrent(std::make_shared<NoNewDirectories>());
   EXPECT_EQ(config->pathForDatabase("d.db"), privateDirectory_ + "/d.db");
   pnx::FileManager::setCurrent(nullptr);
@@ -93,7 +88,8 @@ TEST_F(DatabasePathTest, EachStorageTakesTheOtherOnesFilesAndKeepsItsOwnOnConfli
   put(privateDirectory_ + "/b.db", "private");
   put(library_ + "/c.db", "old private");
   put(privateDirectory_ + "/c.db", "private");
-  config = configWithPrivateStorage(false);
+  config = std::make_unique<PNXConfig>(pnx::Value::dict({{"privateDatabaseStorage", false}}));
+  PNXLog::sharedInstance().setLogLevelName("verbose");
   EXPECT_EQ(config->pathForDatabase("b.db"), documents_ + "/b.db");
   EXPECT_EQ(contents(documents_ + "/b.db"), "private");
   EXPECT_TRUE(log_.contains("Using Public Path for database b.db -> " + documents_ + "/b.db"));
