@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <optional>
+#include <tuple>
 
 #include "diagnostics/log.h"
 #include "diagnostics/log_capture_test.h"
@@ -38,12 +39,8 @@ TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembersAndFindsTheBundlesPr
   };
   const std::string noExtract = "Couldn't extract plist string from embedded.mobileprovision";
   const std::string head = "<?xml version=\"1.0\"?><plist>";
-  struct Case {
-    std::string text;
-    std::optional<std::string> environment;
-    std::string message;
-  };
-  const Case cases[] = {
+  // The profile's text, the environment read from it, and a part of what the log says.
+  const std::tuple<std::string, std::optional<std::string>, std::string> cases[] = {
       {wrapped(kDevices), "ad-hoc", "Provisioning - Entitlements.get-task-allow is false (ad-hoc)"},
       {wrapped(kDevices + taskAllow + "<string>YES</string></dict>"), "debug",
        "Provisioning - Entitlements.get-task-allow is true (debug)"},
@@ -62,12 +59,12 @@ TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembersAndFindsTheBundlesPr
       {head + "<dict><key>a</key></plist>", std::nullopt, "Couldn't read plist: "},
       {head + "<array/></plist>", std::nullopt, "Couldn't read plist: "},
   };
-  for (const Case& c : cases) {
+  for (const auto& [text, environment, message] : cases) {
     log_.clear();
-    PNXProvisioning reader(scratch_.write("p", c.text));
-    EXPECT_EQ(reader.binaryEnvironment(), c.environment) << c.text;
-    EXPECT_TRUE(log_.contains(c.message)) << c.text;
-    EXPECT_TRUE(c.environment || reader.provisionedDevices().isNull()) << c.text;
+    PNXProvisioning reader(scratch_.write("p", text));
+    EXPECT_EQ(reader.binaryEnvironment(), environment) << text;
+    EXPECT_TRUE(log_.contains(message)) << text;
+    EXPECT_TRUE(environment || reader.provisionedDevices().isNull()) << text;
   }
 
   pnx::testing::ScopedDevice device;

@@ -15,6 +15,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "diagnostics/log_capture_test.h"
@@ -148,34 +149,31 @@ TEST_F(LogTest, RotatesOnlyPastMaximumSizeAndShiftsBackupsUpToTheLimit) {
   EXPECT_EQ(dir.read("PNX-1.log"), std::string(101, 'x'));
   EXPECT_EQ(unstamped(dir.read("PNX.log")), std::vector<std::string>{kError + "kept"});
 
-  // Backups shift up to the limit and stop at a gap.
-  struct Case {
-    std::int32_t limit;
-    std::vector<std::string> before;
-    std::map<std::string, std::string> after;  // file name -> the name it had before
-  };
-  const Case shifts[] = {
-      {7,
-       {"PNX.log", "PNX-1.log", "PNX-3.log"},
-       {{"PNX-1.log", "PNX.log"}, {"PNX-2.log", "PNX-1.log"}, {"PNX-3.log", "PNX-3.log"}}},
-      {1, {"PNX.log", "PNX-1.log"}, {{"PNX-1.log", "PNX.log"}}},
-      {0, {"PNX.log", "PNX-1.log"}, {{"PNX-1.log", "PNX.log"}}},
-      {2,
-       {"PNX.log", "PNX-1.log", "PNX-2.log", "PNX-3.log"},
-       {{"PNX-1.log", "PNX.log"}, {"PNX-2.log", "PNX-1.log"}, {"PNX-3.log", "PNX-3.log"}}},
-  };
-  for (const Case& c : shifts) {
-    const std::string sub = std::to_string(c.limit);
-    for (const std::string& name : c.before) dir.write(sub + "/" + name, name);
+  // Backups shift up to the limit and stop at a gap. Rows: the limit, the files before, and
+  // after it each file's name -> the name it had before.
+  const std::tuple<std::int32_t, std::vector<std::string>, std::map<std::string, std::string>>
+      shifts[] = {
+          {7,
+           {"PNX.log", "PNX-1.log", "PNX-3.log"},
+           {{"PNX-1.log", "PNX.log"}, {"PNX-2.log", "PNX-1.log"}, {"PNX-3.log", "PNX-3.log"}}},
+          {1, {"PNX.log", "PNX-1.log"}, {{"PNX-1.log", "PNX.log"}}},
+          {0, {"PNX.log", "PNX-1.log"}, {{"PNX-1.log", "PNX.log"}}},
+          {2,
+           {"PNX.log", "PNX-1.log", "PNX-2.log", "PNX-3.log"},
+           {{"PNX-1.log", "PNX.log"}, {"PNX-2.log", "PNX-1.log"}, {"PNX-3.log", "PNX-3.log"}}},
+      };
+  for (const auto& [limit, before, after] : shifts) {
+    const std::string sub = std::to_string(limit);
+    for (const std::string& name : before) dir.write(sub + "/" + name, name);
     log.setLogsDirectory(dir.file(sub));
-    log.setMaximumNumberOfLogFiles(c.limit);
+    log.setMaximumNumberOfLogFiles(limit);
     log.rotate();
-    std::map<std::string, std::string> after;
+    std::map<std::string, std::string> found;
     for (const auto& entry : std::filesystem::directory_iterator(dir.file(sub))) {
       const std::string name = entry.path().filename();
-      after[name] = dir.read(sub + "/" + name);
+      found[name] = dir.read(sub + "/" + name);
     }
-    EXPECT_EQ(after, c.after) << "limit " << c.limit;
+    EXPECT_EQ(found, after) << "limit " << limit;
   }
 }
 
