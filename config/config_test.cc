@@ -39,7 +39,7 @@ class ConfigTest : public ::testing::Test {
 };
 
 // A missing file is logged and leaves the defaults (the log at "error").
-TEST_F(ConfigTest, ReadsTheBundleFileOnlyWithoutADictionary) {
+TEST_F(ConfigTest, ReadsTheBundleFileWithoutADictionaryAndBuildsTheSharedOneOnce) {
   PNXLog::sharedInstance().setLogLevelName("verbose");
   EXPECT_EQ(PNXConfig().teamId(), std::nullopt);
   EXPECT_TRUE(
@@ -60,9 +60,24 @@ TEST_F(ConfigTest, ReadsTheBundleFileOnlyWithoutADictionary) {
       EXPECT_EQ(exception.name(), "Invalid Config File") << unreadable;
     }
   }
+
+  std::vector<std::shared_ptr<PNXConfig>> seen(8);
+  std::vector<std::thread> threads;
+  for (std::size_t i = 0; i < seen.size(); ++i) {
+    threads.emplace_back([&seen, i] {
+      seen[i] = PNXConfig::sharedInstanceWithDictionary(
+          pnx::Value::dict({{"sessionTimeout", static_cast<int>(100 + i)}}));
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  for (const auto& config : seen) EXPECT_EQ(config, seen[0]);
+  const std::int64_t timeout = seen[0]->sessionTimeout();
+  EXPECT_EQ(PNXConfig::sharedInstanceWithDictionary(pnx::Value::dict({{"sessionTimeout", 7}})),
+            seen[0]);
+  EXPECT_EQ(PNXConfig::sharedInstance()->sessionTimeout(), timeout);
 }
 
-TEST_F(ConfigTest, GettersFlagsAndNumbersReadLooselyTypedValuesAndReportingNeedsATeam) {
+TEST_F(ConfigTest, ValuesAreReadLooselyTypedClampedAndTheBaseUrlReducedToItsRoot) {
   for (const char* yes : {"YES", "True", "yes"}) EXPECT_TRUE(PNXConfig::boolValue(yes, false));
   for (const char* no : {"no", "FALSE"}) EXPECT_FALSE(PNXConfig::boolValue(no, true));
   for (const char* other : {"1", "on", "Y", ""}) EXPECT_TRUE(PNXConfig::boolValue(other, true));
@@ -107,9 +122,27 @@ TEST_F(ConfigTest, GettersFlagsAndNumbersReadLooselyTypedValuesAndReportingNeeds
   EXPECT_FALSE(log_.contains(kGeofenceCountError));
   EXPECT_EQ(read(quantity + "21}}}", &PNXConfig::maximumGeofenceCount), 20);
   EXPECT_TRUE(log_.contains(kGeofenceCountError));
+
+  auto config = build("");
+  const std::pair<const char*, const char*> cases[] = {
+      {"https://api.example.com/", "https://api.example.com/"},
+      {"https://api.example.com", "https://api.example.com"},
+      {"api.example.com/path", kDefaultUrl},
+      {"not a url", kDefaultUrl},
+      {"https://api.example.com/a/b?key=1#top", "https://api.example.com/?key=1#top"},
+      // ".." components cannot climb above the root (deleting them one by one never ends).
+      {"https://api.example.com/a/../b/..", "https://api.example.com/"},
+  };
+  for (const auto& [given, root] : cases) {
+    EXPECT_EQ(config->trimmedBaseUrlWithString(given).absoluteString(), root) << given;
+  }
+  std::string deep = "https://api.example.com";  // linear time, not one copy per component
+  for (int i = 0; i < 100000; ++i) deep += "/abcdefghi";
+  EXPECT_EQ(config->trimmedBaseUrlWithString(deep).absoluteString(), "https://api.example.com/");
+  EXPECT_EQ(build(R"("baseUrl": 12)")->baseUrl().absoluteString(), kDefaultUrl);
 }
 
-TEST_F(ConfigTest, LocationBlocksCountOnlyWhenPresent) {
+TEST_F(ConfigTest, LocationBlocksCountOnlyWhenPresentAndAppKeysAreCheckedAndChosen) {
   auto config = build(R"("location": {"geofence": {}, "ibeacon": {}})");
   EXPECT_TRUE(config->autoInitializeLocationFlag());
   EXPECT_TRUE(config->geofenceEnabled());
@@ -135,13 +168,11 @@ TEST_F(ConfigTest, LocationBlocksCountOnlyWhenPresent) {
   for (const auto& [name, metres] : accuracies) {
     EXPECT_EQ(config->validateGeofenceAccuracy(name), metres) << name;
   }
-}
 
-TEST_F(ConfigTest, AppKeysAreCheckedAndChosenByTheProvisioningEnvironment) {
   // Bad values are quoted as short escaped excerpts (whole files too: pnx config's tests).
   build(R"("location": {"geofence": {"accuracy": "\u001b[2J\u0000"}})");
   EXPECT_TRUE(log_.contains("Config value for geo accuracty is specified as '\\x1b[2J\\x00'"));
-  auto config = build(R"("appKey": {"dev": "ap\u001b[2J4567", "prod": "ap\u001b[2J4567"})");
+  config = build(R"("appKey": {"dev": "ap\u001b[2J4567", "prod": "ap\u001b[2J4567"})");
   EXPECT_EQ(config->appKey(), "ap\x1b[2J4567");
   EXPECT_TRUE(log_.contains("defaulting to prod appkey ap\\x1b[2J4567"));
   EXPECT_TRUE(config->checkAppKey("apé1234567"));  // 10 UTF-16 units, 11 bytes
@@ -165,26 +196,6 @@ TEST_F(ConfigTest, AppKeysAreCheckedAndChosenByTheProvisioningEnvironment) {
   EXPECT_EQ(build(R"("appKey": {"dev": "AP12345678", "prod": "x"})")->appKey(), std::nullopt);
   EXPECT_TRUE(log_.contains("dev" + kKeyError) && !log_.contains("prod" + kKeyError));
   EXPECT_EQ(build(R"("appKey": "apDEV45678")")->appKey(), std::nullopt);
-}
-
-TEST_F(ConfigTest, BaseUrlIsReducedToItsServerRoot) {
-  auto config = build("");
-  const std::pair<const char*, const char*> cases[] = {
-      {"https://api.example.com/", "https://api.example.com/"},
-      {"https://api.example.com", "https://api.example.com"},
-      {"api.example.com/path", kDefaultUrl},
-      {"not a url", kDefaultUrl},
-      {"https://api.example.com/a/b?key=1#top", "https://api.example.com/?key=1#top"},
-      // ".." components cannot climb above the root (deleting them one by one never ends).
-      {"https://api.example.com/a/../b/..", "https://api.example.com/"},
-  };
-  for (const auto& [given, root] : cases) {
-    EXPECT_EQ(config->trimmedBaseUrlWithString(given).absoluteString(), root) << given;
-  }
-  std::string deep = "https://api.example.com";  // linear time, not one copy per component
-  for (int i = 0; i < 100000; ++i) deep += "/abcdefghi";
-  EXPECT_EQ(config->trimmedBaseUrlWithString(deep).absoluteString(), "https://api.example.com/");
-  EXPECT_EQ(build(R"("baseUrl": 12)")->baseUrl().absoluteString(), kDefaultUrl);
 }
 
 // Log settings reach the log; the delegate class is looked up in the registry.
@@ -227,23 +238,6 @@ TEST_F(ConfigTest, SetsUpTheLogLogsATenLineSummaryAndLooksTheDelegateClassUp) {
   log.setLogToFile(false);
   log.setMaximumSize(size);
   log.setMaximumNumberOfLogFiles(files);
-}
-
-TEST_F(ConfigTest, TheSharedInstanceIsBuiltOnceUnderConcurrentFirstCalls) {
-  std::vector<std::shared_ptr<PNXConfig>> seen(8);
-  std::vector<std::thread> threads;
-  for (std::size_t i = 0; i < seen.size(); ++i) {
-    threads.emplace_back([&seen, i] {
-      seen[i] = PNXConfig::sharedInstanceWithDictionary(
-          pnx::Value::dict({{"sessionTimeout", static_cast<int>(100 + i)}}));
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  for (const auto& config : seen) EXPECT_EQ(config, seen[0]);
-  const std::int64_t timeout = seen[0]->sessionTimeout();
-  EXPECT_EQ(PNXConfig::sharedInstanceWithDictionary(pnx::Value::dict({{"sessionTimeout", 7}})),
-            seen[0]);
-  EXPECT_EQ(PNXConfig::sharedInstance()->sessionTimeout(), timeout);
 }
 
 }  // namespace
