@@ -23,9 +23,9 @@
 
 namespace {
 
+using Lines = std::vector<std::string>;
 const std::string kNone = "\xE2\x80\xBC\xEF\xB8\x8F ";
 const std::string kError = "\xF0\x9F\x9B\x91 ";
-const std::string kInfo = "\xF0\x9F\x94\xB5 ";
 constexpr std::size_t kStampLength = 27;  // "[2021-06-30T17:04:12+0200] "
 
 void writeC(PNXLogLevel level, const char* format, ...) {
@@ -35,11 +35,13 @@ void writeC(PNXLogLevel level, const char* format, ...) {
   va_end(args);
 }
 
-// The file's lines without their stamps.
-std::vector<std::string> unstamped(const std::string& text) {
-  std::vector<std::string> lines;
+// The file's lines without their stamps and, unless kept, their marks (checked whole above all).
+Lines unstamped(const std::string& text, bool keepMarks = false) {
+  Lines lines;
   std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line.substr(kStampLength));
+  for (std::string line; std::getline(in, line);) {
+    lines.push_back(line.substr(keepMarks ? kStampLength : line.find(' ', kStampLength) + 1));
+  }
   return lines;
 }
 
@@ -69,7 +71,7 @@ TEST_F(LogTest, LevelsPassAsTheTableSaysWithTheirMarksAndSystemLogTypes) {
   log.setLogToFile(false);
   const char* names[] = {"NONE", "ERROR", "WARN", "INFO", "VERBOSE", "TRACE"};
   const char* givenNames[] = {"none", "Error", "WARN", "info", "Verbose", "trace"};
-  const std::string marks[] = {kError, "\xE2\x9A\xA0\xEF\xB8\x8F ", kInfo,
+  const std::string marks[] = {kError, "\xE2\x9A\xA0\xEF\xB8\x8F ", "\xF0\x9F\x94\xB5 ",
                                "\xE2\x9A\xAB\xEF\xB8\x8F ", "\xE2\x9A\xAA\xEF\xB8\x8F "};
   for (PNXLogLevel current = 0; current <= 5; ++current) {
     log.setLogLevelName(givenNames[current]);
@@ -80,7 +82,7 @@ TEST_F(LogTest, LevelsPassAsTheTableSaysWithTheirMarksAndSystemLogTypes) {
     PNXLogInfo("at %ld", current);
     PNXLogVerbose("at %ld", current);
     PNXLogTrace("at %ld", current);
-    std::vector<std::string> expected;
+    Lines expected;
     for (PNXLogLevel level = 1; level <= current; ++level) {
       expected.push_back(marks[level - 1] + "at " + std::to_string(current));
     }
@@ -119,13 +121,9 @@ TEST_F(LogTest, FileLinesAreStampedAndLevelZeroFromCPassesAtNone) {
 
 // Each line is 27 + 5 + 3 + 1 = 36 bytes: two of them reach a limit of 72 but pass 71.
 TEST_F(LogTest, RotatesOnlyPastMaximumSizeAndShiftsBackupsUpToTheLimit) {
-  const std::string e = kError;
-  const std::pair<std::uint64_t, std::map<std::string, std::vector<std::string>>> cases[] = {
-      {72, {{"PNX-1.log", {e + "ab1", e + "ab2", e + "ab3"}}, {"PNX.log", {e + "ab4"}}}},
-      {71,
-       {{"PNX-2.log", {e + "ab1", e + "ab2"}},
-        {"PNX-1.log", {e + "ab3", e + "ab4"}},
-        {"PNX.log", {}}}},
+  const std::pair<std::uint64_t, std::map<std::string, Lines>> cases[] = {
+      {72, {{"PNX-1.log", {"ab1", "ab2", "ab3"}}, {"PNX.log", {"ab4"}}}},
+      {71, {{"PNX-2.log", {"ab1", "ab2"}}, {"PNX-1.log", {"ab3", "ab4"}}, {"PNX.log", {}}}},
   };
   for (const auto& [limit, files] : cases) {
     const std::string logs = std::to_string(limit);
@@ -147,21 +145,20 @@ TEST_F(LogTest, RotatesOnlyPastMaximumSizeAndShiftsBackupsUpToTheLimit) {
   PNXLogError("kept");
   log.drain();
   EXPECT_EQ(dir.read("PNX-1.log"), std::string(101, 'x'));
-  EXPECT_EQ(unstamped(dir.read("PNX.log")), std::vector<std::string>{kError + "kept"});
+  EXPECT_EQ(unstamped(dir.read("PNX.log")), Lines{"kept"});
 
   // Backups shift up to the limit and stop at a gap. Rows: the limit, the files before, and
   // after it each file's name -> the name it had before.
-  const std::tuple<std::int32_t, std::vector<std::string>, std::map<std::string, std::string>>
-      shifts[] = {
-          {7,
-           {"PNX.log", "PNX-1.log", "PNX-3.log"},
-           {{"PNX-1.log", "PNX.log"}, {"PNX-2.log", "PNX-1.log"}, {"PNX-3.log", "PNX-3.log"}}},
-          {1, {"PNX.log", "PNX-1.log"}, {{"PNX-1.log", "PNX.log"}}},
-          {0, {"PNX.log", "PNX-1.log"}, {{"PNX-1.log", "PNX.log"}}},
-          {2,
-           {"PNX.log", "PNX-1.log", "PNX-2.log", "PNX-3.log"},
-           {{"PNX-1.log", "PNX.log"}, {"PNX-2.log", "PNX-1.log"}, {"PNX-3.log", "PNX-3.log"}}},
-      };
+  const std::tuple<std::int32_t, Lines, std::map<std::string, std::string>> shifts[] = {
+      {7,
+       {"PNX.log", "PNX-1.log", "PNX-3.log"},
+       {{"PNX-1.log", "PNX.log"}, {"PNX-2.log", "PNX-1.log"}, {"PNX-3.log", "PNX-3.log"}}},
+      {1, {"PNX.log", "PNX-1.log"}, {{"PNX-1.log", "PNX.log"}}},
+      {0, {"PNX.log", "PNX-1.log"}, {{"PNX-1.log", "PNX.log"}}},
+      {2,
+       {"PNX.log", "PNX-1.log", "PNX-2.log", "PNX-3.log"},
+       {{"PNX-1.log", "PNX.log"}, {"PNX-2.log", "PNX-1.log"}, {"PNX-3.log", "PNX-3.log"}}},
+  };
   for (const auto& [limit, before, after] : shifts) {
     const std::string sub = std::to_string(limit);
     for (const std::string& name : before) dir.write(sub + "/" + name, name);
@@ -184,10 +181,9 @@ TEST_F(LogTest, ANewDirectoryIsCreatedPrivateAndUnusablePlacesAreRefused) {
   log.setLogsDirectory(dir.file("new/logs"));
   PNXLogError("second");
   log.drain();
-  EXPECT_EQ(unstamped(dir.read("PNX.log")), std::vector<std::string>{kError + "first"});
+  EXPECT_EQ(unstamped(dir.read("PNX.log")), Lines{"first"});
   EXPECT_EQ(unstamped(dir.read("new/logs/PNX.log")),
-            (std::vector<std::string>{
-                kError + "second", kInfo + "Specified output directory does not exist, created."}));
+            (Lines{"second", "Specified output directory does not exist, created."}));
   EXPECT_EQ(pnx::testing::modeOf(dir.file("new/logs")), 0700u);
   EXPECT_EQ(pnx::testing::modeOf(dir.file("new/logs/PNX.log")), 0600u);
 
@@ -198,10 +194,9 @@ TEST_F(LogTest, ANewDirectoryIsCreatedPrivateAndUnusablePlacesAreRefused) {
   EXPECT_EQ(log.logsDirectory(), PNXLog::defaultLogsDirectory());
   EXPECT_EQ(dir.read("plain"), "not a directory");
   std::ifstream in(PNXLog::defaultLogsDirectory() + "/PNX.log");
-  EXPECT_EQ(unstamped(std::string(std::istreambuf_iterator<char>(in), {})),
-            (std::vector<std::string>{
-                kError + "after fallback",
-                kError + "Specified output directory is a file, resetting to default."}));
+  EXPECT_EQ(
+      unstamped(std::string(std::istreambuf_iterator<char>(in), {})),
+      (Lines{"after fallback", "Specified output directory is a file, resetting to default."}));
 
   dir.write("blocker", "x");
   log.setLogsDirectory(dir.file("blocker/sub"));
@@ -245,7 +240,7 @@ TEST_F(LogTest, LinesFromManyThreadsKeepTheirOrderAndHostMarksAreKept) {
   pnxFlags = savedMarks;
 
   std::vector<int> next(kThreads, 0);
-  std::vector<std::string> lines = unstamped(dir.read("PNX.log"));
+  Lines lines = unstamped(dir.read("PNX.log"), true);
   ASSERT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kLinesEach));
   for (const std::string& line : lines) {
     int thread = -1, index = -1;
@@ -262,7 +257,7 @@ TEST_F(LogTest, TwoProcessesWritingAndRotatingTheSameFilesLoseNoLine) {
   log.setMaximumNumberOfLogFiles(1000);
   constexpr int kProcesses = 2;
   constexpr int kLinesEach = 3000;
-  std::vector<std::string> expected, found;
+  Lines expected, found;
   std::vector<pid_t> children;
   for (int process = 0; process < kProcesses; ++process) {
     for (int i = 0; i < kLinesEach; ++i) {
