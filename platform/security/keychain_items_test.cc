@@ -39,11 +39,9 @@ Data bytes(std::string_view text) {
 // The data stored for account (searching every entitled group), or "" when none.
 std::string readText(const char* account) {
   Value result;
-  if (SecItemCopyMatching(query(account, {{kSecReturnData, true}}), &result) != errSecSuccess) {
-    return "";
-  }
+  SecItemCopyMatching(query(account, {{kSecReturnData, true}}), &result);
   const Data* data = result.asData();
-  return data ? std::string(data->begin(), data->end()) : "<not data>";
+  return data ? std::string(data->begin(), data->end()) : "";
 }
 
 // The reason a write failed for, "" when it succeeded.
