@@ -37,25 +37,21 @@ TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembersAndFindsTheBundlesPr
   auto wrapped = [](const std::string& members) {
     return "junk\x01\x02" + plistWith(members) + "\x03trailer";
   };
-  const std::string noExtract = "Couldn't extract plist string from embedded.mobileprovision";
   const std::string head = "<?xml version=\"1.0\"?><plist>";
   // The profile's text, the environment read from it, and a part of what the log says.
   const std::tuple<std::string, std::optional<std::string>, std::string> cases[] = {
-      {wrapped(kDevices), "ad-hoc", "Provisioning - Entitlements.get-task-allow is false (ad-hoc)"},
+      {wrapped(kDevices), "ad-hoc", "get-task-allow is false (ad-hoc)"},
       {wrapped(kDevices + taskAllow + "<string>YES</string></dict>"), "debug",
-       "Provisioning - Entitlements.get-task-allow is true (debug)"},
-      {wrapped(kDevices + allDevices + "<true/>"), "ad-hoc",
-       "Provisioning - Entitlements.get-task-allow is false (ad-hoc)"},
-      {wrapped(allDevices + "<false/>"), "appstore",
-       "Provisioning - ProvisionsAllDevices and ProvisionedDevices don't exist (appstore)"},
+       "get-task-allow is true (debug)"},
+      {wrapped(kDevices + allDevices + "<true/>"), "ad-hoc", "get-task-allow is false (ad-hoc)"},
+      {wrapped(allDevices + "<false/>"), "appstore", "ProvisionedDevices don't exist (appstore)"},
       {wrapped(allDevices + "<integer>1</integer>"), "enterprise",
-       "Provisioning - ProvisionsAllDevices exists (enterprise)"},
-      {"no markers at all", std::nullopt,
-       "Couldn't find beginning of plist in embedded.mobileprovision"},
-      {head, std::nullopt, "Couldn't find ending of plist in embedded.mobileprovision"},
+       "ProvisionsAllDevices exists (enterprise)"},
+      {"no markers at all", std::nullopt, "Couldn't find beginning of plist"},
+      {head, std::nullopt, "Couldn't find ending of plist"},
       // The only closing marker lies before the only opening one.
-      {"</plist> and later <?xml", std::nullopt, noExtract},
-      {"<?xml \xff\xfe </plist>", std::nullopt, noExtract},
+      {"</plist> and later <?xml", std::nullopt, "Couldn't extract plist string"},
+      {"<?xml \xff\xfe </plist>", std::nullopt, "Couldn't extract plist string"},
       {head + "<dict><key>a</key></plist>", std::nullopt, "Couldn't read plist: "},
       {head + "<array/></plist>", std::nullopt, "Couldn't read plist: "},
   };
