@@ -36,10 +36,16 @@ Data bytes(std::string_view text) {
   return Data(text.begin(), text.end());
 }
 
-// The data stored for account (searching every entitled group), or "" when none.
-std::string readText(const char* account) {
+// What a search that must succeed finds.
+Value found(const Value& search) {
   Value result;
-  SecItemCopyMatching(query(account, {{kSecReturnData, true}}), &result);
+  EXPECT_EQ(SecItemCopyMatching(search, &result), errSecSuccess) << search.description();
+  return result;
+}
+
+// The data stored for account (searching every entitled group).
+std::string readText(const char* account) {
+  const Value result = found(query(account, {{kSecReturnData, true}}));
   const Data* data = result.asData();
   return data ? std::string(data->begin(), data->end()) : "";
 }
@@ -75,12 +81,9 @@ TEST_F(KeychainItems, ItemsAreAddedFoundUpdatedAndDeletedAndMalformedQueriesRefu
 
   Clock::advance(60);
   EXPECT_EQ(SecItemUpdate(query("a"), Value::dict({{kSecValueData, bytes("two")}})), errSecSuccess);
-  Value attributes;
-  ASSERT_EQ(SecItemCopyMatching(query("a", {{kSecReturnData, true},
-                                            {kSecReturnAttributes, true},
-                                            {kSecMatchLimit, kSecMatchLimitOne}}),
-                                &attributes),
-            errSecSuccess);
+  const Value attributes = found(query(
+      "a",
+      {{kSecReturnData, true}, {kSecReturnAttributes, true}, {kSecMatchLimit, kSecMatchLimitOne}}));
   EXPECT_EQ(attributes[kSecValueData], Value(bytes("two")));
   EXPECT_EQ(attributes[kSecAttrAccessGroup], Value(kBundleId)) << attributes.description();
   EXPECT_EQ(attributes[kSecAttrAccessible], Value(kSecAttrAccessibleAlwaysThisDeviceOnly));
@@ -133,21 +136,16 @@ TEST_F(KeychainItems, AccessGroupsFollowTheEntitlements) {
   ASSERT_EQ(SecItemAdd(query("a", {{kSecValueData, bytes("first")}})), errSecSuccess);
   EXPECT_EQ(readText("a"), "first");  // the first entitled group comes first
 
-  Value all;
-  ASSERT_EQ(
-      SecItemCopyMatching(
-          query("a", {{kSecReturnAttributes, true}, {kSecMatchLimit, kSecMatchLimitAll}}), &all),
-      errSecSuccess);
+  const Value all =
+      found(query("a", {{kSecReturnAttributes, true}, {kSecMatchLimit, kSecMatchLimitAll}}));
   ASSERT_EQ(all.size(), 2u);
   EXPECT_EQ((*all.asArray())[0][kSecAttrAccessGroup], Value("TEAM.shared"));
   EXPECT_EQ((*all.asArray())[1][kSecAttrAccessGroup], Value("TEAM.other"));
 
-  Value foreign = query("a", {{kSecAttrAccessGroup, kBundleId}, {kSecValueData, bytes("x")}});
+  const Value foreign = query("a", {{kSecAttrAccessGroup, kBundleId}});
   EXPECT_EQ(SecItemAdd(foreign), errSecMissingEntitlement);
-  EXPECT_EQ(SecItemCopyMatching(query("a", {{kSecAttrAccessGroup, kBundleId}})),
-            errSecMissingEntitlement);
-  EXPECT_EQ(SecItemDelete(query("a", {{kSecAttrAccessGroup, kBundleId}})),
-            errSecMissingEntitlement);
+  EXPECT_EQ(SecItemCopyMatching(foreign), errSecMissingEntitlement);
+  EXPECT_EQ(SecItemDelete(foreign), errSecMissingEntitlement);
 
   // Deleting without a group removes the item from every entitled group.
   EXPECT_EQ(SecItemDelete(query("a")), errSecSuccess);
