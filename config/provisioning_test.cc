@@ -15,9 +15,10 @@ namespace {
 const std::string kDevices =
     "<key>ProvisionedDevices</key><array><string>00008110-000A1C2E3F4B5D6E</string></array>";
 
-std::string plistWith(const std::string& members) {
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" + members +
-         "</dict></plist>";
+// An unsigned profile: a plist of these members between bytes the reader skips.
+std::string profile(const std::string& members) {
+  return "junk\x01\x02<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" +
+         members + "</dict></plist>\x03trailer";
 }
 
 class ProvisioningTest : public ::testing::Test {
@@ -34,18 +35,15 @@ class ProvisioningTest : public ::testing::Test {
 TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembersAndFindsTheBundlesProfile) {
   const std::string taskAllow = "<key>Entitlements</key><dict><key>get-task-allow</key>";
   const std::string allDevices = "<key>ProvisionsAllDevices</key>";
-  auto wrapped = [](const std::string& members) {
-    return "junk\x01\x02" + plistWith(members) + "\x03trailer";
-  };
   const std::string head = "<?xml version=\"1.0\"?><plist>";
   // The profile's text, the environment read from it, and a part of what the log says.
   const std::tuple<std::string, std::optional<std::string>, std::string> cases[] = {
-      {wrapped(kDevices), "ad-hoc", "get-task-allow is false (ad-hoc)"},
-      {wrapped(kDevices + taskAllow + "<string>YES</string></dict>"), "debug",
+      {profile(kDevices), "ad-hoc", "get-task-allow is false (ad-hoc)"},
+      {profile(kDevices + taskAllow + "<string>YES</string></dict>"), "debug",
        "get-task-allow is true (debug)"},
-      {wrapped(kDevices + allDevices + "<true/>"), "ad-hoc", "get-task-allow is false (ad-hoc)"},
-      {wrapped(allDevices + "<false/>"), "appstore", "ProvisionedDevices don't exist (appstore)"},
-      {wrapped(allDevices + "<integer>1</integer>"), "enterprise",
+      {profile(kDevices + allDevices + "<true/>"), "ad-hoc", "get-task-allow is false (ad-hoc)"},
+      {profile(allDevices + "<false/>"), "appstore", "ProvisionedDevices don't exist (appstore)"},
+      {profile(allDevices + "<integer>1</integer>"), "enterprise",
        "ProvisionsAllDevices exists (enterprise)"},
       {"no markers at all", std::nullopt, "Couldn't find beginning of plist"},
       {head, std::nullopt, "Couldn't find ending of plist"},
@@ -66,7 +64,7 @@ TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembersAndFindsTheBundlesPr
   pnx::testing::ScopedDevice device;
   EXPECT_EQ(PNXProvisioning().binaryEnvironment(), std::nullopt);
   EXPECT_TRUE(log_.contains("find file embedded.mobileprovision or embedded.provisionprofile"));
-  device.writeBundleFile("Contents/embedded.provisionprofile", plistWith(""));
+  device.writeBundleFile("Contents/embedded.provisionprofile", profile(""));
   EXPECT_EQ(PNXProvisioning().binaryEnvironment(), "appstore");
   // The phone's layout wins over the desktop one; pnx profile's test reads an expired one.
   const std::string command =
