@@ -1,7 +1,6 @@
 // LogCapture: while it lives, system-log and console lines come here, not to syslog and stderr.
-// lines() waits for the log's queues and gives system-log lines as mark and text, e.g. "🛑
-// Keychain is inaccessible." (never level 0 ones). Set a level first. Accessors may be called
-// from any thread; build and destroy it on the test's thread.
+// lines() waits for the log's queues and gives system-log lines (never level-0 ones) as mark and
+// text. Set a level first. Use from any thread; build and destroy it on the test's thread.
 #pragma once
 
 #include <algorithm>
