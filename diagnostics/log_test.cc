@@ -214,11 +214,9 @@ TEST_F(LogTest, ANewDirectoryIsCreatedPrivateAndUnusablePlacesAreRefused) {
   log.drain();
   EXPECT_TRUE(std::filesystem::is_symlink(dir.file("linked/PNX.log")));
   EXPECT_EQ(dir.read("elsewhere/target"), "");
-  const auto lines = capture.lines();
-  EXPECT_EQ(std::count(lines.begin(), lines.end(),
-                       kError + "Refused log file " + dir.file("linked/PNX.log") +
-                           ": it is a symbolic link."),
-            1);
+  const std::string refused =
+      kError + "Refused log file " + dir.file("linked/PNX.log") + ": it is a symbolic link.";
+  EXPECT_EQ(std::ranges::count(capture.lines(), refused), 1);
 }
 
 TEST_F(LogTest, LinesFromManyThreadsKeepTheirOrderAndHostMarksAreKept) {
