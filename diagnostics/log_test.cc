@@ -163,10 +163,8 @@ TEST_F(LogTest, RotatesOnlyPastMaximumSizeAndShiftsBackupsUpToTheLimit) {
     log.setMaximumNumberOfLogFiles(limit);
     log.rotate();
     std::map<std::string, std::string> found;
-    for (const auto& entry : std::filesystem::directory_iterator(dir.file(sub))) {
-      const std::string name = entry.path().filename();
-      found[name] = dir.read(sub + "/" + name);
-    }
+    for (const auto& entry : std::filesystem::directory_iterator(dir.file(sub)))
+      found[entry.path().filename()] = dir.read(sub + "/" + entry.path().filename().string());
     EXPECT_EQ(found, after) << "limit " << limit;
   }
 }
