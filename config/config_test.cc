@@ -131,9 +131,8 @@ TEST_F(ConfigTest, ValuesAreReadLooselyTypedClampedAndTheBaseUrlReducedToItsRoot
       // ".." components cannot climb above the root (deleting them one by one never ends).
       {"https://api.example.com/a/../b/..", "https://api.example.com/"},
   };
-  for (const auto& [given, root] : cases) {
+  for (const auto& [given, root] : cases)
     EXPECT_EQ(config->trimmedBaseUrlWithString(given).absoluteString(), root) << given;
-  }
   std::string deep = "https://api.example.com";  // linear time, not one copy per component
   for (int i = 0; i < 100000; ++i) deep += "/abcdefghi";
   EXPECT_EQ(config->trimmedBaseUrlWithString(deep).absoluteString(), "https://api.example.com/");
@@ -161,9 +160,8 @@ TEST_F(ConfigTest, LocationBlocksCountOnlyWhenPresentAndAppKeysAreCheckedAndChos
   EXPECT_TRUE(log_.contains(kBeaconError));
   const std::pair<const char*, double> accuracies[] = {
       {"best", -1}, {"10m", 10}, {"100m", 100}, {"1km", 1000}, {"3km", 3000}};
-  for (const auto& [name, metres] : accuracies) {
+  for (const auto& [name, metres] : accuracies)
     EXPECT_EQ(config->validateGeofenceAccuracy(name), metres) << name;
-  }
 
   // Bad values are quoted as short escaped excerpts (whole files too: pnx config's tests).
   build(R"("location": {"geofence": {"accuracy": "\u001b[2J\u0000"}})");
@@ -205,9 +203,8 @@ TEST_F(ConfigTest, SetsUpTheLogLogsATenLineSummaryAndLooksTheDelegateClassUp) {
   const std::vector<std::string> lines = log_.lines();
   ASSERT_GE(lines.size(), 10u);
   std::string summary;  // the last ten lines without their marks
-  for (auto line = lines.end() - 10; line != lines.end(); ++line) {
+  for (auto line = lines.end() - 10; line != lines.end(); ++line)
     summary += line->substr(line->find(' ') + 1) + "|";
-  }
   EXPECT_EQ(summary, std::string("Application Configuration Loaded|Log Level is INFO|App Key is "
                                  "apPROD5678|Base URL is ") +
                          kDefaultUrl +

@@ -39,9 +39,8 @@ void writeC(PNXLogLevel level, const char* format, ...) {
 Lines unstamped(const std::string& text, bool keepMarks = false) {
   Lines lines;
   std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
+  for (std::string line; std::getline(in, line);)
     lines.push_back(line.substr(keepMarks ? kStampLength : line.find(' ', kStampLength) + 1));
-  }
   return lines;
 }
 
@@ -103,9 +102,8 @@ TEST_F(LogTest, FileLinesAreStampedAndLevelsPassAsTheTableSaysWithTheirMarksAndT
     PNXLogVerbose("at %ld", current);
     PNXLogTrace("at %ld", current);
     Lines expected;
-    for (PNXLogLevel level = 1; level <= current; ++level) {
+    for (PNXLogLevel level = 1; level <= current; ++level)
       expected.push_back(marks[level - 1] + "at " + std::to_string(current));
-    }
     EXPECT_EQ(capture.lines(), expected) << "at level " << names[current];
   }
   EXPECT_EQ(capture.types(),
@@ -129,9 +127,8 @@ TEST_F(LogTest, RotatesOnlyPastMaximumSizeAndShiftsBackupsUpToTheLimit) {
     log.setMaximumSize(limit);
     for (int i = 1; i <= 4; ++i) PNXLogError("ab%d", i);
     log.drain();
-    for (const auto& [name, lines] : files) {
+    for (const auto& [name, lines] : files)
       EXPECT_EQ(unstamped(dir.read(logs + "/" + name)), lines) << logs << "/" << name;
-    }
   }
 
   // A file found oversized on opening is rotated first, which costs the line that found it.
@@ -251,9 +248,8 @@ TEST_F(LogTest, TwoProcessesWritingAndRotatingTheSameFilesLoseNoLine) {
   Lines expected, found;
   std::vector<pid_t> children;
   for (int process = 0; process < kProcesses; ++process) {
-    for (int i = 0; i < kLinesEach; ++i) {
+    for (int i = 0; i < kLinesEach; ++i)
       expected.push_back("process " + std::to_string(process) + " line " + std::to_string(i));
-    }
     const pid_t pid = fork();
     if (pid == 0) {
       for (int i = 0; i < kLinesEach; ++i) log.writeFileLog(expected[process * kLinesEach + i]);
