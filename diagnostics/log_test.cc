@@ -106,9 +106,8 @@ TEST_F(LogTest, FileLinesAreStampedAndLevelsPassAsTheTableSaysWithTheirMarksAndT
       expected.push_back(marks[level - 1] + "at " + std::to_string(current));
     EXPECT_EQ(capture.lines(), expected) << "at level " << names[current];
   }
-  EXPECT_EQ(capture.types(),
-            (std::vector<pnx::LogType>{pnx::LogType::Error, pnx::LogType::Info, pnx::LogType::Info,
-                                       pnx::LogType::Debug, pnx::LogType::Debug}));
+  using enum pnx::LogType;
+  EXPECT_EQ(capture.types(), (std::vector<pnx::LogType>{Error, Info, Info, Debug, Debug}));
   log.setLogLevelName("DEBUG");
   log.setLogLevelName(std::nullopt);
   EXPECT_EQ(log.logLevelName(), "TRACE");
