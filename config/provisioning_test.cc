@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <optional>
+#include <tuple>
 
 #include "diagnostics/log.h"
 #include "diagnostics/log_capture_test.h"
@@ -14,9 +15,10 @@ namespace {
 const std::string kDevices =
     "<key>ProvisionedDevices</key><array><string>00008110-000A1C2E3F4B5D6E</string></array>";
 
-std::string plistWith(const std::string& members) {
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" + members +
-         "</dict></plist>";
+// An unsigned profile: a plist of these members between bytes the reader skips.
+std::string profile(const std::string& members) {
+  return "junk\x01\x02<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" +
+         members + "</dict></plist>\x03trailer";
 }
 
 class ProvisioningTest : public ::testing::Test {
@@ -28,60 +30,43 @@ class ProvisioningTest : public ::testing::Test {
   LogCapture log_;
 };
 
-// Profiles here are unsigned text: the reader needs only the plist between the markers. An
-// unreadable one leaves everything none.
-TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembersAndSaysWhy) {
+// Profiles here are unsigned text, but for one: the reader needs only the plist between the
+// markers. An unreadable one leaves everything none.
+TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembersAndFindsTheBundlesProfile) {
   const std::string taskAllow = "<key>Entitlements</key><dict><key>get-task-allow</key>";
   const std::string allDevices = "<key>ProvisionsAllDevices</key>";
-  auto wrapped = [](const std::string& members) {
-    return "junk\x01\x02" + plistWith(members) + "\x03trailer";
-  };
-  const std::string noExtract = "Couldn't extract plist string from embedded.mobileprovision";
-  struct Case {
-    std::string text;
-    std::optional<std::string> environment;
-    std::string message;
-  };
-  const Case cases[] = {
-      {wrapped(kDevices), "ad-hoc", "Provisioning - Entitlements.get-task-allow is false (ad-hoc)"},
-      {wrapped(kDevices + taskAllow + "<string>YES</string></dict>"), "debug",
-       "Provisioning - Entitlements.get-task-allow is true (debug)"},
-      {wrapped(kDevices + allDevices + "<true/>"), "ad-hoc",
-       "Provisioning - Entitlements.get-task-allow is false (ad-hoc)"},
-      {wrapped(allDevices + "<false/>"), "appstore",
-       "Provisioning - ProvisionsAllDevices and ProvisionedDevices don't exist (appstore)"},
-      {wrapped(allDevices + "<integer>1</integer>"), "enterprise",
-       "Provisioning - ProvisionsAllDevices exists (enterprise)"},
-      {"no markers at all", std::nullopt,
-       "Couldn't find beginning of plist in embedded.mobileprovision"},
-      {"<?xml version=\"1.0\"?><plist>", std::nullopt,
-       "Couldn't find ending of plist in embedded.mobileprovision"},
+  const std::string head = "<?xml version=\"1.0\"?><plist>";
+  // The profile's text, the environment read from it, and a part of what the log says.
+  const std::tuple<std::string, std::optional<std::string>, std::string> cases[] = {
+      {profile(kDevices), "ad-hoc", "get-task-allow is false (ad-hoc)"},
+      {profile(kDevices + taskAllow + "<string>YES</string></dict>"), "debug",
+       "get-task-allow is true (debug)"},
+      {profile(kDevices + allDevices + "<true/>"), "ad-hoc", "get-task-allow is false (ad-hoc)"},
+      {profile(allDevices + "<false/>"), "appstore", "ProvisionedDevices don't exist (appstore)"},
+      {profile(allDevices + "<integer>1</integer>"), "enterprise",
+       "ProvisionsAllDevices exists (enterprise)"},
+      {"no markers at all", std::nullopt, "Couldn't find beginning of plist"},
+      {head, std::nullopt, "Couldn't find ending of plist"},
       // The only closing marker lies before the only opening one.
-      {"</plist> and later <?xml", std::nullopt, noExtract},
-      {"<?xml \xff\xfe </plist>", std::nullopt, noExtract},
-      {"<?xml version=\"1.0\"?><plist><dict><key>a</key></plist>", std::nullopt,
-       "Couldn't read plist: "},
-      {"<?xml version=\"1.0\"?><plist><array/></plist>", std::nullopt, "Couldn't read plist: "},
+      {"</plist> and later <?xml", std::nullopt, "Couldn't extract plist string"},
+      {"<?xml \xff\xfe </plist>", std::nullopt, "Couldn't extract plist string"},
+      {head + "<dict><key>a</key></plist>", std::nullopt, "Couldn't read plist: "},
+      {head + "<array/></plist>", std::nullopt, "Couldn't read plist: "},
   };
-  for (const Case& c : cases) {
+  for (const auto& [text, environment, message] : cases) {
     log_.clear();
-    PNXProvisioning reader(scratch_.write("p", c.text));
-    EXPECT_EQ(reader.binaryEnvironment(), c.environment) << c.text;
-    EXPECT_TRUE(log_.contains(c.message)) << c.text;
-    EXPECT_TRUE(c.environment || reader.provisionedDevices().isNull()) << c.text;
+    PNXProvisioning reader(scratch_.write("p", text));
+    EXPECT_EQ(reader.binaryEnvironment(), environment) << text;
+    EXPECT_TRUE(log_.contains(message)) << text;
+    EXPECT_TRUE(environment || reader.provisionedDevices().isNull()) << text;
   }
-}
 
-TEST_F(ProvisioningTest, FindsTheProfileInTheMainBundleAndReadsASignedOne) {
   pnx::testing::ScopedDevice device;
   EXPECT_EQ(PNXProvisioning().binaryEnvironment(), std::nullopt);
-  EXPECT_TRUE(log_.contains(
-      "Couldn't find file embedded.mobileprovision or embedded.provisionprofile, you may be "
-      "using the Simulator which doesn't have this file."));
-  device.writeBundleFile("Contents/embedded.provisionprofile", plistWith(""));
+  EXPECT_TRUE(log_.contains("find file embedded.mobileprovision or embedded.provisionprofile"));
+  device.writeBundleFile("Contents/embedded.provisionprofile", profile(""));
   EXPECT_EQ(PNXProvisioning().binaryEnvironment(), "appstore");
-  // The phone's layout wins over the desktop one. A signed profile as the build tools make it,
-  // by the examples' script; an expired one is read by pnx profile's test.
+  // The phone's layout wins over the desktop one; pnx profile's test reads an expired one.
   const std::string command =
       "sh " PNX_SOURCE_DIR "/examples/make-profiles.sh --days 365 '" + scratch_.path() + "' debug";
   ASSERT_EQ(std::system(command.c_str()), 0) << command;

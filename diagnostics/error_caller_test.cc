@@ -15,7 +15,19 @@ std::shared_ptr<PNXErrorCaller> recordOf(Lines lines) {
   return PNXErrorCaller::errorCallerWithStack(std::move(lines));
 }
 
-TEST(ErrorCallerTest, SplitsAtTheSeparatorCharactersOnlyAndDropsItsOwnFrames) {
+// A caller of the library: its frame is the one an error must name.
+struct ServiceUnderTest {
+  [[gnu::noinline]] pnx::ErrorPtr failToReachKeychain();
+  int failures = 0;
+};
+
+pnx::ErrorPtr ServiceUnderTest::failToReachKeychain() {
+  pnx::ErrorPtr error = NSError_PNX::keychainNotAvailable();
+  ++failures;  // keeps the call from being a tail call
+  return error;
+}
+
+TEST(ErrorCallerTest, SplitsAtTheSeparatorsDropsItsOwnFramesAndNamesTheFrameThatAsked) {
   EXPECT_EQ(PNXErrorCaller::tokens("4   SomeFramework   0x4a3c +[NSError(PNX) "
                                    "errorWithCode:description:underlyingError:userInfo:] + 120"),
             (Lines{"4", "SomeFramework", "0x4a3c", "NSError(PNX)",
@@ -37,41 +49,23 @@ TEST(ErrorCallerTest, SplitsAtTheSeparatorCharactersOnlyAndDropsItsOwnFrames) {
   EXPECT_EQ(plain->functionCaller(), "96");
 
   // Its own frames and the error factories' are dropped wherever they stand.
-  auto record = recordOf({
-      "0   Lib   0x1 -[PNXErrorCaller findCallbackSymbol] + 1",
-      "1   Lib   0x2 -[PNXErrorCaller errorCaller] + 2",
-      "2   Lib   0x3 -[NSError(PNX) errorWithCode] + 3",
-      "3   Lib   0x4 -[PNXKeychain objectForName] + 4",
-      "4   Lib   0x5",
-      "5   Lib   0x6 -[NSError(PNX) keychainNotAvailable] + 6",
-  });
-  EXPECT_EQ(record->stack(),
-            (Lines{"3   Lib   0x4 -[PNXKeychain objectForName] + 4", "4   Lib   0x5"}));
+  const Lines kept = {"3   Lib   0x4 -[PNXKeychain objectForName] + 4", "4   Lib   0x5"};
+  auto record = recordOf({"0   Lib   0x1 -[PNXErrorCaller findCallbackSymbol] + 1",
+                          "1   Lib   0x2 -[PNXErrorCaller errorCaller] + 2",
+                          "2   Lib   0x3 -[NSError(PNX) errorWithCode] + 3", kept[0], kept[1],
+                          "5   Lib   0x6 -[NSError(PNX) keychainNotAvailable] + 6"});
+  EXPECT_EQ(record->stack(), kept);
   EXPECT_EQ(record->debugDescription(),
             "Caller Information:\nFramework: Lib\nAddress: 0x4\nClass Caller: PNXKeychain\n"
-            "Function Caller: objectForName\nStack:\n"
-            "3   Lib   0x4 -[PNXKeychain objectForName] + 4\n4   Lib   0x5\n");
+            "Function Caller: objectForName\nStack:\n" +
+                kept[0] + "\n" + kept[1] + "\n");
 
   auto empty = recordOf({"0   Lib   0x1 -[NSError(PNX) appKeyMissing] + 1"});
   ASSERT_TRUE(empty->stack());
   EXPECT_TRUE(empty->stack()->empty());
   EXPECT_FALSE(empty->framework());
   EXPECT_EQ(empty->debugDescription(), "Caller Information:\nStack:\n\n");
-}
 
-// A caller of the library: its frame is the one an error must name.
-struct ServiceUnderTest {
-  [[gnu::noinline]] pnx::ErrorPtr failToReachKeychain();
-  int failures = 0;
-};
-
-pnx::ErrorPtr ServiceUnderTest::failToReachKeychain() {
-  pnx::ErrorPtr error = NSError_PNX::keychainNotAvailable();
-  ++failures;  // keeps the call from being a tail call
-  return error;
-}
-
-TEST(ErrorCallerTest, AnErrorNamesTheFrameThatAskedForIt) {
   ServiceUnderTest service;
   pnx::ErrorPtr error = service.failToReachKeychain();
   const std::string* text = error->userInfo()[pnx::NSDebugDescriptionErrorKey].asString();

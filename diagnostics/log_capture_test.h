@@ -1,7 +1,6 @@
 // LogCapture: while it lives, system-log and console lines come here, not to syslog and stderr.
-// lines() waits for the log's queues and gives system-log lines as mark and text, e.g. "🛑
-// Keychain is inaccessible." (never level 0 ones). Set a level first. Accessors may be called
-// from any thread; build and destroy it on the test's thread.
+// lines() waits for the log's queues and gives system-log lines (never level-0 ones) as mark and
+// text. Set a level first. Use from any thread; build and destroy it on the test's thread.
 #pragma once
 
 #include <algorithm>
@@ -9,6 +8,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "diagnostics/log.h"
@@ -29,11 +29,7 @@ class LogCapture {
   }
   // Console lines (pnx::Console::log), without the console's header.
   std::vector<std::string> consoleLines() { return seen(false).console; }
-  void clear() {
-    PNXLog::sharedInstance().drain();
-    std::lock_guard<std::mutex> lock(sink_->mutex);
-    sink_->seen = {};
-  }
+  void clear() { seen(true, true); }
 
  private:
   struct Seen {
@@ -55,10 +51,10 @@ class LogCapture {
     Seen seen;
   };
 
-  Seen seen(bool drain = true) {
+  Seen seen(bool drain = true, bool reset = false) {
     if (drain) PNXLog::sharedInstance().drain();
     std::lock_guard<std::mutex> lock(sink_->mutex);
-    return sink_->seen;
+    return reset ? std::exchange(sink_->seen, {}) : sink_->seen;
   }
 
   std::shared_ptr<pnx::LogSink> previous_ = pnx::SystemLog::sink();

@@ -38,11 +38,6 @@ class KeychainStore : public ::testing::Test {
   }
   ~KeychainStore() override { pnx::Clock::useSystemClock(); }
 
-  void useTeamId(std::optional<std::string> teamId) {
-    PNXConfig::sharedInstanceWithDictionary(pnx::Value::dict({}))->setTeamId(std::move(teamId));
-    PNXLog::sharedInstance().setLogLevelName("trace");  // the configuration sets its own
-  }
-
   pnx::testing::ScopedDevice device_;
   LogCapture log_;
   PNXKeychain store_{"svc"};
@@ -130,12 +125,13 @@ TEST_F(KeychainStore, TheDefaultStoreIsTheBundlesAndTheGroupStoreTheTeams) {
   EXPECT_FALSE(store->group());
   EXPECT_TRUE(log_.contains(std::string("keychain bundleId: ") + kBundleId));
 
-  useTeamId(std::nullopt);
+  auto config = PNXConfig::sharedInstanceWithDictionary(pnx::Value::dict({}));
+  PNXLog::sharedInstance().setLogLevelName("trace");  // the configuration sets its own
+  config->setTeamId(std::nullopt);
   EXPECT_FALSE(PNXKeychain::groupKeychain("PNX")->group());
-  EXPECT_TRUE(log_.contains(
-      "Can not create keychain group with teamId, there is no teamId in config file."));
+  EXPECT_TRUE(log_.contains("Can not create keychain group with teamId, there is no teamId"));
 
-  useTeamId("ABCDE12345");
+  config->setTeamId("ABCDE12345");
   device_.writeBundleFile("Entitlements.plist",
                           "<plist version=\"1.0\"><dict><key>keychain-access-groups</key>"
                           "<array><string>ABCDE12345.PNX</string></array></dict></plist>");
@@ -143,7 +139,6 @@ TEST_F(KeychainStore, TheDefaultStoreIsTheBundlesAndTheGroupStoreTheTeams) {
   EXPECT_EQ(shared->group(), "ABCDE12345.PNX");
   EXPECT_TRUE(log_.contains("Created keychain group with teamId"));
 
-  // What the shared group holds is checked with pnx identity; here, what the store logs.
   shared->setUserId("user-1");
   shared->setChannelId("channel-1");
   EXPECT_EQ(shared->channelId(), pnx::Value("channel-1"));
@@ -173,7 +168,6 @@ TEST_F(KeychainStore, ConcurrentWritersNeverCollideAndMergesLoseNothing) {
   pid_t children[2];
   for (int child = 0; child < 2; ++child) {
     children[child] = fork();
-    ASSERT_GE(children[child], 0);
     if (children[child] > 0) continue;
     PNXKeychain store("svc");
     int failures = 0;

@@ -36,14 +36,18 @@ Data bytes(std::string_view text) {
   return Data(text.begin(), text.end());
 }
 
-// The data stored for account (searching every entitled group), or "" when none.
-std::string readText(const char* account) {
+// What a search that must succeed finds.
+Value found(const Value& search) {
   Value result;
-  if (SecItemCopyMatching(query(account, {{kSecReturnData, true}}), &result) != errSecSuccess) {
-    return "";
-  }
+  EXPECT_EQ(SecItemCopyMatching(search, &result), errSecSuccess) << search.description();
+  return result;
+}
+
+// The data stored for account (searching every entitled group).
+std::string readText(const char* account) {
+  const Value result = found(query(account, {{kSecReturnData, true}}));
   const Data* data = result.asData();
-  return data ? std::string(data->begin(), data->end()) : "<not data>";
+  return data ? std::string(data->begin(), data->end()) : "";
 }
 
 // The reason a write failed for, "" when it succeeded.
@@ -77,12 +81,9 @@ TEST_F(KeychainItems, ItemsAreAddedFoundUpdatedAndDeletedAndMalformedQueriesRefu
 
   Clock::advance(60);
   EXPECT_EQ(SecItemUpdate(query("a"), Value::dict({{kSecValueData, bytes("two")}})), errSecSuccess);
-  Value attributes;
-  ASSERT_EQ(SecItemCopyMatching(query("a", {{kSecReturnData, true},
-                                            {kSecReturnAttributes, true},
-                                            {kSecMatchLimit, kSecMatchLimitOne}}),
-                                &attributes),
-            errSecSuccess);
+  const Value attributes = found(query(
+      "a",
+      {{kSecReturnData, true}, {kSecReturnAttributes, true}, {kSecMatchLimit, kSecMatchLimitOne}}));
   EXPECT_EQ(attributes[kSecValueData], Value(bytes("two")));
   EXPECT_EQ(attributes[kSecAttrAccessGroup], Value(kBundleId)) << attributes.description();
   EXPECT_EQ(attributes[kSecAttrAccessible], Value(kSecAttrAccessibleAlwaysThisDeviceOnly));
@@ -135,21 +136,16 @@ TEST_F(KeychainItems, AccessGroupsFollowTheEntitlements) {
   ASSERT_EQ(SecItemAdd(query("a", {{kSecValueData, bytes("first")}})), errSecSuccess);
   EXPECT_EQ(readText("a"), "first");  // the first entitled group comes first
 
-  Value all;
-  ASSERT_EQ(
-      SecItemCopyMatching(
-          query("a", {{kSecReturnAttributes, true}, {kSecMatchLimit, kSecMatchLimitAll}}), &all),
-      errSecSuccess);
+  const Value all =
+      found(query("a", {{kSecReturnAttributes, true}, {kSecMatchLimit, kSecMatchLimitAll}}));
   ASSERT_EQ(all.size(), 2u);
   EXPECT_EQ((*all.asArray())[0][kSecAttrAccessGroup], Value("TEAM.shared"));
   EXPECT_EQ((*all.asArray())[1][kSecAttrAccessGroup], Value("TEAM.other"));
 
-  Value foreign = query("a", {{kSecAttrAccessGroup, kBundleId}, {kSecValueData, bytes("x")}});
+  const Value foreign = query("a", {{kSecAttrAccessGroup, kBundleId}});
   EXPECT_EQ(SecItemAdd(foreign), errSecMissingEntitlement);
-  EXPECT_EQ(SecItemCopyMatching(query("a", {{kSecAttrAccessGroup, kBundleId}})),
-            errSecMissingEntitlement);
-  EXPECT_EQ(SecItemDelete(query("a", {{kSecAttrAccessGroup, kBundleId}})),
-            errSecMissingEntitlement);
+  EXPECT_EQ(SecItemCopyMatching(foreign), errSecMissingEntitlement);
+  EXPECT_EQ(SecItemDelete(foreign), errSecMissingEntitlement);
 
   // Deleting without a group removes the item from every entitled group.
   EXPECT_EQ(SecItemDelete(query("a")), errSecSuccess);
@@ -209,8 +205,7 @@ TEST_F(KeychainItems, AFailedWriteLosesNothingStoredBefore) {
     SQLiteIO::setCurrent(std::make_shared<FailingDisk>(code));
     EXPECT_NE(failedWrite("kept", "failed").find(message), npos) << code;
     SQLiteIO::setCurrent(nullptr);
-    // A commit whose sync failed after all its frames reached the log may still count, as
-    // the disk decided; anything else stays as before.
+    // A commit whose sync failed may still count, as the disk decided; others change nothing.
     std::string stored = readText("kept");
     EXPECT_TRUE(stored == before || (code == SQLITE_IOERR_FSYNC && stored == "failed")) << code;
     EXPECT_EQ(failedWrite("kept", after.c_str()), "") << code;
