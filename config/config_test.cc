@@ -42,7 +42,9 @@ class ConfigTest : public ::testing::Test {
 TEST_F(ConfigTest, ReadsTheBundleFileWithoutADictionaryAndBuildsTheSharedOneOnce) {
   PNXLog::sharedInstance().setLogLevelName("verbose");
   EXPECT_EQ(PNXConfig().teamId(), std::nullopt);
-  EXPECT_TRUE(log_.contains("Config file named PnxConfig.json was expected in bundle"));
+  EXPECT_TRUE(
+      log_.contains("Config file named PnxConfig.json was expected in bundle but not found, PNX "
+                    "integration will not operate correctly."));
   EXPECT_EQ(PNXLog::sharedInstance().logLevelName(), "ERROR");
 
   device_.writeBundleFile("PnxConfig.json", R"({"teamId": "FROMFILE"})");
@@ -144,7 +146,9 @@ TEST_F(ConfigTest, LocationBlocksCountOnlyWhenPresentAndAppKeysAreCheckedAndChos
   EXPECT_TRUE(config->autoInitializeLocationFlag());
   EXPECT_TRUE(config->geofenceEnabled());
   EXPECT_EQ(config->geofenceAccuracy(), 3000);
-  EXPECT_TRUE(log_.contains("geo accuracty is specified as '(null)', which is not a valid value"));
+  EXPECT_TRUE(
+      log_.contains("Config value for geo accuracty is specified as '(null)', which is not a valid "
+                    "value. Using default of 3km"));
   EXPECT_FALSE(config->beaconEnabled());
   EXPECT_TRUE(log_.contains(kBeaconError));
 
@@ -214,7 +218,8 @@ TEST_F(ConfigTest, SetsUpTheLogLogsATenLineSummaryAndLooksTheDelegateClassUp) {
   EXPECT_EQ(config->appDelegateClass()->name, "Delegate");
   EXPECT_FALSE(log_.contains("appDelegateClass does not exist"));
   EXPECT_EQ(build(R"("appDelegateClass": "Missing")")->appDelegateClass(), nullptr);
-  EXPECT_TRUE(log_.contains("appDelegateClass does not exist in config file"));
+  EXPECT_TRUE(log_.contains(
+      "appDelegateClass does not exist in config file, PNXAppDelegate will not be used."));
 
   PNXLog& log = PNXLog::sharedInstance();
   const std::uint64_t size = log.maximumSize();

@@ -53,7 +53,8 @@ TEST_F(DatabasePathTest, EachStorageTakesTheOtherOnesFilesAndKeepsItsOwnOnConfli
   pnx::FileManager::setCurrent(std::make_shared<NoNewDirectories>());
   EXPECT_EQ(config->pathForDatabase("d.db"), privateDirectory_ + "/d.db");
   pnx::FileManager::setCurrent(nullptr);
-  EXPECT_TRUE(log_.contains("Couldn't create private directory " + privateDirectory_ + ": no"));
+  EXPECT_TRUE(
+      log_.contains("Couldn't create private directory " + privateDirectory_ + ": no permission"));
   put(documents_ + "/e.db", "public");
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) threads.emplace_back([&] { config->pathForDatabase("e.db"); });
@@ -64,7 +65,8 @@ TEST_F(DatabasePathTest, EachStorageTakesTheOtherOnesFilesAndKeepsItsOwnOnConfli
 
   log_.clear();
   EXPECT_EQ(config->pathForDatabase("empty.db"), privateDirectory_ + "/empty.db");
-  EXPECT_TRUE(log_.contains("Using Private Path for database empty.db -> " + privateDirectory_));
+  EXPECT_TRUE(log_.contains("Using Private Path for database empty.db -> " + privateDirectory_ +
+                            "/empty.db"));
   EXPECT_FALSE(log_.contains("moving to"));
 
   put(library_ + "/a.db", "old private");
@@ -75,7 +77,8 @@ TEST_F(DatabasePathTest, EachStorageTakesTheOtherOnesFilesAndKeepsItsOwnOnConfli
   EXPECT_FALSE(std::filesystem::exists(library_ + "/a.db"));
   EXPECT_TRUE(log_.contains("Old private database found for a.db, moving to private path."));
   EXPECT_TRUE(log_.contains("Public database found for a.db, moving to private path."));
-  EXPECT_TRUE(log_.contains("Couldn't move public database at " + documents_ + "/a.db to "));
+  EXPECT_TRUE(log_.contains("Couldn't move public database at " + documents_ + "/a.db to " +
+                            privateDirectory_ + "/a.db: "));
   // Nothing left to move the second time but the conflicting public file.
   log_.clear();
   config->pathForDatabase("a.db");
@@ -99,7 +102,8 @@ TEST_F(DatabasePathTest, EachStorageTakesTheOtherOnesFilesAndKeepsItsOwnOnConfli
   EXPECT_EQ(contents(documents_ + "/c.db"), "old private");
   EXPECT_EQ(contents(privateDirectory_ + "/c.db"), "private");
   EXPECT_TRUE(log_.contains("Old Private database found for c.db, moving to public path."));
-  EXPECT_TRUE(log_.contains("Couldn't move private database at " + privateDirectory_ + "/c.db"));
+  EXPECT_TRUE(log_.contains("Couldn't move private database at " + privateDirectory_ + "/c.db to " +
+                            documents_ + "/c.db: "));
 }
 
 }  // namespace

@@ -63,7 +63,9 @@ TEST_F(ProvisioningTest, DecidesTheEnvironmentFromTheMembersAndFindsTheBundlesPr
 
   pnx::testing::ScopedDevice device;
   EXPECT_EQ(PNXProvisioning().binaryEnvironment(), std::nullopt);
-  EXPECT_TRUE(log_.contains("find file embedded.mobileprovision or embedded.provisionprofile"));
+  EXPECT_TRUE(
+      log_.contains("Couldn't find file embedded.mobileprovision or embedded.provisionprofile, you "
+                    "may be using the Simulator which doesn't have this file."));
   device.writeBundleFile("Contents/embedded.provisionprofile", profile(""));
   EXPECT_EQ(PNXProvisioning().binaryEnvironment(), "appstore");
   // The phone's layout wins over the desktop one; pnx profile's test reads an expired one.

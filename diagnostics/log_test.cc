@@ -192,7 +192,8 @@ TEST_F(LogTest, ANewDirectoryIsCreatedPrivateAndUnusablePlacesAreRefused) {
   dir.write("blocker", "x");
   log.setLogsDirectory(dir.file("blocker/sub"));
   PNXLogError("again");
-  EXPECT_TRUE(capture.contains(kError + "Specified output directory didn't exist and couldn't"));
+  EXPECT_TRUE(capture.contains(kError + "Specified output directory didn't exist and couldn't be "
+                                        "created, resetting to default. Error was: "));
   EXPECT_EQ(log.logsDirectory(), PNXLog::defaultLogsDirectory());
 
   // A symbolic link in the place of "PNX.log" is neither followed nor replaced; said so once.

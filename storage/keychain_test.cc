@@ -129,7 +129,8 @@ TEST_F(KeychainStore, TheDefaultStoreIsTheBundlesAndTheGroupStoreTheTeams) {
   PNXLog::sharedInstance().setLogLevelName("trace");  // the configuration sets its own
   config->setTeamId(std::nullopt);
   EXPECT_FALSE(PNXKeychain::groupKeychain("PNX")->group());
-  EXPECT_TRUE(log_.contains("Can not create keychain group with teamId, there is no teamId"));
+  EXPECT_TRUE(log_.contains(
+      "Can not create keychain group with teamId, there is no teamId in config file."));
 
   config->setTeamId("ABCDE12345");
   device_.writeBundleFile("Entitlements.plist",
