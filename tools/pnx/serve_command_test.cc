@@ -47,16 +47,14 @@ TEST(ServeCommand, AcceptsReportsPrintsAndListsThemAndRefusesWhatIsNotOne) {
   auto answer = client.Post(kDeliveryPath, kGzip, gzip(kReport), "application/json; charset=utf-8");
   ASSERT_TRUE(answer) << httplib::to_string(answer.error());
   EXPECT_EQ(answer->status, 200);
-  auto line = serve.nextLine();
-  ASSERT_TRUE(line);
-  EXPECT_EQ((*line)["appKey"], pnx::Value("ap12345678"));
-  EXPECT_EQ((*line)["records"], pnx::Value(pnx::Array{pnx::Value::dict(
-                                    {{"userId", "u1"}, {"channelId", "c1"}, {"mailingId", 7}})}));
-  EXPECT_EQ((*line)["bytes"]["gzip"], pnx::Value(gzip(kReport).size()));
-  EXPECT_EQ((*line)["bytes"]["json"], pnx::Value(kReport.size()));
-  ASSERT_TRUE((*line)["time"].isString());
-  EXPECT_TRUE(pnx::Date::fromISO8601(*(*line)["time"].asString()));
-  EXPECT_EQ(line->size(), 4u);
+  const pnx::Value line = serve.nextLine().value_or(pnx::Value());
+  ASSERT_TRUE(line["time"].isString());
+  EXPECT_TRUE(pnx::Date::fromISO8601(*line["time"].asString()));
+  EXPECT_EQ(line, pnx::Value::dict({{"appKey", "ap12345678"},
+                                    {"records", pnx::JSON::parse(kReport).value()["delivery"]},
+                                    {"bytes", pnx::Value::dict({{"gzip", gzip(kReport).size()},
+                                                                {"json", kReport.size()}})},
+                                    {"time", line["time"]}}));
 
   // Refusals are answered and printed with the reason (the checks' cases are tested apart).
   const std::tuple<const char*, std::string, int, const char*, const char*> refused[] = {
@@ -71,22 +69,20 @@ TEST(ServeCommand, AcceptsReportsPrintsAndListsThemAndRefusesWhatIsNotOne) {
     EXPECT_EQ(answer->status, status);
     EXPECT_EQ(answer->get_header_value("Allow"), allow);
     expectMentions(pnx::JSON::parse(answer->body).value_or(pnx::Value())["error"], mentions);
-    auto printed = serve.nextLine();
-    ASSERT_TRUE(printed);
-    EXPECT_EQ((*printed)["status"], pnx::Value(status));
-    EXPECT_EQ((*printed)["method"], pnx::Value("POST"));
-    EXPECT_EQ((*printed)["path"], pnx::Value(path));
-    expectMentions((*printed)["error"], mentions);
+    const pnx::Value printed = serve.nextLine().value_or(pnx::Value());
+    EXPECT_EQ(printed["status"], pnx::Value(status));
+    EXPECT_EQ(printed["method"], pnx::Value("POST"));
+    EXPECT_EQ(printed["path"], pnx::Value(path));
+    expectMentions(printed["error"], mentions);
   }
 
   // The list holds the report but nothing refused, and its request is printed too.
   auto reports = client.Get("/_pnx/reports");
   ASSERT_TRUE(reports);
-  EXPECT_EQ(pnx::JSON::parse(reports->body), pnx::Value(pnx::Array{*line}));
-  auto reportsLine = serve.nextLine();
-  ASSERT_TRUE(reportsLine);
-  EXPECT_EQ((*reportsLine)["path"], pnx::Value("/_pnx/reports"));
-  EXPECT_EQ((*reportsLine)["status"], pnx::Value(200));
+  EXPECT_EQ(pnx::JSON::parse(reports->body), pnx::Value(pnx::Array{line}));
+  const pnx::Value reportsLine = serve.nextLine().value_or(pnx::Value());
+  EXPECT_EQ(reportsLine["path"], pnx::Value("/_pnx/reports"));
+  EXPECT_EQ(reportsLine["status"], pnx::Value(200));
 
   // Answers on a kept-alive connection come at once: the body of a compressed answer,
   // written after its head, must not wait for the client's delayed ACK (40 ms each time).
@@ -107,15 +103,13 @@ TEST(ServeCommand, FaultsApplyInOrderForTheirTimesAndAreReplacedAtRunTime) {
   ASSERT_TRUE(limited);
   EXPECT_EQ(limited->status, 429);
   EXPECT_EQ(limited->get_header_value("Retry-After"), "30");
-  auto line = serve.nextLine();
-  ASSERT_TRUE(line);
-  EXPECT_EQ((*line)["status"], pnx::Value(429));
-  EXPECT_EQ((*line)["fault"], pnx::Value("status=429,retry-after=30,times=1"));
+  const pnx::Value line = serve.nextLine().value_or(pnx::Value());
+  EXPECT_EQ(line["status"], pnx::Value(429));
+  EXPECT_EQ(line["fault"], pnx::Value("status=429,retry-after=30,times=1"));
   EXPECT_FALSE(postReport(client));  // the connection closed without any answer
-  auto dropped = serve.nextLine();
-  ASSERT_TRUE(dropped);
-  EXPECT_TRUE((*dropped)["status"].isNull());
-  EXPECT_EQ((*dropped)["fault"], pnx::Value("drop,times=1"));
+  const pnx::Value dropped = serve.nextLine().value_or(pnx::Value());
+  EXPECT_TRUE(dropped["status"].isNull());
+  EXPECT_EQ(dropped["fault"], pnx::Value("drop,times=1"));
   EXPECT_EQ(postReport(client)->status, 200);
   EXPECT_EQ((*serve.nextLine())["appKey"], pnx::Value("ap12345678"));
 
