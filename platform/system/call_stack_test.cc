@@ -14,14 +14,12 @@ namespace {
 
 // Functions local to this file: dladdr can't name them, the symbol table can.
 struct StackProbe {
-  [[gnu::noinline]] std::vector<std::string> capture(int skipFrames);
+  [[gnu::noinline]] std::vector<std::string> capture(int skipFrames) {
+    std::vector<std::string> lines = pnx::callStackSymbols(skipFrames);
+    asm volatile("" ::: "memory");  // no tail call: this frame must stay on the stack
+    return lines;
+  }
 };
-
-std::vector<std::string> StackProbe::capture(int skipFrames) {
-  std::vector<std::string> lines = pnx::callStackSymbols(skipFrames);
-  asm volatile("" ::: "memory");  // no tail call: this frame must stay on the stack
-  return lines;
-}
 
 [[gnu::noinline]] std::vector<std::string> captureFromFunction(int skipFrames) {
   std::vector<std::string> lines = StackProbe().capture(skipFrames);

@@ -6,6 +6,8 @@
 
 #include <thread>
 
+#include "platform/foundation/json.h"
+
 namespace pnx::serve {
 namespace {
 
@@ -64,11 +66,8 @@ TEST(ServeFault, PlanTakesTheFirstFaultWithUsesLeftOnceAcrossThreads) {
   plan.replace({*parseFault("status=500,times=1"), *parseFault("status=429,times=2")});
   EXPECT_EQ(plan.next()->status, 500);
   EXPECT_EQ(plan.next()->status, 429);
-  EXPECT_EQ(plan.describe(),
-            pnx::Value(pnx::Array{
-                pnx::Value::dict({{"fault", "status=500,times=1"}, {"remaining", 0}}),
-                pnx::Value::dict({{"fault", "status=429,times=2"}, {"remaining", 1}}),
-            }));
+  EXPECT_EQ(plan.describe(), pnx::JSON::parse(R"([{"fault": "status=500,times=1", "remaining": 0},
+                                                   {"fault": "status=429,times=2", "remaining": 1}])"));
   EXPECT_EQ(plan.next()->status, 429);
   EXPECT_EQ(plan.next(), std::nullopt);  // all used up: answers are normal again
 
