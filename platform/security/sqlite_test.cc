@@ -19,8 +19,7 @@ TEST(SQLite, RowsComeBackAsDictionariesOfTypedValues) {
   ASSERT_TRUE(database->execute("INSERT INTO t (b) VALUES (?)", {Value(Data{})}));
 
   auto rows = database->query("SELECT * FROM t ORDER BY rowid");
-  ASSERT_TRUE(rows);
-  ASSERT_TRUE(rows->next());
+  ASSERT_TRUE(rows && rows->next());
   EXPECT_EQ(rows->resultDictionary(),
             Value::dict({{"i", -7}, {"r", 1.5}, {"s", "tëxt"}, {"b", Data{0, 9}}, {"n", Value()}}));
   EXPECT_TRUE(rows->resultDictionary()["i"].isInteger());

@@ -117,8 +117,7 @@ TEST(ServeCommand, FaultsApplyInOrderForTheirTimesAndAreReplacedAtRunTime) {
       client.Post("/_pnx/faults", R"(["status=503,delay=0.4,times=1"])", "application/json");
   ASSERT_TRUE(replaced);
   EXPECT_EQ(pnx::JSON::parse(replaced->body),
-            pnx::Value(pnx::Array{
-                pnx::Value::dict({{"fault", "status=503,delay=0.4,times=1"}, {"remaining", 1}})}));
+            pnx::JSON::parse(R"([{"fault": "status=503,delay=0.4,times=1", "remaining": 1}])"));
   auto bad = client.Post("/_pnx/faults", R"(["status=500", "status=abc"])", "application/json");
   ASSERT_TRUE(bad);
   EXPECT_EQ(bad->status, 400);
