@@ -116,8 +116,7 @@ TEST(AsyncAfterTest, APinnedClockFiresExactlyWhenDueAndADestroyedQueueDropsWhatW
   queue.drain();
   EXPECT_EQ(ran.back(), "10 s");
 
-  // A destroyed queue runs what is queued, even what those blocks queue, and drops the
-  // blocks whose time has not come.
+  // A destroyed queue runs what is queued (and what that queues) but drops what is not due.
   int counter = 0;
   auto captured = std::make_shared<int>(0);
   {

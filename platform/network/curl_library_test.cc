@@ -5,7 +5,6 @@
 #include <fstream>
 #include <random>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "platform/foundation/url.h"

@@ -53,9 +53,7 @@ TEST(CallStackTest, LinesNameTheCallingFramesInThePlatformShape) {
 
 TEST(SymbolNameTest, RendersMembersInBracketsAndOtherFunctionsByName) {
   const std::pair<const char*, const char*> cases[] = {
-      {"NSError_PNX::errorWithCode(long, std::__cxx11::basic_string<char, "
-       "std::char_traits<char>, std::allocator<char> > const&)",
-       "-[NSError(PNX) errorWithCode]"},
+      {"NSError_PNX::errorWithCode(long, std::string const&)", "-[NSError(PNX) errorWithCode]"},
       {"pnx::DispatchQueue::sync(std::function<void ()> const&) const",
        "-[pnx::DispatchQueue sync]"},
       {"std::vector<int, std::allocator<int> > pnx::Store<int>::load<int>(int) &&",

@@ -1,5 +1,4 @@
-// pnx serve as a process: it is started with --port 0, its first line gives the port, and
-// the tests talk HTTP (and HTTPS) to it and read the line it prints for every request.
+// pnx serve on --port 0: the tests talk HTTP(S) to it and read the line it prints per request.
 
 #include <gtest/gtest.h>
 #include <signal.h>

@@ -11,7 +11,7 @@
 namespace pnx::serve {
 namespace {
 
-TEST(ServeFault, ParsesEveryPartAndListsOfFaults) {
+TEST(ServeFault, ParsesEveryPartAndListsOfFaultsAndRefusesBadOnesWithAReason) {
   auto fault = parseFault(" status=429 , retry-after=30,delay=0.25,times=2 ");
   ASSERT_TRUE(fault);
   const auto parts = [](const Fault& f) {
@@ -26,9 +26,7 @@ TEST(ServeFault, ParsesEveryPartAndListsOfFaults) {
   ASSERT_EQ(faults.size(), 2u);
   EXPECT_TRUE(faults[1].drop);
   EXPECT_TRUE(parseFaultList("[]"));
-}
 
-TEST(ServeFault, RefusesBadFaultsAndListsWithAReason) {
   const std::pair<const char*, const char*> cases[] = {
       {"", "empty"},
       {"status=abc", "status must be"},

@@ -7,7 +7,7 @@
 namespace pnx::serve {
 namespace {
 
-TEST(ServeRouting, EndpointsAndMethods) {
+TEST(ServeRouting, EndpointsMethodsAndMediaNames) {
   Route delivery = routeRequest("POST", "/3.0/apps/ap12345678/delivery?x=1");
   EXPECT_EQ(delivery.endpoint, Endpoint::Delivery);
   EXPECT_TRUE(delivery.methodAllowed);
@@ -33,9 +33,8 @@ TEST(ServeRouting, EndpointsAndMethods) {
         "/_pnx/reports/", "/_pnx", "/mediax/a.png"}) {
     EXPECT_EQ(routeRequest("POST", target).endpoint, Endpoint::Unknown) << target;
   }
-}
 
-TEST(ServeRouting, MediaNamesThatCouldLeaveTheDirectoryAreRefusedAndTypesFollowExtensions) {
+  // Media names that could leave the directory are refused; types follow extensions.
   EXPECT_EQ(safeMediaPath("a.png"), "a.png");
   EXPECT_EQ(safeMediaPath("sub/a%20b.png"), "sub/a b.png");
   EXPECT_EQ(safeMediaPath("%252e%252e"), "%2e%2e");  // decoded once: a plain name
