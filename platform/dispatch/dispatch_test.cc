@@ -22,13 +22,11 @@ TEST(DispatchQueueTest, SyncIsABarrierRunsInlineFromTheQueueItselfAndRethrows) {
   int counter = 0;
   queue.async([] { throw std::runtime_error("boom"); });
   for (int i = 0; i < 100; ++i) queue.async([&] { ++counter; });
-  bool wasCurrent = false;
   queue.sync([&] {
-    wasCurrent = queue.isCurrent();
+    EXPECT_TRUE(queue.isCurrent());
     EXPECT_EQ(counter, 100);
     queue.sync([&] { ++counter; });  // would deadlock if it waited
   });
-  EXPECT_TRUE(wasCurrent);
   EXPECT_FALSE(queue.isCurrent());
   EXPECT_EQ(counter, 101);
   EXPECT_THROW(queue.sync([] { throw std::runtime_error("to caller"); }), std::runtime_error);
@@ -58,15 +56,13 @@ TEST(DispatchQueueTest, SurvivesLosingItsLastReferenceOnItsOwnThread) {
 TEST(RunLoopTest, BlocksFromOtherThreadsWakeTheMainQueueAndRunPendingDoesNotChase) {
   DispatchQueue& main = DispatchQueue::main();
   bool done = false;  // touched only on the main queue and after runUntil
-  bool wasCurrent = false;
   std::thread poster([&] {
-    main.sync([&] { wasCurrent = main.isCurrent(); });
+    main.sync([&] { EXPECT_TRUE(main.isCurrent()); });
     main.async([&] { done = true; });
   });
   // A generous deadline: runUntil must return as soon as done is set, not at the deadline.
   EXPECT_TRUE(RunLoop::runUntil([&] { return done; }, RunLoop::Clock::now() + 60s));
   poster.join();
-  EXPECT_TRUE(wasCurrent);
   EXPECT_FALSE(main.isCurrent());
 
   auto start = RunLoop::Clock::now();
