@@ -10,7 +10,7 @@
 namespace pnx {
 namespace {
 
-TEST(URLRequestTest, HeaderNamesIgnoreCaseKeepTheirFirstSpellingAndForgeNoLines) {
+TEST(HTTPHeaderFieldsTest, NamesIgnoreCaseKeepTheirFirstSpellingAndForgeNoLines) {
   URLRequest request(*URL::parse("https://h/x"));
   request.setValue("application/json", "Content-type");
   request.setValue("text/plain", "CONTENT-TYPE");
@@ -31,9 +31,7 @@ TEST(URLRequestTest, HeaderNamesIgnoreCaseKeepTheirFirstSpellingAndForgeNoLines)
   EXPECT_THROW(request.setValue("a", ""), std::invalid_argument);
   EXPECT_THROW(request.setValue(std::string_view("a\0b", 3), "X-Nul"), std::invalid_argument);
   EXPECT_EQ(request.allHTTPHeaderFields().size(), 1u);
-}
 
-TEST(HTTPURLResponseTest, HeaderLookupIgnoresCaseButKeepsTheFields) {
   HTTPURLResponse response(URL::parse("https://h/x"), 429,
                            Value::dict({{"Retry-After", "120"}, {"X-Count", 3}}));
   EXPECT_EQ(response.headerValue("retry-after"), "120");

@@ -69,9 +69,8 @@ TEST(ServeCommand, AcceptsReportsPrintsAndListsThemAndRefusesWhatIsNotOne) {
     EXPECT_EQ(answer->get_header_value("Allow"), allow);
     expectMentions(pnx::JSON::parse(answer->body).value_or(pnx::Value())["error"], mentions);
     const pnx::Value printed = serve.nextLine().value_or(pnx::Value());
-    EXPECT_EQ(printed["status"], pnx::Value(status));
-    EXPECT_EQ(printed["method"], pnx::Value("POST"));
-    EXPECT_EQ(printed["path"], pnx::Value(path));
+    EXPECT_EQ(std::tuple(printed["status"], printed["method"], printed["path"]),
+              std::tuple(pnx::Value(status), pnx::Value("POST"), pnx::Value(path)));
     expectMentions(printed["error"], mentions);
   }
 
@@ -110,7 +109,6 @@ TEST(ServeCommand, FaultsApplyInOrderForTheirTimesAndAreReplacedAtRunTime) {
   EXPECT_TRUE(dropped["status"].isNull());
   EXPECT_EQ(dropped["fault"], pnx::Value("drop,times=1"));
   EXPECT_EQ(postReport(client)->status, 200);
-  EXPECT_EQ((*serve.nextLine())["appKey"], pnx::Value("ap12345678"));
 
   auto replaced =
       client.Post("/_pnx/faults", R"(["status=503,delay=0.4,times=1"])", "application/json");
@@ -194,17 +192,15 @@ TEST(ServeCommand, ServesMediaAndReportsOverHTTPSWithTheGivenCertificate) {
   client.enable_server_certificate_verification(true);
   auto sound = client.Get("/media/sound.aiff");
   ASSERT_TRUE(sound) << httplib::to_string(sound.error());
-  EXPECT_EQ(sound->status, 200);
-  EXPECT_EQ(sound->get_header_value("Content-Type"), "audio/aiff");
-  EXPECT_EQ(sound->body, "sound");
+  EXPECT_EQ(std::tuple(sound->status, sound->get_header_value("Content-Type"), sound->body),
+            std::tuple(200, "audio/aiff", "sound"));
   auto big = client.Get("/media/large.mp4");
   ASSERT_TRUE(big);
   EXPECT_EQ(big->get_header_value("Content-Length"), std::to_string(large.size()));
   EXPECT_TRUE(big->body == large);
   auto part = client.Get("/media/large.mp4", {{"Range", "bytes=10-19"}});
   ASSERT_TRUE(part);
-  EXPECT_EQ(part->status, 206);
-  EXPECT_EQ(part->body, large.substr(10, 10));
+  EXPECT_EQ(std::pair(part->status, part->body), std::pair(206, large.substr(10, 10)));
   // A name the routing refuses, a file that opening refuses, and none at all.
   for (const char* path : {"/media/..%2Fsecret.txt", "/media/link.png", "/media/missing.png"}) {
     auto answer = client.Get(path);
