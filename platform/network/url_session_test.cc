@@ -228,7 +228,6 @@ TEST(URLSessionTest, SharedSessionLoadsOnABackgroundQueueAndReportsTransportFail
   ASSERT_TRUE(URLSession::waitForOutstandingTasks(std::chrono::steady_clock::now() + 30s));
   for (int i = 0; i < kTasks; ++i) EXPECT_EQ(text(results[i].get().data), std::to_string(i));
 
-  // Transport failures carry their codes and the failing URL.
   URL closedURL = SilentServer().url("/x");
 
   Outcome refused = load(URLRequest(closedURL));

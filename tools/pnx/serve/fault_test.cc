@@ -12,13 +12,12 @@ namespace pnx::serve {
 namespace {
 
 TEST(ServeFault, ParsesEveryPartAndListsOfFaultsAndRefusesBadOnesWithAReason) {
-  auto fault = parseFault(" status=429 , retry-after=30,delay=0.25,times=2 ");
-  ASSERT_TRUE(fault);
   const auto parts = [](const Fault& f) {
     return std::tuple(f.text, f.status, f.retryAfter, f.delaySeconds, f.drop, f.times);
   };
-  EXPECT_EQ(parts(*fault), std::tuple("status=429 , retry-after=30,delay=0.25,times=2", 429, "30",
-                                      0.25, false, 2u));
+  EXPECT_EQ(
+      parts(parseFault(" status=429 , retry-after=30,delay=0.25,times=2 ").value_or(Fault{})),
+      std::tuple("status=429 , retry-after=30,delay=0.25,times=2", 429, "30", 0.25, false, 2u));
   EXPECT_EQ(parts(parseFault("drop").value_or(Fault{})), parts(Fault{"drop", {}, {}, 0, true, {}}));
   EXPECT_TRUE(parseFault("status=503,drop,times=1"));
   EXPECT_TRUE(parseFault("delay=2"));  // delays, then answers normally
@@ -74,7 +73,6 @@ TEST(ServeFault, PlanTakesTheFirstFaultWithUsesLeftOnceAcrossThreads) {
   plan.replace({});
   EXPECT_EQ(plan.next(), std::nullopt);
 
-  // Each use is handed out once across threads.
   plan.replace({*parseFault("status=500,times=1000")});
   std::atomic<int> taken = 0;
   std::vector<std::thread> threads;

@@ -26,8 +26,7 @@ TEST(ServeMediaFile, OpensFilesInsideTheRootOnlyAndReadsAtOffsets) {
   // The root itself reached through a link still works: its real path is the prefix.
   ASSERT_EQ(symlink(dir.file("media").c_str(), dir.file("link-to-media").c_str()), 0);
   auto root = mediaRoot(dir.file("link-to-media"));
-  ASSERT_TRUE(root);
-  EXPECT_EQ(*root, std::filesystem::canonical(dir.file("media")).string());
+  ASSERT_EQ(root.value_or(""), std::filesystem::canonical(dir.file("media")).string());
 
   auto png = MediaFile::open(*root, "a.png");
   ASSERT_TRUE(png);

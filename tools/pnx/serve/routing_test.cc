@@ -9,17 +9,15 @@ namespace {
 
 TEST(ServeRouting, EndpointsMethodsAndMediaNames) {
   Route delivery = routeRequest("POST", "/3.0/apps/ap12345678/delivery?x=1");
-  EXPECT_EQ(delivery.endpoint, Endpoint::Delivery);
-  EXPECT_TRUE(delivery.methodAllowed);
-  EXPECT_EQ(delivery.appKey, "ap12345678");
+  EXPECT_EQ(std::tie(delivery.endpoint, delivery.methodAllowed, delivery.appKey),
+            std::tuple(Endpoint::Delivery, true, "ap12345678"));
   EXPECT_EQ(routeRequest("POST", "/3.0/apps/a%20b/delivery").appKey, "a b");
   // "%2F" decodes after splitting: the key holds a slash instead of making a new segment.
   EXPECT_EQ(routeRequest("POST", "/3.0/apps/a%2Fb/delivery").appKey, "a/b");
 
   Route wrongMethod = routeRequest("GET", "/3.0/apps/key/delivery");
-  EXPECT_EQ(wrongMethod.endpoint, Endpoint::Delivery);
-  EXPECT_FALSE(wrongMethod.methodAllowed);
-  EXPECT_EQ(wrongMethod.allow, "POST");
+  EXPECT_EQ(std::tie(wrongMethod.endpoint, wrongMethod.methodAllowed, wrongMethod.allow),
+            std::tuple(Endpoint::Delivery, false, "POST"));
 
   EXPECT_TRUE(routeRequest("GET", "/_pnx/reports").methodAllowed);
   EXPECT_FALSE(routeRequest("POST", "/_pnx/reports").methodAllowed);
@@ -34,7 +32,6 @@ TEST(ServeRouting, EndpointsMethodsAndMediaNames) {
     EXPECT_EQ(routeRequest("POST", target).endpoint, Endpoint::Unknown) << target;
   }
 
-  // Media names that could leave the directory are refused; types follow extensions.
   EXPECT_EQ(safeMediaPath("a.png"), "a.png");
   EXPECT_EQ(safeMediaPath("sub/a%20b.png"), "sub/a b.png");
   EXPECT_EQ(safeMediaPath("%252e%252e"), "%2e%2e");  // decoded once: a plain name
