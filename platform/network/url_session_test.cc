@@ -41,7 +41,6 @@ std::string localHost(int port) {
   return "//127.0.0.1:" + std::to_string(port);
 }
 
-// A cpp-httplib server on a free port of 127.0.0.1, listening on its own thread.
 class LocalServer {
  public:
   explicit LocalServer(
@@ -85,6 +84,7 @@ struct Outcome {
   std::optional<Data> data;
   std::shared_ptr<const HTTPURLResponse> response;
   ErrorPtr error;
+  std::string text() const { return data ? std::string(data->begin(), data->end()) : "(none)"; }
 };
 
 std::shared_future<Outcome> start(URLRequest request, URLSession& session = URLSession::shared()) {
@@ -108,10 +108,6 @@ std::int64_t codeOf(const ErrorPtr& error) {
   return error ? error->code() : 0;
 }
 
-std::string text(const std::optional<Data>& data) {
-  return data ? std::string(data->begin(), data->end()) : "(none)";
-}
-
 // Records the delegate callbacks, which run on the main queue the test thread drains: no lock.
 class Recorder : public URLSessionDelegate {
  public:
@@ -127,7 +123,6 @@ class Recorder : public URLSessionDelegate {
   void didCompleteWithError(URLSession&, URLSessionTask&, const ErrorPtr& error) override {
     events.push_back("complete " + std::to_string(codeOf(error)));
     onMainQueue = onMainQueue && DispatchQueue::main().isCurrent();
-    // The finished download's file is gone by now.
     if (!location_.empty()) fileGoneAtCompletion = !fs::exists(location_);
   }
   void didBecomeInvalidWithError(URLSession&, const ErrorPtr& error) override {
@@ -215,7 +210,7 @@ TEST(URLSessionTest, SharedSessionLoadsOnABackgroundQueueAndReportsTransportFail
   request.setHTTPBody(Data{'{', '}', 0, 0xFF});
   Outcome posted = load(request);
   EXPECT_EQ(posted.error, nullptr);
-  EXPECT_EQ(text(posted.data), std::string("POST en application/json {}\0\xFF", 29));
+  EXPECT_EQ(posted.text(), std::string("POST en application/json {}\0\xFF", 29));
   ASSERT_TRUE(posted.response);
   EXPECT_EQ(posted.response->url()->absoluteString(), server.url("/echo").absoluteString());
 
@@ -226,7 +221,7 @@ TEST(URLSessionTest, SharedSessionLoadsOnABackgroundQueueAndReportsTransportFail
     results.push_back(start(URLRequest(server.url("/n/" + std::to_string(i)))));
   }
   ASSERT_TRUE(URLSession::waitForOutstandingTasks(std::chrono::steady_clock::now() + 30s));
-  for (int i = 0; i < kTasks; ++i) EXPECT_EQ(text(results[i].get().data), std::to_string(i));
+  for (int i = 0; i < kTasks; ++i) EXPECT_EQ(results[i].get().text(), std::to_string(i));
 
   URL closedURL = SilentServer().url("/x");
 
@@ -293,7 +288,6 @@ TEST(URLSessionTest, DownloadsFinishThenCompleteOnTheMainQueueAndLeaveNoFile) {
   EXPECT_EQ(task->countOfBytesReceived(), body.size());
   EXPECT_EQ(task->response()->statusCode(), 200);
 
-  // The invalidation comes after the tasks it let finish.
   session->downloadTask(server.url("/declared"))->resume();
   ASSERT_TRUE(recorder->waitFor(3));
   session->downloadTask(server.url("/streamed"))->resume();
@@ -357,8 +351,7 @@ TEST(URLSessionTest, StalledRequestsTimeOutOrEndAsCancelled) {
 
 TEST(URLSessionTest, CertificatesAreCheckedAgainstTheSystemAndTheDeviceTrust) {
   testing::ScopedDevice device;
-  testing::TempDir dir;
-  const std::string cert = dir.file("cert.pem"), key = dir.file("key.pem");
+  const std::string cert = device.root().file("cert.pem"), key = device.root().file("key.pem");
   const std::string command =
       "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 "
       "-addext subjectAltName=IP:127.0.0.1 -keyout '" +
@@ -377,7 +370,7 @@ TEST(URLSessionTest, CertificatesAreCheckedAgainstTheSystemAndTheDeviceTrust) {
   fs::copy_file(cert, device.deviceDirectory() + "/trust/test.pem");
   Outcome trusted = load(URLRequest(server.url("/hello")));
   EXPECT_EQ(trusted.error, nullptr) << trusted.error->description();
-  EXPECT_EQ(text(trusted.data), "secret");
+  EXPECT_EQ(trusted.text(), "secret");
 }
 
 }  // namespace

@@ -47,8 +47,7 @@ TEST(ServeCommand, AcceptsReportsPrintsAndListsThemAndRefusesWhatIsNotOne) {
   ASSERT_TRUE(answer) << httplib::to_string(answer.error());
   EXPECT_EQ(answer->status, 200);
   const pnx::Value line = serve.nextLine().value_or(pnx::Value());
-  ASSERT_TRUE(line["time"].isString());
-  EXPECT_TRUE(pnx::Date::fromISO8601(*line["time"].asString()));
+  EXPECT_TRUE(line["time"].isString() && pnx::Date::fromISO8601(*line["time"].asString()));
   EXPECT_EQ(line, pnx::Value::dict({{"appKey", "ap12345678"},
                                     {"records", pnx::JSON::parse(kReport).value()["delivery"]},
                                     {"bytes", pnx::Value::dict({{"gzip", gzip(kReport).size()},
