@@ -75,17 +75,14 @@ TEST(RunLoopTest, BlocksFromOtherThreadsWakeTheMainQueueAndRunPendingDoesNotChas
   EXPECT_GE(RunLoop::Clock::now(), start + 70ms);
 
   int runs = 0;
-  bool stop = false;
   std::function<void()> requeue = [&] {
-    ++runs;
-    if (!stop) main.async(requeue);
+    if (++runs < 3) main.async(requeue);
   };
   main.async(requeue);
   RunLoop::runPending();
   EXPECT_EQ(runs, 1);
   // From the thread that runs the loop, sync first runs what is queued, then the block.
   main.sync([&] { EXPECT_EQ(runs, 2); });
-  stop = true;
   RunLoop::runPending();
   EXPECT_EQ(runs, 3);
 }

@@ -35,7 +35,6 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
-using Handler = httplib::Server::Handler;
 
 std::string localHost(int port) {
   return "//127.0.0.1:" + std::to_string(port);
@@ -73,7 +72,7 @@ class LocalServer {
   int port_ = 0;
 };
 
-Handler content(std::string body, const char* type = "application/octet-stream") {
+httplib::Server::Handler content(std::string body, const char* type = "application/octet-stream") {
   return [body = std::move(body), type](const httplib::Request&, httplib::Response& response) {
     response.set_content(body, type);
   };
@@ -115,7 +114,7 @@ class Recorder : public URLSessionDelegate {
                                  const URL& location) override {
     events.push_back("finish " + task.originalRequest().url().lastPathComponent());
     location_ = location.path();
-    fileMode = testing::modeOf(location_);
+    EXPECT_EQ(testing::modeOf(location_), 0600u);  // private to the app
     std::ifstream in(location_, std::ios::binary);
     fileContents.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     onMainQueue = onMainQueue && DispatchQueue::main().isCurrent();
@@ -135,7 +134,6 @@ class Recorder : public URLSessionDelegate {
 
   std::vector<std::string> events;
   std::string location_;
-  unsigned fileMode = 0;
   std::string fileContents;
   bool onMainQueue = true;
   bool fileGoneAtCompletion = false;
@@ -281,7 +279,6 @@ TEST(URLSessionTest, DownloadsFinishThenCompleteOnTheMainQueueAndLeaveNoFile) {
   task->resume();
   ASSERT_TRUE(recorder->waitFor(2));
   EXPECT_EQ(recorder->fileContents, body);
-  EXPECT_EQ(recorder->fileMode, 0600u);
   EXPECT_EQ(fs::path(recorder->location_).parent_path(), fs::path(Container::temporaryDirectory()));
   EXPECT_TRUE(recorder->fileGoneAtCompletion);
   EXPECT_EQ(task->state(), URLSessionTask::State::Completed);

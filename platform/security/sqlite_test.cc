@@ -51,8 +51,7 @@ TEST(SQLite, RowsComeBackAsTypedValuesFailuresAreErrorsAndTransactionsRollBack) 
   }),
                std::runtime_error);
   auto other = SQLiteDatabase::open(directory.file("good.db"));
-  ASSERT_TRUE(other);
-  EXPECT_TRUE(other->execute("INSERT INTO t VALUES (4)"));
+  ASSERT_TRUE(other && other->execute("INSERT INTO t VALUES (4)"));
   rows = database->query("SELECT group_concat(v) AS v FROM t");
   ASSERT_TRUE(rows && rows->next());
   EXPECT_EQ(rows->valueForColumn("v"), Value("4"));
