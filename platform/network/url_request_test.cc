@@ -1,4 +1,3 @@
-// Header fields of requests and responses: names ignore case, and no field forges a line.
 #include "platform/network/url_request.h"
 
 #include <gtest/gtest.h>
