@@ -5,7 +5,6 @@
 #include <fstream>
 #include <random>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "platform/foundation/url.h"
@@ -22,8 +21,7 @@ bool curlMapped() {
 // authorities itself; it must agree with the stack, or an accepted URL would fail to load.
 TEST(CurlLibraryTest, OpenedOnlyOnFirstUseAndAgreesWithURLParsingOnAuthorities) {
   const bool fresh = !CurlLibrary::isLoaded();  // no other test of this process made a request
-  EXPECT_TRUE(URL::parse("https://user@example.com:8443/a?b#c"));
-  EXPECT_TRUE(URL::parse("http://[::1]:80/"));
+  EXPECT_TRUE(URL::parse("https://user@[::1]:8443/a?b#c"));
   EXPECT_FALSE(fresh && curlMapped());
   std::string reason;
   const CurlLibrary* curl = CurlLibrary::get(&reason);
@@ -50,11 +48,8 @@ TEST(CurlLibraryTest, OpenedOnlyOnFirstUseAndAgreesWithURLParsingOnAuthorities) 
     }
     std::string text = "http://" + authority + "/x";
     // An empty host ("http:///x", "http://u@:80/x") the stack takes; our parser refuses it.
-    std::string_view hostPort = authority;
-    if (std::size_t at = hostPort.rfind('@'); at != std::string_view::npos) {
-      hostPort.remove_prefix(at + 1);
-    }
-    bool emptyHost = hostPort.empty() || hostPort.front() == ':';
+    const std::string hostPort = authority.substr(authority.rfind('@') + 1);  // npos + 1 is 0
+    const bool emptyHost = hostPort.empty() || hostPort.front() == ':';
     EXPECT_EQ(URL::parse(text).has_value(), !emptyHost && curlAccepts(text)) << text;
     if (::testing::Test::HasFailure()) break;  // one counterexample is enough
   }

@@ -9,7 +9,9 @@
 namespace pnx {
 namespace {
 
-TEST(SQLite, RowsComeBackAsDictionariesOfTypedValues) {
+// Failures name the file; a transaction that throws leaves nothing behind and frees the
+// write lock.
+TEST(SQLite, RowsComeBackAsTypedValuesFailuresAreErrorsAndTransactionsRollBack) {
   auto database = SQLiteDatabase::open(":memory:");
   ASSERT_TRUE(database);
   ASSERT_TRUE(database->execute("CREATE TABLE t (i INTEGER, r REAL, s TEXT, b BLOB, n TEXT)"));
@@ -19,8 +21,7 @@ TEST(SQLite, RowsComeBackAsDictionariesOfTypedValues) {
   ASSERT_TRUE(database->execute("INSERT INTO t (b) VALUES (?)", {Value(Data{})}));
 
   auto rows = database->query("SELECT * FROM t ORDER BY rowid");
-  ASSERT_TRUE(rows);
-  ASSERT_TRUE(rows->next());
+  ASSERT_TRUE(rows && rows->next());
   EXPECT_EQ(rows->resultDictionary(),
             Value::dict({{"i", -7}, {"r", 1.5}, {"s", "tëxt"}, {"b", Data{0, 9}}, {"n", Value()}}));
   EXPECT_TRUE(rows->resultDictionary()["i"].isInteger());
@@ -30,20 +31,16 @@ TEST(SQLite, RowsComeBackAsDictionariesOfTypedValues) {
   ErrorPtr error;
   EXPECT_FALSE(rows->next(&error));
   EXPECT_FALSE(error);
-}
 
-// Failures name the file; a transaction that throws leaves nothing behind and frees the
-// write lock.
-TEST(SQLite, FailuresAreErrorsAndTransactionsRollBack) {
   testing::TempDir directory;
   std::string garbage = directory.write("garbage.db", std::string(4096, 'x'));
-  ErrorPtr error;
   EXPECT_FALSE(SQLiteDatabase::open(garbage, &error));
   ASSERT_TRUE(error);
   EXPECT_NE(error->localizedDescription().find(garbage), std::string::npos);
   EXPECT_FALSE(SQLiteDatabase::isBusy(error));
 
-  auto database = SQLiteDatabase::open(directory.file("good.db"));
+  rows.reset();  // before its connection goes
+  database = SQLiteDatabase::open(directory.file("good.db"));
   ASSERT_TRUE(database && database->execute("CREATE TABLE t (v INTEGER)"));
   error = nullptr;
   EXPECT_FALSE(database->query("SELECT ?", {Value::array({1})}, &error));
@@ -54,9 +51,8 @@ TEST(SQLite, FailuresAreErrorsAndTransactionsRollBack) {
   }),
                std::runtime_error);
   auto other = SQLiteDatabase::open(directory.file("good.db"));
-  ASSERT_TRUE(other);
-  EXPECT_TRUE(other->execute("INSERT INTO t VALUES (4)"));
-  auto rows = database->query("SELECT group_concat(v) AS v FROM t");
+  ASSERT_TRUE(other && other->execute("INSERT INTO t VALUES (4)"));
+  rows = database->query("SELECT group_concat(v) AS v FROM t");
   ASSERT_TRUE(rows && rows->next());
   EXPECT_EQ(rows->valueForColumn("v"), Value("4"));
 }

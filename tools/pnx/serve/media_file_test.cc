@@ -26,8 +26,7 @@ TEST(ServeMediaFile, OpensFilesInsideTheRootOnlyAndReadsAtOffsets) {
   // The root itself reached through a link still works: its real path is the prefix.
   ASSERT_EQ(symlink(dir.file("media").c_str(), dir.file("link-to-media").c_str()), 0);
   auto root = mediaRoot(dir.file("link-to-media"));
-  ASSERT_TRUE(root);
-  EXPECT_EQ(*root, std::filesystem::canonical(dir.file("media")).string());
+  ASSERT_EQ(root.value_or(""), std::filesystem::canonical(dir.file("media")).string());
 
   auto png = MediaFile::open(*root, "a.png");
   ASSERT_TRUE(png);
@@ -36,15 +35,11 @@ TEST(ServeMediaFile, OpensFilesInsideTheRootOnlyAndReadsAtOffsets) {
   EXPECT_EQ(png->readAt(tail, 4, 7), 2);  // up to the end, then nothing
   EXPECT_EQ(std::string(tail, 2), "es");
   EXPECT_EQ(png->readAt(tail, 4, 9), 0);
-  ASSERT_TRUE(MediaFile::open(*root, "sub/b.mp3"));
-  ASSERT_TRUE(MediaFile::open(*root, "alias.png"));  // a link that stays inside
-
-  EXPECT_FALSE(MediaFile::open(*root, "out.png"));
-  EXPECT_FALSE(MediaFile::open(*root, "outdir/secret.txt"));
-  EXPECT_FALSE(MediaFile::open(*root, "missing.png"));
-  EXPECT_FALSE(MediaFile::open(*root, "sub"));   // a directory
-  EXPECT_FALSE(MediaFile::open(*root, "fifo"));  // and without waiting for a writer
-  EXPECT_FALSE(MediaFile::open(*root, ""));
+  // alias.png is a link that stays inside; the fifo is refused without waiting for a writer.
+  for (const char* name : {"sub/b.mp3", "alias.png"}) EXPECT_TRUE(MediaFile::open(*root, name));
+  for (const char* name : {"out.png", "outdir/secret.txt", "missing.png", "sub", "fifo", ""}) {
+    EXPECT_FALSE(MediaFile::open(*root, name)) << name;
+  }
 
   EXPECT_FALSE(mediaRoot(dir.file("media/a.png")));
   EXPECT_FALSE(mediaRoot(dir.file("nothing")));

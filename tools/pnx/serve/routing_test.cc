@@ -7,19 +7,17 @@
 namespace pnx::serve {
 namespace {
 
-TEST(ServeRouting, EndpointsAndMethods) {
+TEST(ServeRouting, EndpointsMethodsAndMediaNames) {
   Route delivery = routeRequest("POST", "/3.0/apps/ap12345678/delivery?x=1");
-  EXPECT_EQ(delivery.endpoint, Endpoint::Delivery);
-  EXPECT_TRUE(delivery.methodAllowed);
-  EXPECT_EQ(delivery.appKey, "ap12345678");
+  EXPECT_EQ(std::tie(delivery.endpoint, delivery.methodAllowed, delivery.appKey),
+            std::tuple(Endpoint::Delivery, true, "ap12345678"));
   EXPECT_EQ(routeRequest("POST", "/3.0/apps/a%20b/delivery").appKey, "a b");
   // "%2F" decodes after splitting: the key holds a slash instead of making a new segment.
   EXPECT_EQ(routeRequest("POST", "/3.0/apps/a%2Fb/delivery").appKey, "a/b");
 
   Route wrongMethod = routeRequest("GET", "/3.0/apps/key/delivery");
-  EXPECT_EQ(wrongMethod.endpoint, Endpoint::Delivery);
-  EXPECT_FALSE(wrongMethod.methodAllowed);
-  EXPECT_EQ(wrongMethod.allow, "POST");
+  EXPECT_EQ(std::tie(wrongMethod.endpoint, wrongMethod.methodAllowed, wrongMethod.allow),
+            std::tuple(Endpoint::Delivery, false, "POST"));
 
   EXPECT_TRUE(routeRequest("GET", "/_pnx/reports").methodAllowed);
   EXPECT_FALSE(routeRequest("POST", "/_pnx/reports").methodAllowed);
@@ -33,9 +31,7 @@ TEST(ServeRouting, EndpointsAndMethods) {
         "/_pnx/reports/", "/_pnx", "/mediax/a.png"}) {
     EXPECT_EQ(routeRequest("POST", target).endpoint, Endpoint::Unknown) << target;
   }
-}
 
-TEST(ServeRouting, MediaNamesThatCouldLeaveTheDirectoryAreRefusedAndTypesFollowExtensions) {
   EXPECT_EQ(safeMediaPath("a.png"), "a.png");
   EXPECT_EQ(safeMediaPath("sub/a%20b.png"), "sub/a b.png");
   EXPECT_EQ(safeMediaPath("%252e%252e"), "%2e%2e");  // decoded once: a plain name
@@ -45,8 +41,7 @@ TEST(ServeRouting, MediaNamesThatCouldLeaveTheDirectoryAreRefusedAndTypesFollowE
     EXPECT_EQ(safeMediaPath(name), std::nullopt) << name;
   }
   Route refused = routeRequest("GET", "/media/..%2F..%2Fetc%2Fpasswd");
-  EXPECT_EQ(refused.endpoint, Endpoint::Media);
-  EXPECT_TRUE(refused.mediaName.empty());
+  EXPECT_EQ(std::tie(refused.endpoint, refused.mediaName), std::tuple(Endpoint::Media, ""));
 
   const std::pair<const char*, const char*> cases[] = {
       {"a.png", "image/png"},
