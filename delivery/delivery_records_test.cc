@@ -149,16 +149,13 @@ std::shared_ptr<PNXTask> taskFromRow(const std::vector<Value>& values) {
   EXPECT_TRUE(database->execute(
       "CREATE TABLE tasks (id INTEGER PRIMARY KEY, name TEXT, userInfo TEXT, createdDate INTEGER,"
       " availableDate INTEGER, retryCount INTEGER, maxRetries INTEGER, retryWithBackoff INTEGER)"));
-  EXPECT_TRUE(database->execute(
-      "INSERT INTO tasks (name, userInfo, createdDate, availableDate, retryCount, maxRetries,"
-      " retryWithBackoff) VALUES (?, ?, ?, ?, ?, ?, ?)",
-      values));
+  EXPECT_TRUE(database->execute("INSERT INTO tasks VALUES (NULL, ?, ?, ?, ?, ?, ?, ?)", values));
   auto rows = database->query("SELECT * FROM tasks");
   EXPECT_TRUE(rows && rows->next());
   return PNXTask::taskWithResultSet(*rows);
 }
 
-TEST(PNXTask, ARowFillsEveryPropertyAndDamagedPayloadsBecomeEmpty) {
+TEST(PNXTask, RowsAndFactoriesFillEveryPropertyAndTheRetryBudgetDecidesCanBeRetried) {
   auto task = taskFromRow({"sync", R"({"page": 2, "tags": ["a"]})", 1600000000, 0, 3, -1, 1});
   // The description carries the id, name, retry count and available date.
   EXPECT_EQ(task->description(),
@@ -176,9 +173,7 @@ TEST(PNXTask, ARowFillsEveryPropertyAndDamagedPayloadsBecomeEmpty) {
   }
   // A null name is none (null numbers read as zero: Value's integerValue).
   EXPECT_FALSE(taskFromRow({Value(), "{}", Value(), Value(), Value(), Value(), Value()})->name());
-}
 
-TEST(PNXTask, FactoriesFillDefaultsAndTheRetryBudgetDecidesCanBeRetried) {
   Clock::set(Date(1700000000));
   auto plain = PNXTask::taskWithName("upload", Value());
   EXPECT_FALSE(plain->retryWithBackoff());
