@@ -71,9 +71,9 @@ TEST(PnxProgram, VersionAndHelpExitZeroAndUsageErrorsFailInOneLine) {
   expectPnxFailure(runPnx({"--device"}), 2, "--device");
 
   // A bundle directory that is not there, named by option or by environment, is a failure.
-  const std::string missing = app.device() + "/no-such-bundle";
-  expectPnxFailure(runPnx({"--device", app.device(), "--bundle", missing, "config"}), 1, missing);
-  expectPnxFailure(runPnx({"--device", app.device(), "config"}, "", {"PNX_BUNDLE=" + missing}), 1,
+  const std::string device = app.device().path(), missing = device + "/no-such-bundle";
+  expectPnxFailure(runPnx({"--device", device, "--bundle", missing, "config"}), 1, missing);
+  expectPnxFailure(runPnx({"--device", device, "config"}, "", {"PNX_BUNDLE=" + missing}), 1,
                    missing);
 }
 
@@ -104,16 +104,16 @@ TEST(PnxJSONText, WritesCompactJSONAndTurnsWhatJSONCannotHoldIntoText) {
 }
 
 // pnx run on a bundle directory with an Info.plist, plus whatever each test adds.
-class PnxConfigCommands : public ::testing::Test {
+class PnxCommands : public ::testing::Test {
  protected:
-  PnxConfigCommands() {
+  PnxCommands() {
     bundle_.write("Info.plist", testing::ScopedDevice::infoPlist("com.example.commands"));
   }
   testing::TempDir bundle_;
   PnxRunner pnx_{bundle_.path()};
 };
 
-TEST_F(PnxConfigCommands, PrintsEveryPropertyWithItsDefaultOrAsTheFileSetsIt) {
+TEST_F(PnxCommands, ConfigPrintsEveryPropertyWritesItsLogAndFailsInOneLineOnABadFile) {
   EXPECT_EQ(expectPnxJSON(pnx_.run({"config"})), *JSON::parse(R"({
       "sessionTimeout": 20, "baseUrl": "https://push.quorvex.example/", "appKey": null,
       "autoInitializeFlag": true, "autoInitializeLocationFlag": false, "appDelegateClass": null,
@@ -152,13 +152,10 @@ TEST_F(PnxConfigCommands, PrintsEveryPropertyWithItsDefaultOrAsTheFileSetsIt) {
       "allowJailbrokenDevices": false, "apiKey": "api", "orgId": "org",
       "maximumSearchRadius": 1, "defaultSearchRadius": 2, "maximumSearchCount": 3,
       "maximumGeofenceCount": 20, "teamId": "T1", "deliveryReporting": true})"));
-}
 
-TEST_F(PnxConfigCommands, WritesTheLogFileItAsksForAndReportsAnUnreadableFileAsOneLine) {
   bundle_.write("PnxConfig.json", R"({"logfile": true, "loglevel": "info"})");
   expectPnxJSON(pnx_.run({"config"}));
-  const std::string log =
-      readWholeFile(pnx_.device() + "/containers/com.example.commands/Documents/PNX.log");
+  const std::string log = pnx_.device().read("containers/com.example.commands/Documents/PNX.log");
   EXPECT_NE(log.find("Application Configuration Loaded"), std::string::npos) << log;
   EXPECT_NE(log.find("APNS Certificate is Not Expired"), std::string::npos) << log;
 
@@ -181,11 +178,10 @@ TEST_F(PnxConfigCommands, WritesTheLogFileItAsksForAndReportsAnUnreadableFileAsO
   EXPECT_TRUE(run.err.ends_with(" more bytes) is invalid.\n")) << run.err;
 }
 
-TEST_F(PnxConfigCommands, ProfilePrintsWhatTheProfileSays) {
+TEST_F(PnxCommands, ProfilePrintsWhatTheProfileSays) {
   PnxRun none = pnx_.run({"--log", "profile"});
   EXPECT_EQ(expectPnxJSON(none), *JSON::parse(R"({"binaryEnvironment": null,
       "certificateExpiration": null, "certificateExpired": false, "provisionedDevices": null})"));
-  // The log shows why no profile was read.
   EXPECT_NE(none.err.find("pnx log: \xF0\x9F\x9B\x91 Couldn't find file embedded.mobileprovision"),
             std::string::npos)
       << none.err;
@@ -211,7 +207,7 @@ constexpr const char* kSharedGroup = "A1B2C3D4E5.PNX";  // teamId of the sample 
 
 // The PNX service's items of an account in the device's database: group, class, value.
 std::vector<Value> storedRows(const PnxRunner& app, const std::string& account) {
-  auto database = SQLiteDatabase::open(app.device() + "/keychain.db");
+  auto database = SQLiteDatabase::open(app.device().file("keychain.db"));
   auto rows = database ? database->query(
                              "SELECT access_group, accessible, data FROM items"
                              " WHERE service = 'PNX' AND account = ?",
@@ -226,11 +222,10 @@ std::vector<Value> storedRows(const PnxRunner& app, const std::string& account) 
   return result;
 }
 
-TEST(PnxKeychainCommands, IdentityAndItemsAreWrittenIntoTheSharedGroupOnlyAndReadBack) {
-  PnxRunner app;
+TEST_F(PnxCommands, KeychainAndIdentityWriteIntoTheSharedGroupOnlyAndReadBack) {
+  PnxRunner app;  // the sample bundle, entitled to the shared group
   expectPnxFailure(app.run({"keychain", "set", "userId", "\"x\"", "--group", "ZZZZZ.PNX"}), 1,
                    "errSecMissingEntitlement (-34018)");
-  EXPECT_TRUE(storedRows(app, "userId").empty());
   EXPECT_EQ(expectPnxJSON(app.run({"identity"})),
             Value::dict({{"userId", Value()}, {"channelId", Value()}}));
   EXPECT_EQ(expectPnxJSON(app.run({"identity", "--user-id", "user-7", "--channel-id", "chan-9"})),
@@ -241,11 +236,8 @@ TEST(PnxKeychainCommands, IdentityAndItemsAreWrittenIntoTheSharedGroupOnlyAndRea
   EXPECT_EQ(storedRows(app, "userId"), std::vector{Value::array({kSharedGroup, "dku", "user-8"})});
 
   // A bundle entitled to its own identifier only may not write the shared group.
-  testing::TempDir bundle;
-  bundle.write("Info.plist", testing::ScopedDevice::infoPlist("com.example.other"));
-  bundle.write("PnxConfig.json", R"({"teamId": "A1B2C3D4E5"})");
-  expectPnxFailure(PnxRunner(bundle.path()).run({"identity", "--user-id", "u"}), 1,
-                   "errSecMissingEntitlement");
+  bundle_.write("PnxConfig.json", R"({"teamId": "A1B2C3D4E5"})");
+  expectPnxFailure(pnx_.run({"identity", "--user-id", "u"}), 1, "errSecMissingEntitlement");
 
   // One item set, read and removed; another service is another item, "" the default group.
   const char* queue = R"([{"userId":"u1","mailingId":3},{"channelId":"c2"}])";
@@ -269,6 +261,7 @@ class PnxDeliveryCommands : public ::testing::Test {
   void SetUp() override {
     ASSERT_GT(serve_.port(), 0) << "pnx serve did not start: " << serve_.err();
     std::filesystem::copy(kPnxSampleBundle, dir_.file("bundle"));
+    std::filesystem::copy(PNX_SOURCE_DIR "/examples/payloads", dir_.file("payloads"));
     const std::string config = dir_.read("bundle/PnxConfig.json");
     dir_.write("bundle/PnxConfig.json", std::regex_replace(config, kLocalUrl, serve_.url()));
     json({"identity", "--user-id", "u1", "--channel-id", "c1"});
@@ -279,8 +272,7 @@ class PnxDeliveryCommands : public ::testing::Test {
   }
   // An example payload, its media URL pointing at the server.
   std::string payload(const std::string& name) {
-    const std::string text = readWholeFile(PNX_SOURCE_DIR "/examples/payloads/" + name);
-    return std::regex_replace(text, kLocalUrl, serve_.url());
+    return std::regex_replace(dir_.read("payloads/" + name), kLocalUrl, serve_.url());
   }
   void setFaults(const std::string& faults) {
     auto answer = serve_.client().Post("/_pnx/faults", faults, "application/json");
@@ -360,13 +352,13 @@ TEST_F(PnxDeliveryCommands, QueueShowsWhatFailedOrIsInFlightAndResendSendsIt) {
   setFaults(R"(["delay=30,times=1"])");
   PnxProcess reporter(app_.arguments({"_report", "--prefix", "k", "--count", "1"}));
   // The send records its records in flight, then empties the queue: wait for both.
+  const Value inFlight = queue(Value(Array()), Value::array({record("k-0"), record("p-0")}));
   Value shown;
-  for (int i = 0; i < 500 && (shown["inFlight"].size() == 0 || shown["pushQueue"].size() != 0);
-       ++i) {
+  for (int i = 0; i < 500 && shown != inFlight; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
     shown = json({"queue"});
   }
-  ASSERT_EQ(shown, queue(Value(Array()), Value::array({record("k-0"), record("p-0")})));
+  ASSERT_EQ(shown, inFlight);
   reporter.stop(SIGKILL);
   EXPECT_EQ(json({"resend"}),
             Value::dict({{"sent", 2}, {"error", Value()}, {"retryAfter", Value()}}));
@@ -385,7 +377,7 @@ TEST_F(PnxDeliveryCommands, QueueShowsWhatFailedOrIsInFlightAndResendSendsIt) {
   EXPECT_EQ(json({"queue"})["pushQueue"], Value::array({record("b-0")}));
 
   // A keychain that cannot be read is no empty queue, and is named with its status.
-  std::ofstream(app_.device() + "/keychain.db") << std::string(4096, 'x');
+  std::ofstream(app_.device().file("keychain.db")) << std::string(4096, 'x');
   for (const char* command : {"queue", "resend"}) {
     PnxRun broken = app_.run({command});
     EXPECT_EQ(broken.exitCode, 1) << command;

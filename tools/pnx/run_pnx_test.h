@@ -1,7 +1,6 @@
-// Runs the built pnx (PNX_BINARY) as a child process, as people use it: one process per run,
-// files on disk between runs. Output goes to files, so a chatty child never blocks on a full
-// pipe; $PNX_DEVICE and $PNX_BUNDLE are removed from its environment so that the
-// developer's own settings never leak into a test. Use from the test's thread.
+// Runs the built pnx (PNX_BINARY) as child processes, as people use it. Output goes to files, so
+// a chatty child never blocks on a full pipe; $PNX_DEVICE and $PNX_BUNDLE are kept from it, so
+// the developer's own settings never leak into a test. Use from the test's thread.
 #pragma once
 
 #include <fcntl.h>
@@ -36,11 +35,6 @@ struct PnxRun {
   std::string out;    // everything written to stdout
   std::string err;    // everything written to stderr
 };
-
-inline std::string readWholeFile(const std::string& path) {
-  std::ifstream stream(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
-}
 
 // `pnx arguments...` in the background with `input` on its stdin and `environment` ("NAME=
 // value") added to its own; killed at the end of the test whatever happens.
@@ -102,9 +96,8 @@ class PnxProcess {
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
-  // Sends `signal` and returns the exit code, as wait() does. A process that outlives the
-  // signal by 10 s is killed, so a hang fails its test (as 128 + SIGKILL) instead of stalling
-  // the run.
+  // Sends `signal` and returns the exit code as wait() does. A process that outlives the signal
+  // by 10 s is killed, so a hang fails its test (as 128 + SIGKILL) instead of stalling the run.
   int stop(int signal = SIGTERM) {
     if (pid_ <= 0) return -1;
     kill(pid_, signal);
@@ -131,7 +124,6 @@ class PnxProcess {
   std::size_t consumed_ = 0;
 };
 
-// Runs `pnx arguments...` and waits for it to end.
 inline PnxRun runPnx(std::vector<std::string> arguments, const std::string& input = {},
                      const std::vector<std::string>& environment = {}) {
   PnxProcess process(std::move(arguments), input, environment);
@@ -168,11 +160,11 @@ class PnxRunner {
  public:
   explicit PnxRunner(std::string bundle = kPnxSampleBundle) : bundle_(std::move(bundle)) {}
 
-  const std::string& device() const { return device_.path(); }
+  const pnx::testing::TempDir& device() const { return device_; }
 
   // `arguments` after the global options naming the device and the bundle.
   std::vector<std::string> arguments(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.begin(), {"--device", device(), "--bundle", bundle_});
+    arguments.insert(arguments.begin(), {"--device", device_.path(), "--bundle", bundle_});
     return arguments;
   }
   PnxRun run(std::vector<std::string> arguments, const std::string& input = {}) const {
