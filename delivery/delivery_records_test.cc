@@ -96,7 +96,7 @@ TEST(DeliveryQueue, EqualRecordsCollapseAndChangesInPlaceFollowTheSetAlgebra) {
   }
 }
 
-TEST(ProcessIdentity, TellsRunningProcessesFromEndedOnes) {
+TEST(InFlight, ProcessIdentitiesTellRunningOwnersFromEndedOnesAndAbandonedSendsAreFound) {
   ProcessIdentity self = ProcessIdentity::current();
   EXPECT_GT(self.startTime, 0);
   EXPECT_FALSE(self.bootId.empty());
@@ -115,12 +115,10 @@ TEST(ProcessIdentity, TellsRunningProcessesFromEndedOnes) {
   ProcessIdentity reused = self;
   reused.startTime += 1;
   EXPECT_FALSE(inFlightOwnerRunning(inFlightEntry(reused, Date::now(), {})));
-}
 
-TEST(InFlight, AbandonedAreSendsOfGoneOwnersTooOldOrMalformed) {
+  // Abandoned are the sends of owners gone, sends too old, and malformed entries.
   Date now(1'000'000);
-  const Value a = Value::dict({{"attribution", "a"}}), b = Value::dict({{"attribution", "b"}}),
-              c = Value::dict({{"attribution", "c"}});
+  const Value a("a"), b("b"), c("c");
   ProcessIdentity alive{1, 1, "boot"}, gone{2, 2, "boot"};
   Value stored =
       inFlightWith(Value(), "live", inFlightEntry(alive, now.addingTimeInterval(-5), {a}));
@@ -143,7 +141,6 @@ TEST(InFlight, AbandonedAreSendsOfGoneOwnersTooOldOrMalformed) {
   EXPECT_TRUE(abandonedSends(Value("unreadable"), now, 90, running).sendIds.empty());
 }
 
-// The task read back from a row of an in-memory table holding the given values.
 std::shared_ptr<PNXTask> taskFromRow(const std::vector<Value>& values) {
   auto database = SQLiteDatabase::open(":memory:");
   EXPECT_TRUE(database->execute(
@@ -157,7 +154,6 @@ std::shared_ptr<PNXTask> taskFromRow(const std::vector<Value>& values) {
 
 TEST(PNXTask, RowsAndFactoriesFillEveryPropertyAndTheRetryBudgetDecidesCanBeRetried) {
   auto task = taskFromRow({"sync", R"({"page": 2, "tags": ["a"]})", 1600000000, 0, 3, -1, 1});
-  // The description carries the id, name, retry count and available date.
   EXPECT_EQ(task->description(),
             "Task 1: sync (3 retries, next available 1970-01-01 00:00:00 +0000), userInfo: " +
                 task->userInfo().description());
@@ -189,7 +185,6 @@ TEST(PNXTask, RowsAndFactoriesFillEveryPropertyAndTheRetryBudgetDecidesCanBeRetr
   PNXTask::setRetryWithBackoffDefault(true);
   EXPECT_FALSE(plain->retryWithBackoff());  // only later tasks change
   EXPECT_TRUE(PNXTask::taskWithName("upload", Value::dict({{"k", 1}}))->retryWithBackoff());
-  // Given explicitly, the choice overrides the default.
   EXPECT_FALSE(
       PNXTask::taskWithName("upload", Value(), std::nullopt, 2, false)->retryWithBackoff());
   PNXTask::setRetryWithBackoffDefault(false);

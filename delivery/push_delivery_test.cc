@@ -155,7 +155,6 @@ class DeliveryTest : public ::testing::Test {
     Clock::useSystemClock();
   }
 
-  // Sends through the client and waits for the completion.
   ErrorPtr send(const Set& queue) {
     std::promise<ErrorPtr> outcome;
     PNXPushDeliveryClient().sendPushQueue(queue, [&](ErrorPtr error) { outcome.set_value(error); });
@@ -177,7 +176,6 @@ class DeliveryTest : public ::testing::Test {
     EXPECT_EQ(outcome.wait_for(std::chrono::seconds(30)), std::future_status::ready);
     return outcome.get();
   }
-  // The records of each request the server received.
   std::vector<Set> sentRecords() {
     std::vector<Set> sent;
     for (const auto& request : server_.requests()) sent.push_back(request.value_or(Set()));
@@ -204,37 +202,8 @@ class DeliveryTest : public ::testing::Test {
 };
 
 // The headers, path and gzip body are pnx serve's checks, which every pnx delivery test
-// passes; the log names the URL.
-TEST_F(DeliveryTest, TheClientPostsTheQueueAndOnlyTwoHundredsSucceed) {
-  EXPECT_EQ(send(queue_), nullptr);
-  EXPECT_TRUE(log_.contains("Payload Compression on, only sending "));
-  EXPECT_TRUE(
-      log_.contains("POST " + server_.baseUrl() + "3.0/apps/apTestKey1/delivery\n{\"delivery\":["));
-  EXPECT_TRUE(log_.contains("200 Response From: " + server_.baseUrl() +
-                            "3.0/apps/apTestKey1/delivery\n{}"));
-  // An empty queue still posts an empty delivery array.
-  EXPECT_EQ(send({}), nullptr);
-  EXPECT_EQ(server_.requests(), (std::vector<std::optional<Set>>{queue_, Set()}));
-
-  for (int status : {204, 299}) {
-    // A 204 with a body would be read as the start of the reused connection's next answer.
-    server_.respondWith({{status, {}, status == 204 ? "" : "{}"}});
-    EXPECT_EQ(send(queue_), nullptr) << status;
-  }
-  server_.respondWith({{200, {}, std::string("\xff\xfe\x80", 3)}});
-  EXPECT_EQ(send(queue_), nullptr);
-  EXPECT_TRUE(log_.contains("\nNon UTF-8 data detected"));
-
-  // What the error carries of the answer is checked with httpResponseError.
-  server_.respondWith({{300, {}, "went wrong"}});
-  ErrorPtr error = send(queue_);
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->domain(), "pnx.campaign.mobile");
-  EXPECT_EQ(error->code(), 105);
-  EXPECT_EQ(error->userInfo()["statusMessage"], Value("went wrong"));
-}
-
-TEST_F(DeliveryTest, ReportingOffOrNoAppKeySendsNothingAndTransportErrorsPassThrough) {
+// passes; the log names the URL. Transport errors pass through unchanged.
+TEST_F(DeliveryTest, NothingGoesOutUnconfiguredAndTheClientPostsTheQueueOnlyTwoHundredsSucceed) {
   config_->setDeliveryReporting(false);
   EXPECT_EQ(push(pushWith("a")), 0u);
   EXPECT_EQ(resend(), 0u);
@@ -251,8 +220,32 @@ TEST_F(DeliveryTest, ReportingOffOrNoAppKeySendsNothingAndTransportErrorsPassThr
   EXPECT_EQ(error->code(), 100);
   EXPECT_TRUE(log_.contains("Couldn't find appKey in configuration!"));
   EXPECT_TRUE(server_.requests().empty());
-
   config_->setAppKey("apTestKey1");
+
+  EXPECT_EQ(send(queue_), nullptr);
+  EXPECT_TRUE(log_.contains("Payload Compression on, only sending "));
+  const std::string url = server_.baseUrl() + "3.0/apps/apTestKey1/delivery";
+  EXPECT_TRUE(log_.contains("POST " + url + "\n{\"delivery\":["));
+  EXPECT_TRUE(log_.contains("200 Response From: " + url + "\n{}"));
+  EXPECT_EQ(send({}), nullptr);
+  EXPECT_EQ(server_.requests(), (std::vector<std::optional<Set>>{queue_, Set()}));
+
+  for (int status : {204, 299}) {
+    // A 204 with a body would be read as the start of the reused connection's next answer.
+    server_.respondWith({{status, {}, status == 204 ? "" : "{}"}});
+    EXPECT_EQ(send(queue_), nullptr) << status;
+  }
+  server_.respondWith({{200, {}, std::string("\xff\xfe\x80", 3)}});
+  EXPECT_EQ(send(queue_), nullptr);
+  EXPECT_TRUE(log_.contains("\nNon UTF-8 data detected"));
+
+  // What the error carries of the answer is checked with httpResponseError.
+  server_.respondWith({{300, {}, "went wrong"}});
+  error = send(queue_);
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code(), 105);
+  EXPECT_EQ(error->userInfo()["statusMessage"], Value("went wrong"));
+
   config_->setBaseUrl(*URL::parse("http://127.0.0.1:1/"));
   error = send(queue_);
   ASSERT_NE(error, nullptr);

@@ -1,6 +1,5 @@
-// pnx run as separate processes, as people use it: the program's contract (version, help,
-// one-line failures, JSON output), and its commands on bundles and devices built in the test,
-// the delivery commands against `pnx serve`.
+// pnx run as separate processes, as people use it: the program's contract, its commands on
+// bundles and devices built in the test, and the delivery commands against `pnx serve`.
 
 #include <gtest/gtest.h>
 
@@ -50,7 +49,6 @@ TEST(PnxProgram, VersionAndHelpExitZeroAndUsageErrorsFailInOneLine) {
     expectPnxFailure(app.run({command, "--no-such-option"}), 2, "--no-such-option");
   }
 
-  // Usage errors, and a missing bundle, fail in one line.
   const std::pair<std::vector<std::string>, const char*> cases[] = {
       {{"nonsense"}, "unknown command 'nonsense'"},
       {{"--bogus"}, "unknown option '--bogus'"},
@@ -186,12 +184,11 @@ TEST_F(PnxCommands, ProfilePrintsWhatTheProfileSays) {
             std::string::npos)
       << none.err;
 
-  // An ad-hoc profile that expired two days ago, signed by the examples' script.
+  // An ad-hoc profile that expired two days ago, signed by the examples' script, given by path.
   const std::string make = "sh " PNX_SOURCE_DIR "/examples/make-profiles.sh --days -2 '";
   ASSERT_EQ(std::system((make + bundle_.file("p") + "' ad-hoc").c_str()), 0);
-  std::filesystem::copy(bundle_.file("p/ad-hoc.mobileprovision"),
-                        bundle_.file("embedded.mobileprovision"));
-  Value profile = expectPnxJSON(pnx_.run({"profile"}));
+  Value profile =
+      expectPnxJSON(pnx_.run({"profile", "--file", bundle_.file("p/ad-hoc.mobileprovision")}));
   EXPECT_EQ(profile["binaryEnvironment"], Value("ad-hoc"));
   EXPECT_EQ(profile["certificateExpired"], Value(true));
   EXPECT_EQ(profile["provisionedDevices"].size(), 2u);
@@ -351,7 +348,6 @@ TEST_F(PnxDeliveryCommands, QueueShowsWhatFailedOrIsInFlightAndResendSendsIt) {
   // A process killed during its request leaves its records in flight for the next one.
   setFaults(R"(["delay=30,times=1"])");
   PnxProcess reporter(app_.arguments({"_report", "--prefix", "k", "--count", "1"}));
-  // The send records its records in flight, then empties the queue: wait for both.
   const Value inFlight = queue(Value(Array()), Value::array({record("k-0"), record("p-0")}));
   Value shown;
   for (int i = 0; i < 500 && shown != inFlight; ++i) {
@@ -364,7 +360,6 @@ TEST_F(PnxDeliveryCommands, QueueShowsWhatFailedOrIsInFlightAndResendSendsIt) {
             Value::dict({{"sent", 2}, {"error", Value()}, {"retryAfter", Value()}}));
   EXPECT_EQ(json({"queue"}), queue(Value(Array())));
   EXPECT_EQ(JSON::parse(serve_.client().Get("/_pnx/reports")->body)->size(), 1u);
-  // Nothing left: resending sends nothing and succeeds.
   EXPECT_EQ(json({"resend"})["sent"], Value(0));
 
   // A back-off holds resends, and both commands show its date.

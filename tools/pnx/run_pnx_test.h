@@ -89,7 +89,6 @@ class PnxProcess {
     return std::nullopt;
   }
 
-  // Waits for the process to end; its exit code, or 128 + signal when a signal ended it.
   int wait() {
     int status = 0;
     while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) continue;
@@ -134,9 +133,7 @@ inline PnxRun runPnx(std::vector<std::string> arguments, const std::string& inpu
 // What a run that must succeed printed: its stdout as JSON (fragments allowed), else null.
 inline pnx::Value expectPnxJSON(const PnxRun& run) {
   EXPECT_EQ(run.exitCode, 0) << run.err;
-  pnx::JSONReadOptions options;
-  options.allowFragments = true;
-  auto value = pnx::JSON::parse(run.out, nullptr, options);
+  auto value = pnx::JSON::parse(run.out, nullptr, {.allowFragments = true});
   EXPECT_TRUE(value) << run.out << run.err;
   return value.value_or(pnx::Value());
 }
@@ -176,16 +173,12 @@ class PnxRunner {
   std::string bundle_;
 };
 
-// A base of PnxServe, so that serve's device directory exists before the process starts.
-struct PnxServeDevice {
-  pnx::testing::TempDir device;
-};
-
-// `pnx serve --port 0 arguments...` on a device of its own; its first line gives the URL.
-class PnxServe : private PnxServeDevice, public PnxProcess {
+// `pnx serve --port 0 arguments...` on a device of its own; its first line gives the URL. The
+// runner comes first among the bases, so that the device directory exists before serve starts.
+class PnxServe : private PnxRunner, public PnxProcess {
  public:
   explicit PnxServe(std::vector<std::string> arguments = {})
-      : PnxProcess(withServe(device.path(), std::move(arguments))) {
+      : PnxProcess(PnxRunner::arguments(withServe(std::move(arguments)))) {
     auto first = nextLine();
     if (const std::string* url = first ? (*first)["listening"].asString() : nullptr) {
       url_ = *url;
@@ -202,9 +195,8 @@ class PnxServe : private PnxServeDevice, public PnxProcess {
   }
 
  private:
-  static std::vector<std::string> withServe(const std::string& device,
-                                            std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"--device", device, "serve", "--port", "0"});
+  static std::vector<std::string> withServe(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"serve", "--port", "0"});
     return arguments;
   }
 
