@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <limits>
 #include <regex>
 #include <thread>
@@ -372,7 +371,7 @@ TEST_F(PnxDeliveryCommands, QueueShowsWhatFailedOrIsInFlightAndResendSendsIt) {
   EXPECT_EQ(json({"queue"})["pushQueue"], Value::array({record("b-0")}));
 
   // A keychain that cannot be read is no empty queue, and is named with its status.
-  std::ofstream(app_.device().file("keychain.db")) << std::string(4096, 'x');
+  app_.device().write("keychain.db", std::string(4096, 'x'));
   for (const char* command : {"queue", "resend"}) {
     PnxRun broken = app_.run({command});
     EXPECT_EQ(broken.exitCode, 1) << command;

@@ -126,8 +126,7 @@ class PnxProcess {
 inline PnxRun runPnx(std::vector<std::string> arguments, const std::string& input = {},
                      const std::vector<std::string>& environment = {}) {
   PnxProcess process(std::move(arguments), input, environment);
-  const int exitCode = process.wait();
-  return {exitCode, process.out(), process.err()};
+  return {process.wait(), process.out(), process.err()};  // in this order: braces sequence them
 }
 
 // What a run that must succeed printed: its stdout as JSON (fragments allowed), else null.
