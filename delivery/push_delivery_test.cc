@@ -39,8 +39,20 @@ class DeliveryServer {
   };
 
   DeliveryServer() {
-    server_.Post(".*",
-                 [this](const httplib::Request& in, httplib::Response& out) { handle(in, out); });
+    server_.Post(".*", [this](const httplib::Request& in, httplib::Response& out) {
+      // A gzip body comes inflated already.
+      const Value json = JSON::parse(in.body).value_or(Value());
+      const Array* records = json["delivery"].asArray();
+      std::unique_lock lock(mutex_);
+      const std::size_t index = requests_.size();
+      requests_.push_back(records ? Set(records->begin(), records->end()) : Set{"none"});
+      changed_.notify_all();
+      changed_.wait(lock, [this] { return !held_; });
+      const Answer answer = answers_.empty() ? Answer() : answers_[index % answers_.size()];
+      out.status = answer.status;
+      for (const auto& [name, value] : answer.headers) out.set_header(name, value);
+      out.set_content(answer.body, "application/json");
+    });
     server_.set_tcp_nodelay(true);
     // Stopping waits for idle kept-alive connections, which the shared session keeps.
     server_.set_keep_alive_timeout(1);
@@ -72,32 +84,13 @@ class DeliveryServer {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return requests_.size() >= n; });
   }
-  // Each request's "delivery" array, as a set; {"no delivery array"} for a body without one.
+  // Each request's "delivery" array, as a set; {"none"} for a body without one.
   std::vector<Set> requests() {
     std::lock_guard lock(mutex_);
     return requests_;
   }
 
  private:
-  void handle(const httplib::Request& in, httplib::Response& out) {
-    // A gzip body comes inflated already.
-    const Value json = JSON::parse(in.body).value_or(Value());
-    const Array* records = json["delivery"].asArray();
-    const Set request = records ? Set(records->begin(), records->end()) : Set{"no delivery array"};
-    Answer answer;
-    {
-      std::unique_lock lock(mutex_);
-      const std::size_t index = requests_.size();
-      requests_.push_back(request);
-      changed_.notify_all();
-      changed_.wait(lock, [this] { return !held_; });
-      if (!answers_.empty()) answer = answers_[index % answers_.size()];
-    }
-    out.status = answer.status;
-    for (const auto& [name, value] : answer.headers) out.set_header(name, value);
-    out.set_content(answer.body, "application/json");
-  }
-
   httplib::Server server_;
   int port_ = 0;
   std::thread thread_;
