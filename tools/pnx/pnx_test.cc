@@ -110,7 +110,29 @@ class PnxCommands : public ::testing::Test {
   PnxRunner pnx_{bundle_.path()};
 };
 
-TEST_F(PnxCommands, ConfigPrintsEveryPropertyWritesItsLogAndFailsInOneLineOnABadFile) {
+TEST_F(PnxCommands, ConfigAndProfilePrintWhatTheBundleSaysAndABadConfigFailsInOneLine) {
+  PnxRun none = pnx_.run({"--log", "profile"});
+  EXPECT_EQ(expectPnxJSON(none), *JSON::parse(R"({"binaryEnvironment": null,
+      "certificateExpiration": null, "certificateExpired": false, "provisionedDevices": null})"));
+  EXPECT_NE(none.err.find("pnx log: \xF0\x9F\x9B\x91 Couldn't find file embedded.mobileprovision"),
+            std::string::npos)
+      << none.err;
+
+  // An ad-hoc profile that expired two days ago, signed by the examples' script, given by path.
+  const std::string make = "sh " PNX_SOURCE_DIR "/examples/make-profiles.sh --days -2 '";
+  ASSERT_EQ(std::system((make + bundle_.file("p") + "' ad-hoc").c_str()), 0);
+  Value profile =
+      expectPnxJSON(pnx_.run({"profile", "--file", bundle_.file("p/ad-hoc.mobileprovision")}));
+  EXPECT_EQ(profile["binaryEnvironment"], Value("ad-hoc"));
+  EXPECT_EQ(profile["certificateExpired"], Value(true));
+  EXPECT_EQ(profile["provisionedDevices"].size(), 2u);
+  auto expiration = Date::fromISO8601(*profile["certificateExpiration"].asString());
+  ASSERT_TRUE(expiration);
+  EXPECT_NEAR(expiration->timeIntervalSinceNow(), -2 * 86400.0, 3600);
+
+  EXPECT_EQ(expectPnxJSON(PnxRunner().run({"profile"}))["binaryEnvironment"], Value("debug"))
+      << "the sample bundle ships a debug profile";
+
   EXPECT_EQ(expectPnxJSON(pnx_.run({"config"})), *JSON::parse(R"({
       "sessionTimeout": 20, "baseUrl": "https://push.quorvex.example/", "appKey": null,
       "autoInitializeFlag": true, "autoInitializeLocationFlag": false, "appDelegateClass": null,
@@ -173,30 +195,6 @@ TEST_F(PnxCommands, ConfigPrintsEveryPropertyWritesItsLogAndFailsInOneLineOnABad
   expectPnxFailure(run, 1, "pnx: Invalid Config value: Config of [\"\\u001b[2J\",123");
   EXPECT_LT(run.err.size(), 200u) << run.err;
   EXPECT_TRUE(run.err.ends_with(" more bytes) is invalid.\n")) << run.err;
-}
-
-TEST_F(PnxCommands, ProfilePrintsWhatTheProfileSays) {
-  PnxRun none = pnx_.run({"--log", "profile"});
-  EXPECT_EQ(expectPnxJSON(none), *JSON::parse(R"({"binaryEnvironment": null,
-      "certificateExpiration": null, "certificateExpired": false, "provisionedDevices": null})"));
-  EXPECT_NE(none.err.find("pnx log: \xF0\x9F\x9B\x91 Couldn't find file embedded.mobileprovision"),
-            std::string::npos)
-      << none.err;
-
-  // An ad-hoc profile that expired two days ago, signed by the examples' script, given by path.
-  const std::string make = "sh " PNX_SOURCE_DIR "/examples/make-profiles.sh --days -2 '";
-  ASSERT_EQ(std::system((make + bundle_.file("p") + "' ad-hoc").c_str()), 0);
-  Value profile =
-      expectPnxJSON(pnx_.run({"profile", "--file", bundle_.file("p/ad-hoc.mobileprovision")}));
-  EXPECT_EQ(profile["binaryEnvironment"], Value("ad-hoc"));
-  EXPECT_EQ(profile["certificateExpired"], Value(true));
-  EXPECT_EQ(profile["provisionedDevices"].size(), 2u);
-  auto expiration = Date::fromISO8601(*profile["certificateExpiration"].asString());
-  ASSERT_TRUE(expiration);
-  EXPECT_NEAR(expiration->timeIntervalSinceNow(), -2 * 86400.0, 3600);
-
-  EXPECT_EQ(expectPnxJSON(PnxRunner().run({"profile"}))["binaryEnvironment"], Value("debug"))
-      << "the sample bundle ships a debug profile";
 }
 
 constexpr const char* kSharedGroup = "A1B2C3D4E5.PNX";  // teamId of the sample bundle + ".PNX"

@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <fstream>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -42,7 +41,7 @@ class PnxProcess {
  public:
   explicit PnxProcess(std::vector<std::string> arguments, const std::string& input = {},
                       const std::vector<std::string>& environment = {}) {
-    std::ofstream(io_.file("stdin"), std::ios::binary) << input;
+    io_.write("stdin", input);
     std::vector<std::string> variables;
     for (char** entry = environ; *entry; ++entry) {
       std::string_view text(*entry);
