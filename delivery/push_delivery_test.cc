@@ -73,7 +73,6 @@ class DeliveryServer {
     std::lock_guard lock(mutex_);
     answers_ = std::move(answers);
   }
-  // While held, requests wait before they are answered.
   void hold(bool held = true) {
     std::lock_guard lock(mutex_);
     held_ = held;

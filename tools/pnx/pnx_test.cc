@@ -67,7 +67,6 @@ TEST(PnxProgram, VersionAndHelpExitZeroAndUsageErrorsFailInOneLine) {
   }
   expectPnxFailure(runPnx({"--device"}), 2, "--device");
 
-  // A bundle directory that is not there, named by option or by environment, is a failure.
   const std::string device = app.device().path(), missing = device + "/no-such-bundle";
   expectPnxFailure(runPnx({"--device", device, "--bundle", missing, "config"}), 1, missing);
   expectPnxFailure(runPnx({"--device", device, "config"}, "", {"PNX_BUNDLE=" + missing}), 1,
@@ -121,8 +120,7 @@ TEST_F(PnxCommands, ConfigAndProfilePrintWhatTheBundleSaysAndABadConfigFailsInOn
   // An ad-hoc profile that expired two days ago, signed by the examples' script, given by path.
   const std::string make = "sh " PNX_SOURCE_DIR "/examples/make-profiles.sh --days -2 '";
   ASSERT_EQ(std::system((make + bundle_.file("p") + "' ad-hoc").c_str()), 0);
-  Value profile =
-      expectPnxJSON(pnx_.run({"profile", "--file", bundle_.file("p/ad-hoc.mobileprovision")}));
+  Value profile = pnx_.json({"profile", "--file", bundle_.file("p/ad-hoc.mobileprovision")});
   EXPECT_EQ(profile["binaryEnvironment"], Value("ad-hoc"));
   EXPECT_EQ(profile["certificateExpired"], Value(true));
   EXPECT_EQ(profile["provisionedDevices"].size(), 2u);
@@ -130,10 +128,10 @@ TEST_F(PnxCommands, ConfigAndProfilePrintWhatTheBundleSaysAndABadConfigFailsInOn
   ASSERT_TRUE(expiration);
   EXPECT_NEAR(expiration->timeIntervalSinceNow(), -2 * 86400.0, 3600);
 
-  EXPECT_EQ(expectPnxJSON(PnxRunner().run({"profile"}))["binaryEnvironment"], Value("debug"))
+  EXPECT_EQ(PnxRunner().json({"profile"})["binaryEnvironment"], Value("debug"))
       << "the sample bundle ships a debug profile";
 
-  EXPECT_EQ(expectPnxJSON(pnx_.run({"config"})), *JSON::parse(R"({
+  EXPECT_EQ(pnx_.json({"config"}), *JSON::parse(R"({
       "sessionTimeout": 20, "baseUrl": "https://push.quorvex.example/", "appKey": null,
       "autoInitializeFlag": true, "autoInitializeLocationFlag": false, "appDelegateClass": null,
       "locationSyncRadius": 100000, "locationSyncTimeout": 600, "geofenceEnabled": false,
@@ -159,7 +157,7 @@ TEST_F(PnxCommands, ConfigAndProfilePrintWhatTheBundleSaysAndABadConfigFailsInOn
       "appKey": {"dev": "apDEV45678", "prod": "apPROD5678"},
       "baseUrl": "https://api.example.com:8443/rest/v1/", "autoInitialize": "no",
       "appDelegateClass": "Unknown", "sessionTimeout": "45"})");
-  EXPECT_EQ(expectPnxJSON(pnx_.run({"config"})), *JSON::parse(R"({
+  EXPECT_EQ(pnx_.json({"config"}), *JSON::parse(R"({
       "sessionTimeout": 45, "baseUrl": "https://api.example.com:8443/", "appKey": "apPROD5678",
       "autoInitializeFlag": false, "autoInitializeLocationFlag": false, "appDelegateClass": null,
       "locationSyncRadius": 500, "locationSyncTimeout": 300, "geofenceEnabled": true,
@@ -173,7 +171,7 @@ TEST_F(PnxCommands, ConfigAndProfilePrintWhatTheBundleSaysAndABadConfigFailsInOn
       "maximumGeofenceCount": 20, "teamId": "T1", "deliveryReporting": true})"));
 
   bundle_.write("PnxConfig.json", R"({"logfile": true, "loglevel": "info"})");
-  expectPnxJSON(pnx_.run({"config"}));
+  pnx_.json({"config"});
   const std::string log = pnx_.device().read("containers/com.example.commands/Documents/PNX.log");
   EXPECT_NE(log.find("Application Configuration Loaded"), std::string::npos) << log;
   EXPECT_NE(log.find("APNS Certificate is Not Expired"), std::string::npos) << log;
@@ -220,11 +218,10 @@ TEST_F(PnxCommands, KeychainAndIdentityWriteIntoTheSharedGroupOnlyAndReadBack) {
   PnxRunner app;  // the sample bundle, entitled to the shared group
   expectPnxFailure(app.run({"keychain", "set", "userId", "\"x\"", "--group", "ZZZZZ.PNX"}), 1,
                    "errSecMissingEntitlement (-34018)");
-  EXPECT_EQ(expectPnxJSON(app.run({"identity"})),
-            Value::dict({{"userId", Value()}, {"channelId", Value()}}));
-  EXPECT_EQ(expectPnxJSON(app.run({"identity", "--user-id", "user-7", "--channel-id", "chan-9"})),
+  EXPECT_EQ(app.json({"identity"}), Value::dict({{"userId", Value()}, {"channelId", Value()}}));
+  EXPECT_EQ(app.json({"identity", "--user-id", "user-7", "--channel-id", "chan-9"}),
             Value::dict({{"userId", "user-7"}, {"channelId", "chan-9"}}));
-  EXPECT_EQ(expectPnxJSON(app.run({"identity", "--user-id", "user-8"})),
+  EXPECT_EQ(app.json({"identity", "--user-id", "user-8"}),
             Value::dict({{"userId", "user-8"}, {"channelId", "chan-9"}}));
 
   EXPECT_EQ(storedRows(app, "userId"), std::vector{Value::array({kSharedGroup, "dku", "user-8"})});
@@ -236,15 +233,14 @@ TEST_F(PnxCommands, KeychainAndIdentityWriteIntoTheSharedGroupOnlyAndReadBack) {
   // One item set, read and removed; another service is another item, "" the default group.
   const char* queue = R"([{"userId":"u1","mailingId":3},{"channelId":"c2"}])";
   const Value expected = *JSON::parse(queue);
-  EXPECT_EQ(expectPnxJSON(app.run({"keychain", "set", "pushQueue", queue})), expected);
-  EXPECT_EQ(expectPnxJSON(app.run({"keychain", "get", "pushQueue"})), expected);
+  EXPECT_EQ(app.json({"keychain", "set", "pushQueue", queue}), expected);
+  EXPECT_EQ(app.json({"keychain", "get", "pushQueue"}), expected);
   EXPECT_EQ(storedRows(app, "pushQueue"),
             std::vector{Value::array({kSharedGroup, "dku", expected})});
 
-  expectPnxJSON(
-      app.run({"keychain", "set", "pushQueue", "42", "--service", "other", "--group", ""}));
-  EXPECT_EQ(expectPnxJSON(app.run({"keychain", "get", "pushQueue"})), expected);
-  EXPECT_EQ(expectPnxJSON(app.run({"keychain", "rm", "pushQueue"})), expected);
+  app.json({"keychain", "set", "pushQueue", "42", "--service", "other", "--group", ""});
+  EXPECT_EQ(app.json({"keychain", "get", "pushQueue"}), expected);
+  EXPECT_EQ(app.json({"keychain", "rm", "pushQueue"}), expected);
   expectPnxFailure(app.run({"keychain", "get", "pushQueue"}), 1, "errSecItemNotFound (-25300)");
   expectPnxFailure(app.run({"keychain", "rm", "pushQueue"}), 1, "errSecItemNotFound (-25300)");
 }
@@ -258,12 +254,9 @@ class PnxDeliveryCommands : public ::testing::Test {
     std::filesystem::copy(PNX_SOURCE_DIR "/examples/payloads", dir_.file("payloads"));
     const std::string config = dir_.read("bundle/PnxConfig.json");
     dir_.write("bundle/PnxConfig.json", std::regex_replace(config, kLocalUrl, serve_.url()));
-    json({"identity", "--user-id", "u1", "--channel-id", "c1"});
+    app_.json({"identity", "--user-id", "u1", "--channel-id", "c1"});
   }
 
-  Value json(std::vector<std::string> arguments, const std::string& input = {}) {
-    return expectPnxJSON(app_.run(std::move(arguments), input));
-  }
   // An example payload, its media URL pointing at the server.
   std::string payload(const std::string& name) {
     return std::regex_replace(dir_.read("payloads/" + name), kLocalUrl, serve_.url());
@@ -288,8 +281,8 @@ class PnxDeliveryCommands : public ::testing::Test {
 
 TEST_F(PnxDeliveryCommands, DeliverTakesAPushTheWholeRoadAndRefusesBadInputInOneLine) {
   // An action that cannot be encoded stops the extension until its time budget ends.
-  EXPECT_EQ(json({"deliver", "-", "--time-budget", "0.3"},
-                 payload("bad-action-not-encodable.json"))["expired"],
+  EXPECT_EQ(app_.json({"deliver", "-", "--time-budget", "0.3"},
+                      payload("bad-action-not-encodable.json"))["expired"],
             Value(true));
 
   PnxRun run = app_.run({"deliver", "-", "--id", "IMG-1"}, payload("image.json"));
@@ -312,15 +305,14 @@ TEST_F(PnxDeliveryCommands, DeliverTakesAPushTheWholeRoadAndRefusesBadInputInOne
   EXPECT_NE(run.err.find("[ Ask a question … ]"), std::string::npos) << run.err;
 
   // Another process sees the category and an empty delivery queue: the report went out.
-  Value categories = json({"categories"})["categories"];
+  Value categories = app_.json({"categories"})["categories"];
   ASSERT_EQ(categories.size(), 1u);
   EXPECT_EQ(categories.asArray()->at(0)["actions"].size(), 4u);
-  EXPECT_EQ(json({"queue"})["pushQueue"], Value(Array()));
+  EXPECT_EQ(app_.json({"queue"})["pushQueue"], Value(Array()));
   EXPECT_NE(serve_.client().Get("/_pnx/reports")->body.find("arrivals"), std::string::npos);
 
-  for (const char* input : {"[1, 2]", "{\"aps\": ", "\"text\""}) {
+  for (const char* input : {"[1, 2]", "{\"aps\": ", "\"text\""})
     expectPnxFailure(app_.run({"deliver", "-"}, input), 1);
-  }
   expectPnxFailure(app_.run({"deliver", dir_.file("nothing-here.json")}), 1, "nothing-here.json");
   expectPnxFailure(app_.run({"deliver", "-", "--time-budget", "-1"}, "{}"), 2);
   expectPnxFailure(app_.run({"deliver", dir_.file("bundle")}), 1, "is a directory");
@@ -332,7 +324,7 @@ TEST_F(PnxDeliveryCommands, DeliverTakesAPushTheWholeRoadAndRefusesBadInputInOne
 TEST_F(PnxDeliveryCommands, QueueShowsWhatFailedOrIsInFlightAndResendSendsIt) {
   setFaults(R"(["status=500,times=1"])");
   ASSERT_EQ(app_.run({"_report", "--prefix", "p", "--count", "1"}).exitCode, 0);
-  EXPECT_EQ(json({"queue"}), queue(Value::array({record("p-0")})));
+  EXPECT_EQ(app_.json({"queue"}), queue(Value::array({record("p-0")})));
 
   // A failing resend exits 1 with the error in its JSON and one line that names it.
   setFaults(R"(["status=503"])");
@@ -349,24 +341,24 @@ TEST_F(PnxDeliveryCommands, QueueShowsWhatFailedOrIsInFlightAndResendSendsIt) {
   Value shown;
   for (int i = 0; i < 500 && shown != inFlight; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    shown = json({"queue"});
+    shown = app_.json({"queue"});
   }
   ASSERT_EQ(shown, inFlight);
   reporter.stop(SIGKILL);
-  EXPECT_EQ(json({"resend"}),
+  EXPECT_EQ(app_.json({"resend"}),
             Value::dict({{"sent", 2}, {"error", Value()}, {"retryAfter", Value()}}));
-  EXPECT_EQ(json({"queue"}), queue(Value(Array())));
+  EXPECT_EQ(app_.json({"queue"}), queue(Value(Array())));
   EXPECT_EQ(JSON::parse(serve_.client().Get("/_pnx/reports")->body)->size(), 1u);
-  EXPECT_EQ(json({"resend"})["sent"], Value(0));
+  EXPECT_EQ(app_.json({"resend"})["sent"], Value(0));
 
   // A back-off holds resends, and both commands show its date.
   setFaults(R"(["status=429,retry-after=120"])");
   ASSERT_EQ(app_.run({"_report", "--prefix", "b", "--count", "1"}).exitCode, 0);
-  Value held = json({"queue"});
+  Value held = app_.json({"queue"});
   ASSERT_TRUE(held["retryAfter"].isString());
-  EXPECT_EQ(json({"resend"}),
+  EXPECT_EQ(app_.json({"resend"}),
             Value::dict({{"sent", 0}, {"error", Value()}, {"retryAfter", held["retryAfter"]}}));
-  EXPECT_EQ(json({"queue"})["pushQueue"], Value::array({record("b-0")}));
+  EXPECT_EQ(app_.json({"queue"})["pushQueue"], Value::array({record("b-0")}));
 
   // A keychain that cannot be read is no empty queue, and is named with its status.
   app_.device().write("keychain.db", std::string(4096, 'x'));

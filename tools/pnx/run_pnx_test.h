@@ -40,17 +40,21 @@ struct PnxRun {
 class PnxProcess {
  public:
   explicit PnxProcess(std::vector<std::string> arguments, const std::string& input = {},
-                      const std::vector<std::string>& environment = {}) {
+                      std::vector<std::string> environment = {}) {
     io_.write("stdin", input);
-    std::vector<std::string> variables;
+    arguments.insert(arguments.begin(), PNX_BINARY);
+    // argv and envp point into `arguments`, `environ` and `environment`, ended by nullptr.
+    std::vector<char*> argv, envp;
+    for (auto& text : arguments) argv.push_back(text.data());
     for (char** entry = environ; *entry; ++entry) {
-      std::string_view text(*entry);
+      const std::string_view text(*entry);
       if (!text.starts_with("PNX_DEVICE=") && !text.starts_with("PNX_BUNDLE=")) {
-        variables.emplace_back(text);
+        envp.push_back(*entry);
       }
     }
-    variables.insert(variables.end(), environment.begin(), environment.end());
-    arguments.insert(arguments.begin(), PNX_BINARY);
+    for (auto& text : environment) envp.push_back(text.data());
+    argv.push_back(nullptr);
+    envp.push_back(nullptr);
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -59,7 +63,6 @@ class PnxProcess {
       const std::string path = io_.file(fd == 1 ? "stdout" : "stderr");
       posix_spawn_file_actions_addopen(&actions, fd, path.c_str(), O_WRONLY | O_CREAT, 0600);
     }
-    auto argv = pointers(arguments), envp = pointers(variables);
     const int error = posix_spawn(&pid_, PNX_BINARY, &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) throw std::runtime_error("cannot start " PNX_BINARY);
@@ -109,22 +112,14 @@ class PnxProcess {
   }
 
  private:
-  // argv/envp for posix_spawn: pointers into `strings`, ended by nullptr.
-  static std::vector<char*> pointers(std::vector<std::string>& strings) {
-    std::vector<char*> result;
-    for (auto& text : strings) result.push_back(text.data());
-    result.push_back(nullptr);
-    return result;
-  }
-
   pnx::testing::TempDir io_;
   pid_t pid_ = -1;
   std::size_t consumed_ = 0;
 };
 
 inline PnxRun runPnx(std::vector<std::string> arguments, const std::string& input = {},
-                     const std::vector<std::string>& environment = {}) {
-  PnxProcess process(std::move(arguments), input, environment);
+                     std::vector<std::string> environment = {}) {
+  PnxProcess process(std::move(arguments), input, std::move(environment));
   return {process.wait(), process.out(), process.err()};  // in this order: braces sequence them
 }
 
@@ -165,6 +160,9 @@ class PnxRunner {
   PnxRun run(std::vector<std::string> arguments, const std::string& input = {}) const {
     return runPnx(this->arguments(std::move(arguments)), input);
   }
+  pnx::Value json(std::vector<std::string> arguments, const std::string& input = {}) const {
+    return expectPnxJSON(run(std::move(arguments), input));
+  }
 
  private:
   pnx::testing::TempDir device_;
@@ -178,16 +176,13 @@ class PnxServe : private PnxRunner, public PnxProcess {
   explicit PnxServe(std::vector<std::string> arguments = {})
       : PnxProcess(PnxRunner::arguments(withServe(std::move(arguments)))) {
     auto first = nextLine();
-    if (const std::string* url = first ? (*first)["listening"].asString() : nullptr) {
-      url_ = *url;
-      port_ = std::stoi(url_.substr(url_.rfind(':') + 1));
-    }
+    if (const std::string* url = first ? (*first)["listening"].asString() : nullptr) url_ = *url;
   }
 
   const std::string& url() const { return url_; }
-  int port() const { return port_; }
+  int port() const { return url_.empty() ? 0 : std::stoi(url_.substr(url_.rfind(':') + 1)); }
   httplib::Client client() const {
-    httplib::Client client("127.0.0.1", port_);
+    httplib::Client client("127.0.0.1", port());
     client.set_read_timeout(10, 0);
     return client;
   }
@@ -199,5 +194,4 @@ class PnxServe : private PnxRunner, public PnxProcess {
   }
 
   std::string url_;
-  int port_ = 0;
 };
