@@ -372,10 +372,9 @@ TEST_F(DeliveryTest, AFailingKeychainLosesNothingThatWasStoredOrInFlight) {
   EXPECT_TRUE(manager_->inFlightRecords().empty());
 
   // Taking back an abandoned send whose records cannot be queued leaves them in flight.
-  Date longAgo = Date::now().addingTimeInterval(-10 * kInFlightAbandonSeconds);
   ASSERT_TRUE(store_->setObject(
       inFlightWith(Value(), "old-send",
-                   inFlightEntry(ProcessIdentity::current(), longAgo, {recordFor("old")})),
+                   inFlightEntry(ProcessIdentity::current(), Date(0), {recordFor("old")})),
       kPushQueueInFlightItem));
   disk_->failures = 1;  // the queue's write fails, the in-flight entry's would not
   manager_->reclaimAbandonedSends();
