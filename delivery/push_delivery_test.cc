@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -147,10 +148,16 @@ class DeliveryTest : public ::testing::Test {
   }
 
   ErrorPtr send(const Set& queue) {
-    std::promise<ErrorPtr> outcome;
-    PNXPushDeliveryClient().sendPushQueue(queue, [&](ErrorPtr error) { outcome.set_value(error); });
-    auto future = outcome.get_future();
-    EXPECT_EQ(future.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    // Shared with the completion, so that a send that never completes fails the test
+    // instead of hanging it.
+    auto outcome = std::make_shared<std::promise<ErrorPtr>>();
+    PNXPushDeliveryClient().sendPushQueue(queue,
+                                          [outcome](ErrorPtr error) { outcome->set_value(error); });
+    auto future = outcome->get_future();
+    if (future.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
+      ADD_FAILURE() << "the send did not complete";
+      return nullptr;
+    }
     return future.get();
   }
 
@@ -164,7 +171,10 @@ class DeliveryTest : public ::testing::Test {
   std::size_t push(const Value& payload) { return wait(start(payload)); }
   std::size_t resend() { return wait(start(std::nullopt)); }
   static std::size_t wait(std::future<std::size_t> outcome) {
-    EXPECT_EQ(outcome.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    if (outcome.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+      ADD_FAILURE() << "the push did not complete";
+      return 0;
+    }
     return outcome.get();
   }
   // What is stored, read as an independent reader would.
