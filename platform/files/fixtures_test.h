@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -132,6 +133,16 @@ inline mode_t modeOf(const std::string& path) {
   struct stat info {};
   stat(path.c_str(), &info);
   return info.st_mode & 07777;
+}
+
+// Writes a self-signed certificate for 127.0.0.1 and its key as <dir>/cert.pem and
+// <dir>/key.pem with the openssl tool; false when they could not be made.
+inline bool writeLocalCertificate(const TempDir& dir) {
+  const std::string command =
+      "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 "
+      "-addext subjectAltName=IP:127.0.0.1 -keyout '" +
+      dir.file("key.pem") + "' -out '" + dir.file("cert.pem") + "' 2>/dev/null";
+  return std::system(command.c_str()) == 0;
 }
 
 }  // namespace pnx::testing

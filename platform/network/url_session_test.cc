@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <string>
@@ -348,11 +347,7 @@ TEST(URLSessionTest, StalledRequestsTimeOutOrEndAsCancelled) {
 TEST(URLSessionTest, CertificatesAreCheckedAgainstTheSystemAndTheDeviceTrust) {
   testing::ScopedDevice device;
   const std::string cert = device.root().file("cert.pem"), key = device.root().file("key.pem");
-  const std::string command =
-      "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 "
-      "-addext subjectAltName=IP:127.0.0.1 -keyout '" +
-      key + "' -out '" + cert + "' 2>/dev/null";
-  ASSERT_EQ(std::system(command.c_str()), 0);
+  ASSERT_TRUE(testing::writeLocalCertificate(device.root()));
   LocalServer server(std::make_unique<httplib::SSLServer>(cert.c_str(), key.c_str()));
   server->Get("/hello", content("secret"));
   server.start();

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -166,11 +165,7 @@ TEST(ServeCommand, BadOptionsFailInOneLine) {
 TEST(ServeCommand, ServesMediaAndReportsOverHTTPSWithTheGivenCertificate) {
   pnx::testing::TempDir dir;
   const std::string cert = dir.file("cert.pem"), key = dir.file("key.pem");
-  const std::string command =
-      "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 "
-      "-addext subjectAltName=IP:127.0.0.1 -keyout '" +
-      key + "' -out '" + cert + "' 2>/dev/null";
-  ASSERT_EQ(std::system(command.c_str()), 0);
+  ASSERT_TRUE(pnx::testing::writeLocalCertificate(dir));
   const std::string secret = dir.write("secret.txt", "secret");
   dir.write("media/sound.aiff", "sound");
   ASSERT_EQ(symlink(secret.c_str(), dir.file("media/link.png").c_str()), 0);
