@@ -11,6 +11,7 @@
 #include <fstream>
 #include <functional>
 #include <limits>
+#include <mutex>
 #include <thread>
 
 #include "diagnostics/log_capture_test.h"
@@ -29,14 +30,15 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Serves the sample PNG as /media/NAME; for a NAME starting "slow", only once onSlow returns.
+// Serves the sample PNG as /media/NAME; for a NAME starting "slow", only once the hook set
+// by holdSlow returns.
 class MediaServer {
  public:
   MediaServer() {
     std::ifstream in(PNX_SOURCE_DIR "/examples/media/sample.png", std::ios::binary);
     png_.assign(std::istreambuf_iterator<char>(in), {});
     server_.Get("/media/(.*)", [this](const httplib::Request& in, httplib::Response& out) {
-      if (std::string(in.matches[1]).starts_with("slow")) onSlow();
+      if (std::string(in.matches[1]).starts_with("slow")) slowHook()();
       out.set_content(png_, "image/png");
     });
     // One request per connection: a kept-alive connection would hold stop() for seconds.
@@ -52,9 +54,21 @@ class MediaServer {
   std::string url(const std::string& name) const {
     return "http://127.0.0.1:" + std::to_string(port_) + "/media/" + name;
   }
-  std::function<void()> onSlow;
+  // Under a lock: the hook is set while the server runs, and a request reaching it over a
+  // socket is no ordering the thread sanitizer can see.
+  void holdSlow(std::function<void()> hook) {
+    std::lock_guard lock(mutex_);
+    onSlow_ = std::move(hook);
+  }
 
  private:
+  std::function<void()> slowHook() {
+    std::lock_guard lock(mutex_);
+    return onSlow_;
+  }
+
+  std::mutex mutex_;
+  std::function<void()> onSlow_ = [] {};
   std::string png_;
   httplib::Server server_;
   int port_ = 0;
@@ -220,10 +234,10 @@ TEST_F(NotificationServiceTest,
   EXPECT_TRUE(registered().empty());
 
   log_.clear();
-  server.onSlow = [this] {
+  server.holdSlow([this] {
     Clock::advance(31);  // past the budget while the download is held
     while (!consoleHas("Service time expired!")) std::this_thread::sleep_for(1ms);
-  };
+  });
   // A long grace: the run ends as soon as nothing is in flight.
   outcome = serve(mediaRequest(server.url("slow.png")), ExtensionRunOptions{.grace = 10s});
   EXPECT_TRUE(outcome.expired);
