@@ -475,6 +475,8 @@ int runServe(const ServeOptions& options) {
   // The server writes an answer's head and body separately: with Nagle's algorithm the body
   // would wait for the client's delayed ACK, 40 ms on every request.
   server->set_tcp_nodelay(true);
+  // A stop waits for each idle kept-alive connection to time out: one second, not five.
+  server->set_keep_alive_timeout(1);
   backend.install(*server);
   if (!blockStopSignals()) return pnxFail("cannot block the stop signals");
 

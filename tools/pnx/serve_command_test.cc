@@ -140,7 +140,7 @@ TEST(ServeCommand, FaultsApplyInOrderForTheirTimesAndAreReplacedAtRunTime) {
 
 // A stop signal sent as soon as the first line is out used to be lost when the listener had
 // not started yet, and the server ran on (5 runs in 10 hung).
-TEST(ServeCommand, StopsOnASignalRightAfterItsFirstLine) {
+TEST(ServeCommand, StopsOnASignalRightAfterItsFirstLineAndWithAnIdleClient) {
   for (int run = 0; run < 10; ++run) {
     pnx::testing::TempDir device;
     PnxProcess serve({"--device", device.path(), "serve", "--port", "0"});
@@ -148,6 +148,14 @@ TEST(ServeCommand, StopsOnASignalRightAfterItsFirstLine) {
     while (serve.out().find('\n') == std::string::npos && Clock::now() < deadline) continue;
     EXPECT_EQ(serve.stop(SIGTERM), 0) << "run " << run << ": " << serve.err();
   }
+  // A client that keeps its connection open and idle held the stop for 5 s.
+  PnxServe serve;
+  httplib::Client client = serve.client();
+  client.set_keep_alive(true);
+  ASSERT_EQ(client.Get("/_pnx/reports")->status, 200);
+  const auto stopping = Clock::now();
+  EXPECT_EQ(serve.stop(SIGTERM), 0);
+  EXPECT_LT(Clock::now() - stopping, std::chrono::seconds(3));
 }
 
 TEST(ServeCommand, BadOptionsFailInOneLine) {
