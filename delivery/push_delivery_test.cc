@@ -26,6 +26,7 @@
 #include "platform/files/fixtures_test.h"
 #include "platform/foundation/date.h"
 #include "platform/foundation/json.h"
+#include "platform/network/local_server_test.h"
 #include "platform/security/sqlite_io.h"
 
 namespace pnx::testing {
@@ -40,7 +41,7 @@ class DeliveryServer {
   };
 
   DeliveryServer() {
-    server_.Post(".*", [this](const httplib::Request& in, httplib::Response& out) {
+    server_->Post(".*", [this](const httplib::Request& in, httplib::Response& out) {
       // A gzip body comes inflated already.
       const Value json = JSON::parse(in.body).value_or(Value());
       const Array* records = json["delivery"].asArray();
@@ -54,20 +55,13 @@ class DeliveryServer {
       for (const auto& [name, value] : answer.headers) out.set_header(name, value);
       out.set_content(answer.body, "application/json");
     });
-    server_.set_tcp_nodelay(true);
-    // Stopping waits for idle kept-alive connections, which the shared session keeps.
-    server_.set_keep_alive_timeout(1);
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    server_->set_tcp_nodelay(true);
+    server_.start();
   }
-  ~DeliveryServer() {
-    hold(false);
-    server_.stop();
-    thread_.join();
-  }
+  // Lets a held request go, or stopping the server would wait for it.
+  ~DeliveryServer() { hold(false); }
 
-  std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
+  std::string baseUrl() const { return server_.url("/").absoluteString(); }
 
   // Requests get these answers in turn, round and round.
   void respondWith(std::vector<Answer> answers) {
@@ -91,14 +85,12 @@ class DeliveryServer {
   }
 
  private:
-  httplib::Server server_;
-  int port_ = 0;
-  std::thread thread_;
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<Answer> answers_;
   bool held_ = false;
   std::vector<Set> requests_;
+  LocalServer server_;  // last: it stops before what its handler uses goes
 };
 
 Value pushWith(const std::string& attribution, Value mailingId = Value(7)) {

@@ -20,6 +20,7 @@
 #include "platform/files/fixtures_test.h"
 #include "platform/foundation/json.h"
 #include "platform/foundation/uuid.h"
+#include "platform/network/local_server_test.h"
 #include "platform/notifications/notification_center.h"
 #include "service/download_file_name.h"
 #include "service/dynamic_category.h"
@@ -37,22 +38,16 @@ class MediaServer {
   MediaServer() {
     std::ifstream in(PNX_SOURCE_DIR "/examples/media/sample.png", std::ios::binary);
     png_.assign(std::istreambuf_iterator<char>(in), {});
-    server_.Get("/media/(.*)", [this](const httplib::Request& in, httplib::Response& out) {
+    server_->Get("/media/(.*)", [this](const httplib::Request& in, httplib::Response& out) {
       if (std::string(in.matches[1]).starts_with("slow")) slowHook()();
       out.set_content(png_, "image/png");
     });
-    // One request per connection: a kept-alive connection would hold stop() for seconds.
-    server_.set_keep_alive_max_count(1);
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) std::this_thread::sleep_for(1ms);
-  }
-  ~MediaServer() {
-    server_.stop();
-    thread_.join();
+    // One request per connection: a kept-alive one would hold stop() for up to a second.
+    server_->set_keep_alive_max_count(1);
+    server_.start();
   }
   std::string url(const std::string& name) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + "/media/" + name;
+    return server_.url("/media/" + name).absoluteString();
   }
   // Under a lock: the hook is set while the server runs, and a request reaching it over a
   // socket is no ordering the thread sanitizer can see.
@@ -70,9 +65,7 @@ class MediaServer {
   std::mutex mutex_;
   std::function<void()> onSlow_ = [] {};
   std::string png_;
-  httplib::Server server_;
-  int port_ = 0;
-  std::thread thread_;
+  testing::LocalServer server_;  // last: it stops before what its handler uses goes
 };
 
 Value json(std::string_view text) {

@@ -19,6 +19,7 @@
 
 #include "platform/files/fixtures_test.h"
 #include "platform/foundation/date.h"
+#include "platform/network/local_server_test.h"
 #include "platform/network/url_error.h"
 
 // cpp-httplib is Debian's compiled library, not built with ThreadSanitizer, which then
@@ -34,42 +35,11 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
+using testing::LocalServer;
 
 std::string localHost(int port) {
   return "//127.0.0.1:" + std::to_string(port);
 }
-
-class LocalServer {
- public:
-  explicit LocalServer(
-      std::unique_ptr<httplib::Server> server = std::make_unique<httplib::Server>())
-      : server_(std::move(server)) {
-    // Idle kept-alive connections hold a server thread, and stopping waits for them.
-    server_->set_keep_alive_timeout(1);
-  }
-  ~LocalServer() {
-    if (!thread_.joinable()) return;
-    server_->stop();
-    thread_.join();
-  }
-
-  httplib::Server* operator->() { return server_.get(); }
-  // Binds first, so that requests made as soon as this returns wait in the backlog.
-  void start() {
-    port_ = server_->bind_to_any_port("127.0.0.1");
-    ASSERT_GT(port_, 0);
-    thread_ = std::thread([this] { server_->listen_after_bind(); });
-  }
-  URL url(const std::string& path) const {
-    const bool tls = dynamic_cast<httplib::SSLServer*>(server_.get());
-    return *URL::parse((tls ? "https" : "http") + (":" + localHost(port_)) + path);
-  }
-
- private:
-  std::unique_ptr<httplib::Server> server_;
-  std::thread thread_;
-  int port_ = 0;
-};
 
 httplib::Server::Handler content(std::string body, const char* type = "application/octet-stream") {
   return [body = std::move(body), type](const httplib::Request&, httplib::Response& response) {
